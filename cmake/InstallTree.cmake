@@ -1,0 +1,23 @@
+# The install tree, laid out twice from the same rules: by every build as <build>/root, and by `cmake --install`.
+
+set(CONNECTOR_ROOT "${CMAKE_BINARY_DIR}/root")
+# The folder's name is fixed on every platform.
+set(CONNECTOR_MODULE_DIR "bin/win64")
+
+# connector_place(TARGET FOLDER): the target's file is built into FOLDER of the tree and installed there.
+function(connector_place target folder)
+  set_target_properties(${target} PROPERTIES
+    RUNTIME_OUTPUT_DIRECTORY "${CONNECTOR_ROOT}/${folder}"
+    LIBRARY_OUTPUT_DIRECTORY "${CONNECTOR_ROOT}/${folder}")
+  install(TARGETS ${target}
+    RUNTIME DESTINATION ${folder}
+    LIBRARY DESTINATION ${folder})
+  file(RELATIVE_PATH to_lib "/${folder}" "/lib")
+  set_target_properties(${target} PROPERTIES
+    BUILD_RPATH "\$ORIGIN/${to_lib}" INSTALL_RPATH "\$ORIGIN/${to_lib}" BUILD_WITH_INSTALL_RPATH ON)
+endfunction()
+
+foreach(folder ${CONNECTOR_MODULE_DIR}/connector_plugins ui remote toolbox/vendra/connector2/connector/docroot derived test)
+  file(MAKE_DIRECTORY "${CONNECTOR_ROOT}/${folder}")
+  install(DIRECTORY DESTINATION ${folder})
+endforeach()

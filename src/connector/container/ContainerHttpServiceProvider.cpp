@@ -1,0 +1,100 @@
+#include "connector/container/ContainerHttpServiceProvider.h"
+
+#include <Poco/JSON/Object.h>
+
+#include "connector/container/ContainerMessages.h"
+#include "connector/core/Connector.h"
+#include "connector/json/JsonText.h"
+
+namespace connector::container {
+namespace v1 {
+namespace {
+
+constexpr const char* kJson = "application/json";
+
+bool isJson(std::string_view contentType)
+{
+    const auto type = contentType.substr(0, contentType.find_first_of("; \t"));
+    return type.size() == std::string_view(kJson).size() &&
+           std::equal(type.begin(), type.end(), kJson,
+                      [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; });
+}
+
+std::unique_ptr<http::HttpResponse> answerJson(std::string body)
+{
+    return std::make_unique<http::HttpResponse>(200, kJson, std::move(body));
+}
+
+std::unique_ptr<ContainerRequest> inContainer(std::unique_ptr<Message> message, const Poco::JSON::Object& object)
+{
+    auto request = std::make_unique<ContainerRequest>();
+    request->entries.push_back({object.optValue<std::string>("id", {}), object.getValue<std::string>("type"),
+                                std::move(message), nullptr});
+    return request;
+}
+
+} // namespace
+
+ContainerHttpServiceProvider::ContainerHttpServiceProvider(std::shared_ptr<json::JsonSerializer> serializer)
+    : serializer_(std::move(serializer))
+{
+}
+
+std::vector<std::string> ContainerHttpServiceProvider::methods() const
+{
+    return {"POST"};
+}
+
+MessageFuture ContainerHttpServiceProvider::post(Request&& request, Address&& rest, std::shared_ptr<Context>&& context)
+{
+    // Only this type cannot be posted by a form of a foreign page.
+    if (!isJson(request->headers.get("Content-Type")))
+        return makeReadyFuture<std::unique_ptr<Message>>(
+            http::refusal(*request, 415, "Messages are posted as application/json."));
+
+    std::unique_ptr<ContainerRequest> container;
+    bool bare = false;
+    try {
+        const auto value = json::parse(request->body);
+        if (value.type() != typeid(Poco::JSON::Object::Ptr))
+            throw json::JsonError("The body is not a JSON object.");
+        const auto& object = *value.extract<Poco::JSON::Object::Ptr>();
+        bare = object.has("type") && object.get("type") != std::string("ContainerRequest");
+        auto message = bare || object.has("type") ? serializer_->fromJson(object) : nullptr;
+        if (!message) {
+            Poco::JSON::Object named(object);
+            named.set("type", "ContainerRequest");
+            message = serializer_->fromJson(named);
+        }
+        if (bare)
+            container = inContainer(std::move(message), object);
+        else
+            container.reset(static_cast<ContainerRequest*>(message.release()));
+    } catch (const json::JsonError& error) {
+        return makeReadyFuture<std::unique_ptr<Message>>(http::refusal(*request, 400, error.what()));
+    }
+
+    return context->connector()
+        ->handle(std::move(container), std::move(rest), std::shared_ptr<Context>(context))
+        .then([serializer = serializer_, bare](MessageFuture answer) -> std::unique_ptr<Message> {
+            auto message = answer.get();
+            auto* response = dynamic_cast<ContainerResponse*>(message.get());
+            if (!bare || !response)
+                return answerJson(serializer->write(*message));
+
+            auto& entry = response->entries.at(0);
+            auto object = serializer->toJson(*entry.message);
+            object->set("id", entry.id);
+            return answerJson(json::write(Poco::Dynamic::Var(object)));
+        });
+}
+
+} // namespace v1
+
+ContainerHttpRouteProvider::ContainerHttpRouteProvider(std::shared_ptr<http::HttpRouter> router, Address address)
+    : HttpRouteProvider(std::move(router))
+{
+    add(kPath, std::move(address));
+}
+
+} // namespace connector::container

@@ -1,0 +1,7 @@
+#include "connector/core/Message.h"
+
+namespace connector {
+
+Message::~Message() = default;
+
+} // namespace connector

@@ -1,0 +1,20 @@
+#include "connector/http/AccessToken.h"
+
+#include "connector/common/Secret.h"
+
+namespace connector::http {
+
+AccessToken::AccessToken() : text_(common::randomHex(32)) {}
+
+const AccessToken& AccessToken::ofProcess()
+{
+    static const AccessToken token;
+    return token;
+}
+
+bool AccessToken::matches(std::string_view candidate) const
+{
+    return common::equalSecrets(common::sha256(candidate), common::sha256(text_));
+}
+
+} // namespace connector::http

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "connector/Export.h"
+#include "connector/core/ServiceProvider.h"
+
+namespace connector::http {
+
+/// Header fields in order of arrival; names compare without letter case. Names are tokens, values hold no control
+/// characters: `add` and `set` throw std::invalid_argument otherwise (RFC 9110 §5).
+class CONNECTOR_API Headers
+{
+public:
+    using Field = std::pair<std::string, std::string>;
+
+    void add(std::string name, std::string value);
+    /// Replaces all fields of the name.
+    void set(std::string name, std::string value);
+    void remove(std::string_view name);
+    /// The first field's value; null when there is none.
+    const std::string* find(std::string_view name) const noexcept;
+    std::string get(std::string_view name) const; ///< as `find`, "" for none
+    std::size_t count(std::string_view name) const noexcept;
+    const std::vector<Field>& fields() const noexcept { return fields_; }
+
+private:
+    std::vector<Field> fields_;
+};
+
+class HttpServiceProvider;
+
+/// One request, its body read whole.
+class CONNECTOR_API HttpRequest final : public ServiceMessage<HttpServiceProvider>
+{
+public:
+    std::string method;    ///< "GET", as sent
+    std::string target;    ///< as sent, origin form: "/a%20b?x=1"
+    std::string path;      ///< decoded once, checked, starts with "/"
+    std::string query;     ///< not decoded, without "?"
+    std::string authority; ///< host and port asked for, from Host or an absolute target
+    Headers headers;
+    std::string body;
+    std::string peerAddress;     ///< numeric, without port
+    std::uint16_t localPort = 0; ///< the port it came in on; 0 when it came from no socket
+    bool secure = false;         ///< came over TLS
+    bool keepAlive = true;
+
+    MessageFuture deliverTo(std::shared_ptr<HttpServiceProvider> provider, std::unique_ptr<Message>&& message,
+                            Address&& address, std::shared_ptr<Context>&& context) override;
+};
+
+/// One answer.
+class CONNECTOR_API HttpResponse final : public Message
+{
+public:
+    HttpResponse() = default;
+    explicit HttpResponse(unsigned statusCode) : status(statusCode) {}
+    HttpResponse(unsigned statusCode, std::string contentType, std::string content);
+
+    unsigned status = 200;
+    Headers headers; ///< Content-Length, Date and Connection are the engine's
+    std::string body;
+};
+
+/// The reason phrase of a status code ("Not Found"), "" for one without a name.
+CONNECTOR_API const char* reasonPhrase(unsigned status) noexcept;
+
+/// A short refusal, as JSON ({"error": …}) when the Accept header asks for it, else as text.
+CONNECTOR_API std::unique_ptr<HttpResponse> refusal(const HttpRequest& request, unsigned status, std::string_view text);
+/// The same for a caller that no longer has the request.
+CONNECTOR_API std::unique_ptr<HttpResponse> refusal(bool asJson, unsigned status, std::string_view text);
+/// Whether the Accept header asks for JSON.
+CONNECTOR_API bool prefersJson(const Headers& headers) noexcept;
+
+} // namespace connector::http

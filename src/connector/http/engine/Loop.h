@@ -1,0 +1,59 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <unordered_map>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include "connector/http/engine/ResponseHead.h"
+#include "connector/http/engine/ServerCore.h"
+
+namespace connector::http::engine {
+
+class Connection;
+
+/// One I/O thread's share of the connections. A connection stays with its loop, so that none of its state is locked.
+/// Everything but `context` and `run` belongs to the loop's own thread.
+class Loop final : public std::enable_shared_from_this<Loop>
+{
+public:
+    explicit Loop(std::shared_ptr<ServerCore> core);
+    ~Loop();
+    Loop(const Loop&) = delete;
+    Loop& operator=(const Loop&) = delete;
+
+    /// The thread's body: returns once it was stopped and the last connection is closed.
+    void run();
+    boost::asio::io_context& context() noexcept { return context_; }
+
+    ServerCore& core() noexcept { return *core_; }
+    const std::shared_ptr<ServerCore>& sharedCore() const noexcept { return core_; }
+    const std::string& date() { return date_.at(std::time(nullptr)); }
+    bool isStopping() const noexcept { return stopping_; }
+
+    /// `welcome` is false for a connection beyond the limit, which gets 503.
+    void adopt(boost::asio::ip::tcp::socket socket, bool welcome, std::unique_ptr<ConnectionCount> count);
+    void remove(Connection& connection);
+    void stop();
+
+private:
+    void sweepLater();
+    void sweep();
+
+    const std::shared_ptr<ServerCore> core_; // before the context, whose end may destroy connections
+    boost::asio::io_context context_{1};
+    std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> work_;
+    boost::asio::steady_timer sweepTimer_;
+    boost::asio::steady_timer stopTimer_;
+    std::chrono::milliseconds sweepInterval_;
+    std::unordered_map<Connection*, std::shared_ptr<Connection>> connections_;
+    DateText date_;
+    bool stopping_ = false;
+};
+
+} // namespace connector::http::engine

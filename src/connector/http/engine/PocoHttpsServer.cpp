@@ -1,0 +1,160 @@
+#include "connector/http/PocoHttpsServer.h"
+
+#include <stdexcept>
+#include <vector>
+
+#include <Poco/Net/NetSSL.h>
+#include <Poco/Net/SSLManager.h>
+#include <boost/asio/post.hpp>
+
+#include "connector/common/Thread.h"
+#include "connector/http/engine/Acceptor.h"
+#include "connector/http/engine/Loop.h"
+
+namespace connector::http {
+
+namespace asio = boost::asio;
+
+namespace {
+
+/// The servers that are open, for `initializeConnectorSSL`.
+class OpenServers
+{
+public:
+    static OpenServers& instance()
+    {
+        static OpenServers servers;
+        return servers;
+    }
+
+    void add(std::weak_ptr<PocoHttpsServer> server)
+    {
+        std::lock_guard lock(mutex_);
+        std::erase_if(servers_, [](const auto& known) { return known.expired(); });
+        servers_.push_back(std::move(server));
+    }
+
+    std::vector<std::shared_ptr<PocoHttpsServer>> take()
+    {
+        std::vector<std::weak_ptr<PocoHttpsServer>> known;
+        {
+            std::lock_guard lock(mutex_);
+            known.swap(servers_);
+        }
+        std::vector<std::shared_ptr<PocoHttpsServer>> alive;
+        for (const auto& server : known) {
+            if (auto strong = server.lock())
+                alive.push_back(std::move(strong));
+        }
+        return alive;
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<std::weak_ptr<PocoHttpsServer>> servers_;
+};
+
+} // namespace
+
+/// One time of being open.
+struct PocoHttpsServer::Run
+{
+    std::shared_ptr<engine::ServerCore> core;
+    std::vector<std::shared_ptr<engine::Loop>> loops;
+    std::shared_ptr<engine::Acceptor> acceptor;
+    std::vector<std::thread> threads;
+    std::uint16_t port = 0;
+
+    void stop()
+    {
+        if (acceptor)
+            asio::post(loops.front()->context(), [acceptor = std::move(acceptor)] { acceptor->stop(); });
+        for (const auto& loop : loops)
+            asio::post(loop->context(), [weak = std::weak_ptr(loop)] {
+                if (const auto alive = weak.lock())
+                    alive->stop();
+            });
+        for (auto& thread : threads)
+            common::joinThread(std::move(thread));
+        threads.clear();
+    }
+};
+
+void PocoHttpsServer::initializeConnectorSSL()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        Poco::Net::initializeNetwork();
+        Poco::Net::initializeSSL();
+    });
+    for (const auto& server : OpenServers::instance().take())
+        server->close();
+}
+
+PocoHttpsServer::PocoHttpsServer(ServerSettings settings, Handler handler)
+    : settings_(std::move(settings)), handler_(std::move(handler))
+{}
+
+PocoHttpsServer::~PocoHttpsServer() { close(); }
+
+void PocoHttpsServer::open()
+{
+    std::lock_guard lock(mutex_);
+    if (run_)
+        throw std::logic_error("The server is open already, on port " + std::to_string(run_->port));
+
+    auto run = std::make_shared<Run>();
+    run->core = std::make_shared<engine::ServerCore>(settings_, handler_);
+    const int threads = std::max(1, settings_.parameters->getMaxThreads());
+    for (int i = 0; i < threads; ++i)
+        run->loops.push_back(std::make_shared<engine::Loop>(run->core));
+    run->acceptor = std::make_shared<engine::Acceptor>(run->loops);
+    run->port = run->acceptor->listen();
+    try {
+        for (const auto& loop : run->loops)
+            run->threads.push_back(common::startThread("http-io", [loop] { loop->run(); }));
+    } catch (...) {
+        run->acceptor.reset();
+        run->stop();
+        throw;
+    }
+    asio::post(run->loops.front()->context(), [acceptor = run->acceptor] { acceptor->start(); });
+    run_ = std::move(run);
+    OpenServers::instance().add(weak_from_this());
+}
+
+std::uint16_t PocoHttpsServer::port() const
+{
+    std::lock_guard lock(mutex_);
+    return run_ ? run_->port : 0;
+}
+
+void PocoHttpsServer::close()
+{
+    std::shared_ptr<Run> run;
+    {
+        std::lock_guard lock(mutex_);
+        run.swap(run_);
+    }
+    if (run)
+        run->stop();
+}
+
+ServerCounters PocoHttpsServer::counters() const
+{
+    std::lock_guard lock(mutex_);
+    ServerCounters counters;
+    if (run_) {
+        const engine::ServerCore& core = *run_->core;
+        counters.connections = core.connections;
+        counters.accepted = core.accepted;
+        counters.turnedAway = core.turnedAway;
+        counters.requests = core.requests;
+        counters.requestsInFlight = core.requestsInFlight;
+        counters.refusedRequests = core.refusedRequests;
+        counters.failedRequests = core.failedRequests;
+    }
+    return counters;
+}
+
+} // namespace connector::http

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "connector/Export.h"
+#include "connector/core/ServiceProvider.h"
+#include "platform/matrix/Array.h"
+
+namespace connector::interpreter::v1 {
+
+class InterpreterServiceProvider;
+
+/// Runs code in the interpreter's workspace.
+class CONNECTOR_API Eval final : public ServiceMessage<InterpreterServiceProvider>
+{
+public:
+    std::string code; ///< UTF-8, any number of statements
+    bool wantValue = true;
+    bool echo = false; ///< print the value of each expression statement, as the terminal does
+
+    MessageFuture deliverTo(std::shared_ptr<InterpreterServiceProvider> provider, std::unique_ptr<Message>&& message,
+                            Address&& address, std::shared_ptr<Context>&& context) override;
+};
+
+/// What code or a function printed.
+struct Output
+{
+    std::string text;               ///< standard output and standard error in the order of printing; valid UTF-8
+    std::size_t omittedBytes = 0;   ///< beyond interpreter.maxOutputBytes
+};
+
+class CONNECTOR_API EvalResponse final : public Message
+{
+public:
+    bool hasValue = false;
+    matrix::ArrayPtr value; ///< null when not wanted, not there, or without an array form
+    std::string valueText;  ///< as the language prints it
+    std::string conversionError;
+    Output output;
+};
+
+/// Calls a function by name.
+class CONNECTOR_API FEval final : public ServiceMessage<InterpreterServiceProvider>
+{
+public:
+    std::string function; ///< dotted name
+    std::vector<matrix::ArrayPtr> arguments;
+    std::size_t results = 1; ///< how many are wanted; 0 to 100
+
+    MessageFuture deliverTo(std::shared_ptr<InterpreterServiceProvider> provider, std::unique_ptr<Message>&& message,
+                            Address&& address, std::shared_ptr<Context>&& context) override;
+};
+
+class CONNECTOR_API FEvalResponse final : public Message
+{
+public:
+    std::vector<matrix::ArrayPtr> results;
+    Output output;
+};
+
+/// Breaks what the interpreter runs.
+class CONNECTOR_API Interrupt final : public ServiceMessage<InterpreterServiceProvider>
+{
+public:
+    MessageFuture deliverTo(std::shared_ptr<InterpreterServiceProvider> provider, std::unique_ptr<Message>&& message,
+                            Address&& address, std::shared_ptr<Context>&& context) override;
+};
+
+class CONNECTOR_API InterruptResponse final : public Message
+{
+public:
+    explicit InterruptResponse(bool wasRunning) : interrupted(wasRunning) {}
+    bool interrupted; ///< false when nothing ran
+};
+
+} // namespace connector::interpreter::v1

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <boost/smart_ptr/shared_ptr.hpp>
+
+#include "connector/configuration/Configuration.h"
+#include "connector/interpreter/InterpreterMessages.h"
+#include "platform/rqe/RQE.h"
+
+namespace connector::interpreter::v1 {
+
+/// Evaluation in the running interpreter. Faults: "scriptError" (details error, traceback, output), "interrupted" (the
+/// same), "busy" (too many requests wait), "unavailable" (no interpreter, or it is shutting down), "cancelled".
+class CONNECTOR_API InterpreterServiceProvider : public ServiceProviderAPI<InterpreterServiceProvider>
+{
+public:
+    /// Answers with EvalResponse once the interpreter thread has run the code, requests in order of arrival.
+    virtual MessageFuture handleEval(std::unique_ptr<Eval>&& message, Address&& rest,
+                                     std::shared_ptr<Context>&& context) = 0;
+    /// Answers with FEvalResponse, as above.
+    virtual MessageFuture handleFEval(std::unique_ptr<FEval>&& message, Address&& rest,
+                                      std::shared_ptr<Context>&& context) = 0;
+    /// Acts at once, from any thread.
+    virtual MessageFuture handleInterrupt(std::unique_ptr<Interrupt>&& message, Address&& rest,
+                                          std::shared_ptr<Context>&& context) = 0;
+};
+
+class CONNECTOR_API InterpreterServiceProviderImpl final : public InterpreterServiceProvider
+{
+public:
+    /// `engine` may be empty: every request then fails with the fault "unavailable".
+    InterpreterServiceProviderImpl(std::shared_ptr<configuration::Configuration> configuration,
+                                   boost::shared_ptr<rqe::RQE> engine);
+
+    MessageFuture handleEval(std::unique_ptr<Eval>&& message, Address&& rest,
+                             std::shared_ptr<Context>&& context) override;
+    MessageFuture handleFEval(std::unique_ptr<FEval>&& message, Address&& rest,
+                              std::shared_ptr<Context>&& context) override;
+    MessageFuture handleInterrupt(std::unique_ptr<Interrupt>&& message, Address&& rest,
+                                  std::shared_ptr<Context>&& context) override;
+
+private:
+    MessageFuture post(std::unique_ptr<class EngineTask> task, const std::shared_ptr<Context>& context);
+    std::size_t maxOutputBytes() const;
+
+    const std::shared_ptr<configuration::Configuration> configuration_;
+    const boost::shared_ptr<rqe::RQE> engine_;
+};
+
+} // namespace connector::interpreter::v1

@@ -1,0 +1,100 @@
+#include "connector/interpreter/InterpreterWire.h"
+
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Object.h>
+
+#include "connector/interpreter/InterpreterMessages.h"
+#include "connector/json/ArrayJson.h"
+#include "connector/json/JsonFields.h"
+
+namespace connector::interpreter::v1 {
+namespace {
+
+using Poco::JSON::Object;
+
+constexpr std::int64_t kMaxResults = 100;
+
+std::unique_ptr<Eval> decodeEval(const Object& object)
+{
+    auto message = std::make_unique<Eval>();
+    message->code = json::requireString(object, "code");
+    message->wantValue = json::optionalBool(object, "wantValue", true);
+    message->echo = json::optionalBool(object, "echo", false);
+    return message;
+}
+
+void setOutput(Object& object, const Output& output)
+{
+    object.set("output", output.text);
+    if (output.omittedBytes > 0)
+        object.set("omittedBytes", static_cast<std::int64_t>(output.omittedBytes));
+}
+
+Object::Ptr encodeEvalResponse(const EvalResponse& response)
+{
+    Object::Ptr object = new Object;
+    object->set("hasValue", response.hasValue);
+    object->set("value", response.value ? json::toJson(*response.value) : Poco::Dynamic::Var());
+    object->set("text", response.valueText);
+    if (!response.conversionError.empty())
+        object->set("conversionError", response.conversionError);
+    setOutput(*object, response.output);
+    return object;
+}
+
+std::unique_ptr<FEval> decodeFEval(const Object& object)
+{
+    auto message = std::make_unique<FEval>();
+    message->function = json::requireString(object, "function");
+    const auto results = json::optionalInteger(object, "results", 1);
+    if (results < 0 || results > kMaxResults)
+        throw json::JsonError("results: 0 to 100 can be asked for, not " + std::to_string(results) + ".");
+    message->results = static_cast<std::size_t>(results);
+    if (object.has("arguments")) {
+        const auto arguments = json::requireArray(object, "arguments");
+        for (unsigned i = 0; i < arguments->size(); ++i)
+            message->arguments.push_back(json::fromJson(arguments->get(i)));
+    }
+    return message;
+}
+
+Object::Ptr encodeFEvalResponse(const FEvalResponse& response)
+{
+    Object::Ptr object = new Object;
+    Poco::JSON::Array::Ptr results = new Poco::JSON::Array;
+    for (const auto& result : response.results)
+        results->add(result ? json::toJson(*result) : Poco::Dynamic::Var());
+    object->set("results", results);
+    setOutput(*object, response.output);
+    return object;
+}
+
+Object::Ptr encodeInterruptResponse(const InterruptResponse& response)
+{
+    Object::Ptr object = new Object;
+    object->set("interrupted", response.interrupted);
+    return object;
+}
+
+} // namespace
+
+InterpreterJsonSerialization::InterpreterJsonSerialization(std::shared_ptr<json::JsonSerializer> serializer)
+    : JsonSerialization(std::move(serializer))
+{
+    add<Eval>("Eval", nullptr, decodeEval);
+    add<EvalResponse>("EvalResponse", encodeEvalResponse, nullptr);
+    add<FEval>("FEval", nullptr, decodeFEval);
+    add<FEvalResponse>("FEvalResponse", encodeFEvalResponse, nullptr);
+    add<Interrupt>("Interrupt", nullptr, [](const Object&) { return std::make_unique<Interrupt>(); });
+    add<InterruptResponse>("InterruptResponse", encodeInterruptResponse, nullptr);
+}
+
+InterpreterMessageMapProvider::InterpreterMessageMapProvider(
+    std::shared_ptr<container::v1::ContainerDispatcher> dispatcher, Address interpreter, Address)
+    : MessageMapProvider(std::move(dispatcher))
+{
+    for (const char* type : {"Eval", "FEval", "Interrupt"})
+        map(type, interpreter);
+}
+
+} // namespace connector::interpreter::v1

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include <Poco/Dynamic/Var.h>
+
+#include "connector/Export.h"
+
+namespace connector::json {
+
+/// Limits on a text that is read. JSON beyond them is refused with JsonError.
+struct Limits
+{
+    std::size_t bytes = 64u << 20;     ///< length of the text
+    std::size_t depth = 64;            ///< nesting of arrays and objects
+    std::size_t members = 1'000'000;   ///< values in all
+    std::size_t nameBytes = 64u << 10; ///< length of a member's name
+    std::size_t numberBytes = 1'024;   ///< length of a number
+};
+
+/// Objects keep the order of their members up to this many; members of larger ones are in the order of their names (the
+/// object type takes quadratic time to keep an order).
+inline constexpr std::size_t kMaxOrderedMembers = 512;
+
+/// How deep a value may be nested to be written.
+inline constexpr std::size_t kMaxWriteDepth = 512;
+
+/// RFC 8259 text, UTF-8 without a byte order mark, one value and nothing behind it, no duplicate member names. Integers
+/// without fraction or exponent become Int64 (UInt64 when they fit only there, a double beyond), other numbers double;
+/// values are Poco::JSON::Object::Ptr, Poco::JSON::Array::Ptr, std::string, bool, empty for null. A number beyond the
+/// doubles is refused, one too small for them is zero. Throws JsonError "byte N: …" with the offset, from 0, of what is
+/// wrong: the byte that should not be there; a string's, number's or name's first byte when it is wrong as a whole.
+CONNECTOR_API Poco::Dynamic::Var parse(std::string_view text, const Limits& limits = {});
+
+/// Compact text of a value made of the types that `parse` makes (or any integer type, float, objects and arrays by
+/// value). A double always carries a fraction or an exponent ("5.0"), in the shortest form that reads back the same, so
+/// that it stays a double. Throws JsonError for NaN and infinities, for types without a JSON form and beyond
+/// kMaxWriteDepth. Invalid UTF-8 in strings becomes U+FFFD.
+CONNECTOR_API std::string write(const Poco::Dynamic::Var& value);
+
+} // namespace connector::json

@@ -1,0 +1,16 @@
+// The destructors of the pure interfaces: they anchor the type information in this library.
+
+#include "platform/rqe/Interpreter.h"
+#include "platform/rqe/LocalRQE.h"
+#include "platform/rqe/RQE.h"
+
+namespace rqe {
+
+OutputSink::~OutputSink() = default;
+Interpreter::~Interpreter() = default;
+Task::~Task() = default;
+EngineListener::~EngineListener() = default;
+RQE::~RQE() = default;
+LanguageHost::~LanguageHost() = default;
+
+} // namespace rqe

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Export.h"
+#include "platform/matrix/Array.h"
+
+namespace rqe {
+
+enum class Stream
+{
+    output,
+    error
+};
+
+/// Takes what a piece of script prints, in order. Called on the interpreter thread.
+class VENDRA_PLATFORM_API OutputSink
+{
+public:
+    virtual ~OutputSink();
+    /// `text`: UTF-8, never empty, of any length. Must not call the engine.
+    virtual void write(Stream stream, std::string_view text) = 0;
+};
+
+struct EvalOptions
+{
+    bool wantValue = true;             ///< convert the value of a last expression; false saves the conversion
+    bool echo = false;                 ///< print the value of each expression statement as the prompt does
+    std::string fileName = "<remote>"; ///< what tracebacks call the code
+};
+
+struct EvalResult
+{
+    bool hasValue = false;  ///< the code ended in an expression whose value is not "nothing"
+    matrix::ArrayPtr value; ///< set when wanted, present and convertible
+    std::string
+        valueText; ///< the value as the language prints it, UTF-8, cut at 64 KiB; set when hasValue and wantValue
+    std::string conversionError; ///< why `value` is empty although wanted and present
+};
+
+struct VariableInfo
+{
+    std::string name;
+    std::string type;              ///< as the language names it
+    std::vector<std::size_t> size; ///< of arrays and containers; empty for scalars
+    std::string preview;           ///< at most 200 bytes of UTF-8
+};
+
+struct Completions
+{
+    std::size_t replaceFrom = 0; ///< byte offset in the text from which a candidate replaces up to the cursor
+    std::vector<std::string> candidates;
+};
+
+/// What a task sees of the script language. One per process; used only inside Task::run, on the interpreter thread.
+/// Errors of the script's own code are ScriptError; std::invalid_argument names an argument that makes no sense.
+/// Variables are those of the top-level workspace, the same that the terminal's prompt sees.
+class VENDRA_PLATFORM_API Interpreter
+{
+public:
+    virtual ~Interpreter();
+
+    /// Runs `code` (UTF-8, any number of statements) in the workspace. What it prints goes to `output`.
+    virtual EvalResult evaluate(std::string_view code, const EvalOptions& options, OutputSink& output) = 0;
+
+    /// Calls the function that the dotted `name` means in the workspace, else among the language's own. `results`: how
+    /// many results are wanted; 0 discards, 1 takes the value, n takes the first n of a sequence of at least n.
+    virtual std::vector<matrix::ArrayPtr> call(std::string_view name, std::vector<matrix::ArrayPtr> arguments,
+                                               std::size_t results, OutputSink& output) = 0;
+
+    /// Null when there is no such variable. ScriptError when it has no array form.
+    virtual matrix::ArrayPtr getVariable(std::string_view name) = 0;
+    virtual void setVariable(std::string_view name, const vxArray& value) = 0;
+    virtual bool clearVariable(std::string_view name) = 0;
+    /// In name order, without the names the language itself puts there, modules and names with a leading underscore.
+    virtual std::vector<VariableInfo> listVariables() = 0;
+
+    /// `cursor`: byte offset into `text`.
+    virtual Completions complete(std::string_view text, std::size_t cursor) = 0;
+
+    virtual std::vector<std::string> searchPath() = 0;
+    virtual void setSearchPath(const std::vector<std::string>& folders) = 0;
+    virtual std::string currentFolder() = 0;
+    /// Throws ScriptError when the folder cannot be entered.
+    virtual void setCurrentFolder(std::string_view folder) = 0;
+
+    /// Writes the named variables (all that listVariables names when empty) to a file, whole or not at all. Answers the
+    /// names of variables that could not be saved.
+    virtual std::vector<std::string> saveWorkspace(std::string_view file, const std::vector<std::string>& names) = 0;
+    /// Sets the variables saved in a file; answers their names.
+    virtual std::vector<std::string> loadWorkspace(std::string_view file) = 0;
+};
+
+} // namespace rqe

@@ -1,0 +1,353 @@
+#include "platform/rqe/LocalRQE.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace rqe {
+namespace {
+
+/// An event counter used as a flag: readable while set.
+class WakeFlag
+{
+public:
+    WakeFlag() : fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
+    {
+        if (fd_ < 0)
+            throw std::system_error(errno, std::generic_category(), "The engine cannot make its event descriptor");
+    }
+    ~WakeFlag() { ::close(fd_); }
+    WakeFlag(const WakeFlag&) = delete;
+    WakeFlag& operator=(const WakeFlag&) = delete;
+
+    int fd() const noexcept { return fd_; }
+    // Neither can fail but by EAGAIN, which means that the flag already stands as wanted.
+    void set() noexcept { [[maybe_unused]] int failed = ::eventfd_write(fd_, 1); }
+    void clear() noexcept
+    {
+        eventfd_t count = 0;
+        [[maybe_unused]] int failed = ::eventfd_read(fd_, &count);
+    }
+
+private:
+    int fd_;
+};
+
+} // namespace
+
+class LocalRQE::Impl
+{
+public:
+    Impl(LanguageHost& host, std::size_t capacity) : host_(host), capacity_(capacity) {}
+
+    TaskId post(std::unique_ptr<Task> task);
+    bool cancel(TaskId id);
+    /// Breaks what runs if `wanted` says so of the running task's number (0: the host's own script).
+    template <class Wanted>
+    bool interruptIf(Wanted wanted);
+    bool runOne();
+    void enterForeground();
+    void leaveForeground() noexcept;
+    void close(const std::string& reason);
+
+    State state() const;
+    std::size_t queued() const;
+    void addListener(const std::shared_ptr<EngineListener>& listener);
+    void removeListener(const EngineListener* listener);
+    template <class Call>
+    void notify(Call call) noexcept;
+
+    bool onInterpreterThread() const { return std::this_thread::get_id() == interpreterThread_; }
+    int wakeFd() const noexcept { return wake_.fd(); }
+
+private:
+    struct Entry
+    {
+        TaskId id = 0;
+        std::unique_ptr<Task> task;
+    };
+
+    Entry takeNext();
+    /// From here on no interrupt reaches what ran; true when one was sent.
+    bool endRunning();
+
+    LanguageHost& host_;
+    const std::size_t capacity_;
+    const std::thread::id interpreterThread_ = std::this_thread::get_id();
+    WakeFlag wake_; ///< set exactly while queue_ is not empty
+
+    mutable std::mutex mutex_;
+    std::deque<Entry> queue_;
+    TaskId lastId_ = 0;
+    TaskId running_ = 0; ///< 0: no task
+    unsigned foreground_ = 0;
+    bool breakSent_ = false;
+    bool closed_ = false;
+    std::string closeReason_;
+
+    mutable std::mutex listenersMutex_;
+    std::vector<std::weak_ptr<EngineListener>> listeners_;
+};
+
+TaskId LocalRQE::Impl::post(std::unique_ptr<Task> task)
+{
+    if (!task)
+        throw std::invalid_argument("No task was posted: the pointer is null.");
+    std::lock_guard lock(mutex_);
+    if (closed_)
+        throw EngineError(EngineError::Reason::closed, closeReason_);
+    if (queue_.size() >= capacity_)
+        throw EngineError(EngineError::Reason::queueFull,
+                          "The interpreter's queue is full: " + std::to_string(queue_.size()) + " tasks wait.");
+    queue_.push_back({lastId_ + 1, std::move(task)});
+    if (queue_.size() == 1)
+        wake_.set();
+    return ++lastId_;
+}
+
+bool LocalRQE::Impl::cancel(TaskId id)
+{
+    Entry entry;
+    {
+        std::lock_guard lock(mutex_);
+        // Numbers grow along the queue.
+        auto found = std::lower_bound(queue_.begin(), queue_.end(), id,
+                                      [](const Entry& queued, TaskId wanted) { return queued.id < wanted; });
+        if (found == queue_.end() || found->id != id)
+            return false;
+        entry = std::move(*found);
+        queue_.erase(found);
+        if (queue_.empty())
+            wake_.clear();
+    }
+    entry.task->abandon(std::make_exception_ptr(
+        EngineError(EngineError::Reason::cancelled, "The task was cancelled before it began.")));
+    return true;
+}
+
+template <class Wanted>
+bool LocalRQE::Impl::interruptIf(Wanted wanted)
+{
+    // Sent under the lock: endRunning cannot come between the check and the break.
+    std::lock_guard lock(mutex_);
+    bool something = running_ != 0 || foreground_ != 0;
+    if (!something || !wanted(running_))
+        return false;
+    breakSent_ = true;
+    host_.breakRunning();
+    return true;
+}
+
+LocalRQE::Impl::Entry LocalRQE::Impl::takeNext()
+{
+    std::lock_guard lock(mutex_);
+    if (running_ != 0)
+        throw std::logic_error("A task cannot run inside task " + std::to_string(running_) + ".");
+    Entry next;
+    if (queue_.empty())
+        return next;
+    next = std::move(queue_.front());
+    queue_.pop_front();
+    if (queue_.empty())
+        wake_.clear();
+    running_ = next.id;
+    return next;
+}
+
+bool LocalRQE::Impl::endRunning()
+{
+    std::lock_guard lock(mutex_);
+    running_ = 0;
+    return std::exchange(breakSent_, false);
+}
+
+bool LocalRQE::Impl::runOne()
+{
+    if (!onInterpreterThread())
+        throw std::logic_error("Tasks run on the interpreter thread only.");
+    Entry entry = takeNext();
+    if (!entry.task)
+        return false;
+
+    std::exception_ptr failure = std::make_exception_ptr(std::logic_error("The host did not run the task."));
+    try {
+        host_.withInterpreter([&](Interpreter& interpreter) {
+            try {
+                entry.task->run(interpreter);
+                failure = nullptr;
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            if (endRunning())
+                host_.discardBreak();
+        });
+    } catch (...) {
+        // The host could not lend its interpreter, or not take it back; the latter is no failure of the task.
+        if (failure)
+            failure = std::current_exception();
+    }
+    endRunning();
+
+    if (failure)
+        entry.task->abandon(failure);
+    else
+        entry.task->finish();
+    entry.task.reset();
+    notify([](EngineListener& listener) { listener.variablesMayHaveChanged(); });
+    return true;
+}
+
+void LocalRQE::Impl::enterForeground()
+{
+    std::lock_guard lock(mutex_);
+    ++foreground_;
+}
+
+void LocalRQE::Impl::leaveForeground() noexcept
+{
+    bool late = false;
+    {
+        std::lock_guard lock(mutex_);
+        if (--foreground_ == 0 && running_ == 0)
+            late = std::exchange(breakSent_, false);
+    }
+    try {
+        if (late)
+            host_.withInterpreter([this](Interpreter&) { host_.discardBreak(); });
+    } catch (...) {
+        // The language is going down: nothing is left that the interrupt could hit.
+    }
+    notify([](EngineListener& listener) { listener.variablesMayHaveChanged(); });
+}
+
+void LocalRQE::Impl::close(const std::string& reason)
+{
+    std::deque<Entry> waiting;
+    {
+        std::lock_guard lock(mutex_);
+        if (closed_)
+            return;
+        closed_ = true;
+        closeReason_ = reason;
+        waiting.swap(queue_);
+        wake_.clear();
+    }
+    auto error = std::make_exception_ptr(EngineError(EngineError::Reason::closed, reason));
+    for (Entry& entry : waiting) {
+        entry.task->abandon(error);
+        entry.task.reset();
+    }
+}
+
+RQE::State LocalRQE::Impl::state() const
+{
+    std::lock_guard lock(mutex_);
+    if (closed_)
+        return State::closed;
+    return running_ != 0 || foreground_ != 0 ? State::busy : State::idle;
+}
+
+std::size_t LocalRQE::Impl::queued() const
+{
+    std::lock_guard lock(mutex_);
+    return queue_.size();
+}
+
+void LocalRQE::Impl::addListener(const std::shared_ptr<EngineListener>& listener)
+{
+    std::lock_guard lock(listenersMutex_);
+    std::erase_if(listeners_, [](const auto& known) { return known.expired(); });
+    listeners_.push_back(listener);
+}
+
+void LocalRQE::Impl::removeListener(const EngineListener* listener)
+{
+    // Kept beyond the lock: what lock() returns may be the last owner of a listener.
+    std::vector<std::shared_ptr<EngineListener>> alive;
+    std::lock_guard lock(listenersMutex_);
+    std::erase_if(listeners_, [&](const auto& known) {
+        alive.push_back(known.lock());
+        return !alive.back() || alive.back().get() == listener;
+    });
+}
+
+template <class Call>
+void LocalRQE::Impl::notify(Call call) noexcept
+try {
+    std::vector<std::shared_ptr<EngineListener>> alive;
+    {
+        std::lock_guard lock(listenersMutex_);
+        for (const auto& known : listeners_)
+            if (auto listener = known.lock())
+                alive.push_back(std::move(listener));
+    }
+    for (const auto& listener : alive) {
+        try {
+            call(*listener);
+        } catch (...) {
+            // One listener's failure is no other's business, and the engine has nobody to tell.
+        }
+    }
+} catch (const std::bad_alloc&) {
+    // Notifications are hints; the next one will come.
+}
+
+LocalRQE::LocalRQE(LanguageHost& host, std::size_t capacity) : impl_(std::make_unique<Impl>(host, capacity)) {}
+
+LocalRQE::~LocalRQE() { close("The interpreter has ended."); }
+
+TaskId LocalRQE::post(std::unique_ptr<Task> task) { return impl_->post(std::move(task)); }
+
+bool LocalRQE::cancel(TaskId task) { return impl_->cancel(task); }
+
+bool LocalRQE::interrupt()
+{
+    return impl_->interruptIf([](TaskId) { return true; });
+}
+
+bool LocalRQE::interrupt(TaskId task)
+{
+    return impl_->interruptIf([task](TaskId running) { return task != 0 && running == task; });
+}
+
+RQE::State LocalRQE::state() const { return impl_->state(); }
+
+std::size_t LocalRQE::queued() const { return impl_->queued(); }
+
+bool LocalRQE::onInterpreterThread() const { return impl_->onInterpreterThread(); }
+
+void LocalRQE::addListener(const std::shared_ptr<EngineListener>& listener) { impl_->addListener(listener); }
+
+void LocalRQE::removeListener(const EngineListener* listener) { impl_->removeListener(listener); }
+
+bool LocalRQE::runOne() { return impl_->runOne(); }
+
+int LocalRQE::wakeFd() const noexcept { return impl_->wakeFd(); }
+
+void LocalRQE::notifyFolderChanged(const std::string& folder)
+{
+    impl_->notify([&](EngineListener& listener) { listener.folderChanged(folder); });
+}
+
+void LocalRQE::notifyPrompt(bool waiting)
+{
+    impl_->notify([&](EngineListener& listener) { listener.promptChanged(waiting); });
+}
+
+void LocalRQE::close(const std::string& reason) { impl_->close(reason); }
+
+LocalRQE::ForegroundScope::ForegroundScope(LocalRQE& engine) : engine_(engine) { engine_.impl_->enterForeground(); }
+
+LocalRQE::ForegroundScope::~ForegroundScope() { engine_.impl_->leaveForeground(); }
+
+} // namespace rqe

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Export.h"
+#include "platform/shutdown/ShutdownObject.h"
+
+/// The process's list of shutdown objects. Threads: `RegisterObject` any; the rest the interpreter thread.
+class VENDRA_PLATFORM_API ShutdownRegistry
+{
+public:
+    /// Takes ownership, also where it throws for want of memory. A null object is counted and otherwise ignored.
+    static void RegisterObject(ShutdownObject* object);
+
+    /// False when any object is not ready to exit.
+    static bool isOkToExit();
+
+    /// Notifies all objects (see ShutdownObject::shutdown), then calls `terminate` on each in the same order, then
+    /// deletes them. A second call does nothing unless objects were registered since. Failures go to `report`, one text
+    /// each that names the object; an empty `report` drops them. Objects registered meanwhile wait for the next call.
+    /// An exception of `report` ends the call: what is left is deleted without being notified.
+    static void notifyAll(const std::function<void(std::string_view)>& report);
+
+    /// The names in registration order, "(null)" for a null object.
+    static std::vector<std::string> names();
+};

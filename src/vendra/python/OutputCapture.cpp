@@ -1,0 +1,154 @@
+#include "vendra/python/OutputCapture.h"
+
+#include <utility>
+
+namespace vendra::python {
+namespace {
+
+constexpr std::size_t kLongestPiece = 8192;
+constexpr const char* kCapsuleName = "vendra.target";
+
+OutputCapture::Target& targetOf(PyObject* capsule)
+{
+    void* target = PyCapsule_GetPointer(capsule, kCapsuleName);
+    if (!target)
+        throw ErrorSet{};
+    return *static_cast<OutputCapture::Target*>(target);
+}
+
+PyObject* writeText(PyObject* self, PyObject* text)
+try {
+    OutputCapture::Target& target = targetOf(self);
+    if (!target.capture->captured()) {
+        if (target.real)
+            return PyObject_CallMethod(target.real, "write", "O", text);
+        return PyLong_FromSsize_t(PyUnicode_Check(text) ? PyUnicode_GET_LENGTH(text) : 0);
+    }
+    if (!PyUnicode_Check(text)) {
+        PyErr_Format(PyExc_TypeError, "write() argument must be str, not %s", Py_TYPE(text)->tp_name);
+        return nullptr;
+    }
+    withText(text, [&](std::string_view utf8) { target.capture->write(target.stream, utf8); });
+    return PyLong_FromSsize_t(PyUnicode_GET_LENGTH(text));
+} catch (...) {
+    setErrorFromCurrentException();
+    return nullptr;
+}
+
+PyObject* flushText(PyObject* self, PyObject*)
+try {
+    OutputCapture::Target& target = targetOf(self);
+    if (target.capture->captured())
+        target.capture->flush();
+    else if (target.real)
+        return PyObject_CallMethod(target.real, "flush", nullptr);
+    Py_RETURN_NONE;
+} catch (...) {
+    setErrorFromCurrentException();
+    return nullptr;
+}
+
+PyObject* isCaptured(PyObject* self, PyObject*)
+try {
+    return PyBool_FromLong(targetOf(self).capture->captured());
+} catch (const ErrorSet&) {
+    return nullptr;
+}
+
+PyMethodDef writeMethod = {"write", writeText, METH_O, "Write text; returns the number of characters."};
+PyMethodDef flushMethod = {"flush", flushText, METH_NOARGS, "Pass on what is buffered."};
+PyMethodDef capturedMethod = {"captured", isCaptured, METH_NOARGS, "Does the output of this thread go to a client?"};
+
+Ref makeFunction(PyMethodDef& method, OutputCapture::Target& target)
+{
+    Ref capsule = Ref::own(PyCapsule_New(&target, kCapsuleName, nullptr));
+    return Ref::own(PyCFunction_New(&method, capsule.get()));
+}
+
+PyObject* realStream(const char* name)
+{
+    PyObject* stream = PySys_GetObject(name); // borrowed
+    return stream == Py_None ? nullptr : stream;
+}
+
+} // namespace
+
+void OutputCapture::install(PyObject* support)
+{
+    targets_[0] = {this, rqe::Stream::output, realStream("__stdout__")};
+    targets_[1] = {this, rqe::Stream::error, realStream("__stderr__")};
+    // The real streams outlive the redirection, whatever a script does to the names.
+    for (const Target& target : targets_)
+        Py_XINCREF(target.real);
+    Ref writeOut = makeFunction(writeMethod, targets_[0]);
+    Ref flushOut = makeFunction(flushMethod, targets_[0]);
+    Ref writeError = makeFunction(writeMethod, targets_[1]);
+    Ref flushError = makeFunction(flushMethod, targets_[1]);
+    Ref captureAsked = makeFunction(capturedMethod, targets_[0]);
+    Ref::own(PyObject_CallMethod(support, "install_streams", "OOOOO", writeOut.get(), flushOut.get(), writeError.get(),
+                                 flushError.get(), captureAsked.get()));
+}
+
+bool OutputCapture::captured() const noexcept { return active_ && PyThread_get_thread_ident() == thread_; }
+
+void OutputCapture::write(rqe::Stream stream, std::string_view text)
+{
+    if (!sink_ || text.empty())
+        return;
+    if (stream != pendingStream_)
+        flush();
+    pendingStream_ = stream;
+    bool lineEnds = text.find_last_of("\n\r") != std::string_view::npos;
+    if (!lineEnds && pending_.size() + text.size() < kLongestPiece) {
+        pending_ += text;
+        return;
+    }
+    if (pending_.empty()) {
+        handOver(stream, text);
+        return;
+    }
+    pending_ += text;
+    flush();
+}
+
+void OutputCapture::flush()
+{
+    if (pending_.empty())
+        return;
+    std::string piece = std::exchange(pending_, {});
+    handOver(pendingStream_, piece);
+    if (pending_.empty()) {
+        piece.clear();
+        pending_ = std::move(piece); // keeps its memory
+    }
+}
+
+void OutputCapture::handOver(rqe::Stream stream, std::string_view text)
+{
+    struct Unlocked
+    {
+        PyThreadState* state = PyEval_SaveThread();
+        ~Unlocked() { PyEval_RestoreThread(state); }
+    };
+    rqe::OutputSink* sink = sink_;
+    if (!sink)
+        return;
+    Unlocked unlocked;
+    sink->write(stream, text);
+}
+
+OutputCapture::Scope::Scope(OutputCapture& capture, rqe::OutputSink* sink)
+    : capture_(capture), outerSink_(capture.sink_), outerActive_(capture.active_)
+{
+    capture_.sink_ = sink;
+    capture_.active_ = true;
+}
+
+OutputCapture::Scope::~Scope()
+{
+    capture_.pending_.clear();
+    capture_.sink_ = outerSink_;
+    capture_.active_ = outerActive_;
+}
+
+} // namespace vendra::python

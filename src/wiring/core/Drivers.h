@@ -1,0 +1,27 @@
+#pragma once
+
+#include <array>
+#include <string_view>
+
+namespace wiring {
+
+/// A named step of the start or of the teardown. A step whose group is not built yet has no procedure and runs nothing.
+struct Step
+{
+    std::string_view name;
+    void (*run)() = nullptr;
+};
+
+/// The installers in the order of the start, and the groups in the order of the teardown, which is not its reverse.
+extern const std::array<Step, 29> startSteps;
+extern const std::array<Step, 29> teardownGroups;
+
+/// Captures the host's interpreter engine and runs the installers. An exception of one ends the start where it happened;
+/// nothing is rolled back. Interpreter thread, under the module lock.
+void startServicesManually();
+
+/// Removes every provider, unregisters the registry and empties the slots group by group; the engine's last. Interpreter
+/// thread.
+void stopServicesManually();
+
+} // namespace wiring

@@ -1,0 +1,19 @@
+#pragma once
+
+/// One procedure per service group: makes the group's objects in a fixed order, then registers its providers. No arguments,
+/// no result, no branches; what throws leaves what was made so far in place.
+namespace wiring {
+
+void installAdministrationServices();
+void installConnectorRegistry();
+void installJsonServices();
+void installConfigurationServices();
+
+void installHttpServices();
+void installContainerServices();
+void installSecurityServices();
+
+void installInformationServices();
+void installInterpreterServices();
+
+} // namespace wiring

@@ -1,0 +1,104 @@
+#include "connector/administration/AdministrationImpl.h"
+#include "connector/common/TickManager.h"
+#include "connector/configuration/ConfigurationCommandProvider.h"
+#include "connector/configuration/ConfigurationImpl.h"
+#include "connector/configuration/ConfigurationJsonSerialization.h"
+#include "connector/configuration/ConfigurationServiceProvider.h"
+#include "connector/container/ContainerDispatcherImpl.h"
+#include "connector/container/ContainerHttpServiceProvider.h"
+#include "connector/http/HttpCommandProvider.h"
+#include "connector/http/HttpConstantServiceProvider.h"
+#include "connector/http/HttpLocalHostFilterServiceProvider.h"
+#include "connector/http/HttpManagerJsonSerialization.h"
+#include "connector/http/HttpManagerServiceProvider.h"
+#include "connector/http/HttpRouterImpl.h"
+#include "connector/http/HttpRouterServiceProvider.h"
+#include "connector/http/HttpSessionManagerImpl.h"
+#include "connector/http/HttpSessionServiceProvider.h"
+#include "connector/information/ClientTypeServiceProvider.h"
+#include "connector/interpreter/InterpreterServiceProvider.h"
+#include "connector/interpreter/InterpreterWire.h"
+#include "connector/json/JsonSerializerImpl.h"
+#include "connector/json/JsonSerializerServiceProvider.h"
+#include "connector/security/HttpNonceServiceProvider.h"
+#include "connector/security/NonceService.h"
+#include "wiring/core/Drivers.h"
+#include "wiring/core/Module.h"
+#include "wiring/core/Slot.h"
+
+namespace wiring {
+
+using namespace connector;
+
+// In alphabetical order of the groups' names written without underscores, the registry's under "framework"; within a group
+// the order is fixed and not alphabetical.
+constexpr std::array<Step, 29> teardownTable{{
+    {"administration", release<administration::AdministrationImpl>},
+    {"bayeux"},
+    {"common_services"},
+    {"configuration", release<configuration::ConfigurationCommandProvider, configuration::ConfigurationImpl,
+                              configuration::ConfigurationJsonSerialization,
+                              configuration::ConfigurationServiceProviderImpl>},
+    {"container",
+     release<container::ContainerHttpRouteProvider, container::v1::ContainerDispatcherImpl,
+             container::v1::ContainerDispatcherServiceProviderImpl, container::v1::ContainerHttpServiceProvider,
+             container::v1::ContainerJsonSerialization>},
+    {"desktop"},
+    {"editor"},
+    {"file"},
+    {"file_sharing"},
+    {"file_upload"},
+    {"file_versioning"},
+    {"registry", release<ConnectorImpl2>},
+    {"gds"},
+    {"hitchhiker"},
+    {"http", release<http::HttpCommandProvider, http::HttpConstantServiceProvider, http::HttpRouterImpl,
+                     http::HttpRouterServiceProvider, http::HttpManagerJsonSerialization,
+                     http::HttpManagerServiceProviderImpl, http::HttpSessionManagerImpl,
+                     http::HttpSessionServiceProvider, http::HttpLocalHostFilterServiceProvider>},
+    {"information", release<information::v1::ClientTypeServiceProvider>},
+    {"interpreter",
+     release<interpreter::v1::InterpreterJsonSerialization, interpreter::v1::InterpreterMessageMapProvider,
+             interpreter::v1::InterpreterServiceProviderImpl>},
+    {"jni_cosg"},
+    {"jni_json"},
+    {"jni_message_service"},
+    {"jni_native_bridge"},
+    {"json", release<json::JsonSerializerImpl, json::JsonSerializerServiceProvider,
+                     json::JsonDeserializerServiceProvider>},
+    {"login"},
+    {"pairing_key"},
+    {"rest_vendra"},
+    {"security", release<security::v1::NonceServiceImpl, security::v1::HttpNonceServiceProvider>},
+    {"session"},
+    {"shadow_files"},
+    {"worker"},
+}};
+
+const std::array<Step, 29> teardownGroups = teardownTable;
+
+void stopServicesManually()
+{
+    logLifecycle("Stopping services manually");
+
+    const auto& registry = slot<ConnectorImpl2>;
+    for (const auto& name : registry->listServiceProviders()) {
+        registry->removeServiceProvider(name);
+        trace("remove", name);
+    }
+
+    registryRegistrationSlot.Unregister();
+    registryRegistrationSlot = us::ServiceRegistration<Connector>();
+
+    // The Java bridge's process-wide connector and converter are cleared here once that bridge is built.
+
+    for (const auto& group : teardownTable)
+        if (group.run)
+            group.run();
+
+    common::TickManager::destructInstance();
+    engineSlot.reset();
+    logLifecycle("Done stopping services manually");
+}
+
+} // namespace wiring

@@ -1,0 +1,87 @@
+"""A host process with the connector up, for tests that act as clients."""
+
+import http.client
+import json
+import os
+import select
+import signal
+import subprocess
+import tempfile
+import time
+import urllib.parse
+
+TIMEOUT = 30
+
+
+class Vendra:
+    """`with Vendra(path) as host:` starts `vendra --connector` with folders of its own and ends it with SIGTERM."""
+
+    def __init__(self, executable, *arguments, environment=None):
+        self._command = [executable, "--connector", *arguments]
+        self._environment = environment or {}
+        self._folder = tempfile.TemporaryDirectory(prefix="vendra-test-")
+        self.process = None
+
+    def __enter__(self):
+        home = self._folder.name
+        self.process = subprocess.Popen(
+            self._command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+            env={**os.environ, "HOME": home, "XDG_RUNTIME_DIR": home, "XDG_CONFIG_HOME": home, **self._environment})
+        self.url = self._announced("Connector: ")
+        self.token_file = self._announced("Token file: ")
+        with open(self.token_file, encoding="utf-8") as file:
+            self.discovery = json.load(file)
+        return self
+
+    def __exit__(self, *error):
+        self.stop()
+        self._folder.cleanup()
+
+    def _announced(self, label):
+        deadline = time.monotonic() + TIMEOUT
+        while time.monotonic() < deadline:
+            if select.select([self.process.stdout], [], [], 0.2)[0] or self.process.poll() is not None:
+                line = self.process.stdout.readline()
+                if line.startswith(label):
+                    return line[len(label):].strip()
+                if not line:
+                    break
+        self.process.kill()
+        raise AssertionError(f"no '{label}' line: {self.process.stderr.read()}")
+
+    def connection(self):
+        where = urllib.parse.urlsplit(self.url)
+        return http.client.HTTPConnection(where.hostname, where.port, timeout=TIMEOUT)
+
+    def headers(self):
+        return {"Authorization": "Bearer " + self.discovery["token"], "Content-Type": "application/json"}
+
+    def post(self, body, headers=None):
+        """One container or message as text; the answer's status and text."""
+        connection = self.connection()
+        try:
+            connection.request("POST", "/messageservice/container", body.encode(), headers or self.headers())
+            response = connection.getresponse()
+            return response.status, response.read().decode()
+        finally:
+            connection.close()
+
+    def ask(self, type_, **members):
+        """One message; its answer as a dict."""
+        status, body = self.post(json.dumps({"type": type_, "id": "1", **members}))
+        assert status == 200, f"{status}: {body}"
+        return json.loads(body)
+
+    def stop(self):
+        """Ends the process in order; its exit code and what it wrote to standard error."""
+        if self.process.poll() is None:
+            self.process.send_signal(signal.SIGTERM)
+        try:
+            _, errors = self.process.communicate(timeout=TIMEOUT)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.communicate()
+            raise
+        except ValueError:  # asked for a second time
+            errors = ""
+        return self.process.returncode, errors
