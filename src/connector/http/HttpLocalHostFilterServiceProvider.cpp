@@ -23,16 +23,10 @@ bool isLoopback(const std::string& address)
 }
 
 /// The port that a URL without one means.
-int defaultPort(std::string_view scheme) noexcept
-{
-    return scheme == "https" ? 443 : 80;
-}
+int defaultPort(std::string_view scheme) noexcept { return scheme == "https" ? 443 : 80; }
 
 /// Where the browser may be led to from elsewhere: a folder's page or an index page.
-bool isEntryPage(std::string_view path) noexcept
-{
-    return path.ends_with('/') || path.ends_with("/index.html");
-}
+bool isEntryPage(std::string_view path) noexcept { return path.ends_with('/') || path.ends_with("/index.html"); }
 
 /// What browsers of today say about who makes a request; older ones, and other clients, say nothing.
 bool isFromForeignPage(const HttpRequest& request)
@@ -41,8 +35,8 @@ bool isFromForeignPage(const HttpRequest& request)
     if (!site || *site == "same-origin" || *site == "none")
         return false;
     // "same-site" includes every other port of this machine, so that it is no better than "cross-site".
-    const bool navigation = request.headers.get("Sec-Fetch-Mode") == "navigate" &&
-                            request.headers.get("Sec-Fetch-Dest") == "document";
+    const bool navigation =
+        request.headers.get("Sec-Fetch-Mode") == "navigate" && request.headers.get("Sec-Fetch-Dest") == "document";
     const bool reading = request.method == "GET" || request.method == "HEAD";
     return !(navigation && reading && isEntryPage(request.path));
 }
@@ -97,10 +91,7 @@ HttpLocalHostFilterServiceProvider::HttpLocalHostFilterServiceProvider(
     allowedHosts_->set(configuration_->getList(kAllowedHostsKey));
 }
 
-HttpLocalHostFilterServiceProvider::~HttpLocalHostFilterServiceProvider()
-{
-    configuration_->removeListener(listener_);
-}
+HttpLocalHostFilterServiceProvider::~HttpLocalHostFilterServiceProvider() { configuration_->removeListener(listener_); }
 
 std::vector<boost::regex> HttpLocalHostFilterServiceProvider::defaultWhiteList()
 {
@@ -140,10 +131,10 @@ std::unique_ptr<HttpResponse> HttpLocalHostFilterServiceProvider::check(const Ht
         const bool isHttp = scheme == "http" || scheme == "https";
         // A proxy in front of a configured name may speak TLS where this server does not.
         const bool sameScheme = scheme == (request.secure ? "https" : "http") || (configured && isHttp);
-        const bool same = mark != std::string::npos && sameScheme && request.headers.count("Origin") == 1 &&
-                          Authority::parse(std::string_view(text).substr(mark + 3), from) && from.host == asked.host &&
-                          (from.port < 0 ? defaultPort(scheme) : from.port) ==
-                              (asked.port < 0 ? defaultPort(scheme) : asked.port);
+        const bool same =
+            mark != std::string::npos && sameScheme && request.headers.count("Origin") == 1 &&
+            Authority::parse(std::string_view(text).substr(mark + 3), from) && from.host == asked.host &&
+            (from.port < 0 ? defaultPort(scheme) : from.port) == (asked.port < 0 ? defaultPort(scheme) : asked.port);
         if (!same)
             return refusal(request, 403, "Requests from pages of another origin are refused.");
     }

@@ -30,8 +30,8 @@ private:
     std::shared_ptr<const Table> table() const;
     void replaceTable(Table table);
 
-    std::mutex changes_;        ///< held while a new table is made
-    mutable std::mutex mutex_;  ///< held while the pointer is read or set
+    std::mutex changes_;       ///< held while a new table is made
+    mutable std::mutex mutex_; ///< held while the pointer is read or set
     std::shared_ptr<const Table> table_;
 };
 

@@ -38,6 +38,8 @@ class CONNECTOR_API HttpSessionManager : public std::enable_shared_from_this<Htt
 {
 public:
     virtual ~HttpSessionManager() = default;
+    /// How long a session lives without a request, and how many there may be; sessions beyond that stay.
+    virtual void setLimits(std::chrono::milliseconds idle, std::size_t maxSessions) = 0;
     /// A new session and the secret for its cookie. Null when there are too many.
     struct Created
     {

@@ -9,7 +9,7 @@ ServerSettings::ServerSettings() : parameters(new Poco::Net::HTTPServerParams)
     parameters->setMaxThreads(2);
     parameters->setMaxQueued(1'024);
     parameters->setMaxKeepAliveRequests(0);
-    parameters->setKeepAliveTimeout(Poco::Timespan(75, 0));
+    parameters->setKeepAliveTimeout(Poco::Timespan(120, 0));
     parameters->setTimeout(Poco::Timespan(30, 0));
 }
 

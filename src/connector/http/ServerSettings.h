@@ -28,11 +28,11 @@ struct CONNECTOR_API ServerSettings
     /// written (getTimeout).
     Poco::Net::HTTPServerParams::Ptr parameters;
 
-    std::size_t maxConnections = 2'000;
+    std::size_t maxConnections = 10'000; ///< and at most three quarters of the descriptors this process may have
     std::size_t maxHeadBytes = 32u << 10;
     std::uint64_t maxBodyBytes = 64u << 20;
     std::chrono::milliseconds headTimeout{10'000};
-    std::chrono::milliseconds bodyTimeout{120'000};
+    std::chrono::milliseconds bodyTimeout{60'000};
     /// Bytes per second below which a body is given up once it took `bodyRateGrace`.
     std::uint64_t minBodyRate = 1'024;
     std::chrono::milliseconds bodyRateGrace{10'000};

@@ -18,7 +18,8 @@ struct Registered
 
 Registered& registered()
 {
-    static Registered instance;
+    // Never destroyed: at exit an object left in it may belong to a library that is gone.
+    static auto& instance = *new Registered;
     return instance;
 }
 

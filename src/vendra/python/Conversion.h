@@ -12,8 +12,9 @@ inline constexpr std::size_t kMaxValues = 10'000'000;
 
 /// The array form of a value. None is the 0-by-0 double; bool logical; int int64 or uint64; float double; str a char
 /// row; bytes a uint8 row; list and tuple a cell row; dict with str keys a struct; what offers a buffer a numeric array
-/// of its shape; other numbers by __index__ or __float__. ErrorSet: TypeError for what has no array form, OverflowError,
-/// ValueError for cyclic and too deep containers. Needs the language's lock; may run the value's own code.
+/// of its shape; other numbers by __index__ or __float__. ErrorSet: TypeError for what has no array form,
+/// OverflowError, ValueError for cyclic and too deep containers. Needs the language's lock; may run the value's own
+/// code.
 matrix::ArrayPtr toArray(PyObject* value);
 
 /// The value of an array; null is None. Inverse of toArray as far as arrays tell: a char array of several rows becomes

@@ -57,7 +57,7 @@ matrix::ArrayPtr integerToArray(PyObject* number)
         PyErr_Clear();
     }
     // In base 16: the decimal form of a huge number takes its time, and the language refuses it beyond 4300 digits.
-    Ref digits = Ref::own(_PyLong_Format(number, 16));
+    Ref digits = Ref::own(PyNumber_ToBase(number, 16));
     std::string text = textOf(digits.get());
     if (text.size() > 40)
         text = text.substr(0, 37) + "...";

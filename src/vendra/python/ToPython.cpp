@@ -75,8 +75,8 @@ Ref makeNdarray(const vxArray& array, const std::vector<T>& elements)
     if (std::is_same_v<T, matrix::Logical>)
         name = "bool";
     std::size_t size = elements.size() * sizeof(T);
-    Ref memory = Ref::own(PyByteArray_FromStringAndSize(reinterpret_cast<const char*>(elements.data()),
-                                                        static_cast<Py_ssize_t>(size)));
+    Ref memory = Ref::own(
+        PyByteArray_FromStringAndSize(reinterpret_cast<const char*>(elements.data()), static_cast<Py_ssize_t>(size)));
     Ref flat = Ref::own(PyObject_CallMethod(numpy, "frombuffer", "Os", memory.get(), name));
     if (array.is_row())
         return flat;
@@ -109,7 +109,8 @@ public:
 
     Ref operator()(const std::vector<matrix::ArrayPtr>& cells) const
     {
-        return makeLists(sizes_, cells.size(), true, [&](std::size_t i) { return convert(cells[i].get(), depth_ + 1); });
+        return makeLists(sizes_, cells.size(), true,
+                         [&](std::size_t i) { return convert(cells[i].get(), depth_ + 1); });
     }
 
     Ref operator()(const matrix::StructData& data) const

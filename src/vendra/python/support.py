@@ -6,6 +6,7 @@ Loaded once into a module of its own. Its frames never show in a traceback.
 import ast
 import builtins
 import collections
+import functools
 import importlib
 import io
 import keyword
@@ -391,6 +392,7 @@ def start_connector():
 
 
 def install_signals(terminate, break_requested):
+    """Returns the function that sets the descriptor on which signals show."""
     import signal
 
     for number in (signal.SIGTERM, signal.SIGHUP):
@@ -403,6 +405,7 @@ def install_signals(terminate, break_requested):
                 raise KeyboardInterrupt
 
         signal.signal(signal.SIGINT, interrupt)
+    return functools.partial(signal.set_wakeup_fd, warn_on_full_buffer=False)
 
 
 def let_next_signal_kill():

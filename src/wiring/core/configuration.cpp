@@ -2,7 +2,7 @@
 #include "connector/configuration/ConfigurationCommandProvider.h"
 #include "connector/configuration/ConfigurationImpl.h"
 #include "connector/configuration/ConfigurationJsonSerialization.h"
-#include "connector/configuration/ConfigurationServiceProvider.h"
+#include "connector/configuration/ConfigurationServiceProviderImpl.h"
 #include "connector/json/JsonSerializerImpl.h"
 #include "wiring/core/Installers.h"
 #include "wiring/core/Slot.h"

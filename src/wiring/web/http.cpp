@@ -4,7 +4,7 @@
 #include "connector/http/HttpConstantServiceProvider.h"
 #include "connector/http/HttpLocalHostFilterServiceProvider.h"
 #include "connector/http/HttpManagerJsonSerialization.h"
-#include "connector/http/HttpManagerServiceProvider.h"
+#include "connector/http/HttpManagerServiceProviderImpl.h"
 #include "connector/http/HttpRouterImpl.h"
 #include "connector/http/HttpRouterServiceProvider.h"
 #include "connector/http/HttpSessionManagerImpl.h"

@@ -41,6 +41,7 @@ TEST_F(UsTest, ARemovedListenerIsNotCalledForTheEventUnderWay)
     });
     const auto registration = offer("a");
     EXPECT_EQ(recorder.take(), Texts{"one of two"});
+    framework_->Stop(); // while what the listeners use is there
 }
 
 TEST_F(UsTest, AFailingListenerDisturbsNobodyAndIsReported)
@@ -58,6 +59,7 @@ TEST_F(UsTest, AFailingListenerDisturbsNobodyAndIsReported)
         << log;
     EXPECT_NE(log.find(": broken listener"), std::string::npos) << log;
     EXPECT_NE(log.find(": an exception of unknown type"), std::string::npos) << log;
+    framework_->Stop();
 }
 
 TEST_F(UsTest, TokensTellListenersApart)
@@ -101,6 +103,7 @@ TEST_F(UsTest, TheSameMethodAgainReplacesTheFilter)
     offer("b");
     EXPECT_EQ(one.take(), Texts{});
     EXPECT_EQ(two.take().size(), 2u);
+    framework_->Stop();
 }
 
 /// Calls whatever it was given when it dies.

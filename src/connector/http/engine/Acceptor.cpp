@@ -81,8 +81,8 @@ void Acceptor::accepted(tcp::socket socket, Loop& loop)
     }
     ++core_.accepted;
     const auto open = core_.connections.load();
-    const bool welcome = open < core_.settings.maxConnections;
-    if (!welcome && ++core_.turnedAway > 0 && open >= core_.settings.maxConnections + kMaxTurnedAway)
+    const bool welcome = open < core_.maxConnections;
+    if (!welcome && ++core_.turnedAway > 0 && open >= core_.maxConnections + kMaxTurnedAway)
         return;
     // Counted from here on, so that a burst cannot slip past the limit on its way to the loops.
     auto counted = std::make_unique<ConnectionCount>(loop.sharedCore());

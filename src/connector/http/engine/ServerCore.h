@@ -2,11 +2,23 @@
 
 #include <atomic>
 #include <chrono>
+#include <limits>
+
+#include <sys/resource.h>
 
 #include "connector/http/PocoHttpsServer.h"
 #include "connector/http/engine/RequestHead.h"
 
 namespace connector::http::engine {
+
+/// Leaves the host descriptors to open files with.
+inline std::size_t affordableConnections() noexcept
+{
+    rlimit descriptors{};
+    if (getrlimit(RLIMIT_NOFILE, &descriptors) != 0 || descriptors.rlim_cur == RLIM_INFINITY)
+        return std::numeric_limits<std::size_t>::max();
+    return static_cast<std::size_t>(descriptors.rlim_cur / 4 * 3);
+}
 
 /// What all connections of one server share.
 struct ServerCore
@@ -14,7 +26,8 @@ struct ServerCore
     ServerCore(ServerSettings serverSettings, PocoHttpsServer::Handler serverHandler)
         : settings(std::move(serverSettings)), handler(std::move(serverHandler)),
           idleTimeout(settings.parameters->getKeepAliveTimeout().totalMilliseconds()),
-          writeTimeout(settings.parameters->getTimeout().totalMilliseconds())
+          writeTimeout(settings.parameters->getTimeout().totalMilliseconds()),
+          maxConnections(std::min(settings.maxConnections, affordableConnections()))
     {
         limits.headBytes = settings.maxHeadBytes;
         limits.bodyBytes = settings.maxBodyBytes;
@@ -24,6 +37,7 @@ struct ServerCore
     const PocoHttpsServer::Handler handler;
     const std::chrono::milliseconds idleTimeout;
     const std::chrono::milliseconds writeTimeout;
+    const std::size_t maxConnections;
     RequestLimits limits;
 
     std::atomic<std::uint64_t> connections{0};

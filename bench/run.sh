@@ -1,0 +1,13 @@
+#!/bin/sh
+# Runs the benchmarks of a build. Usage: bench/run.sh BUILD_FOLDER
+set -eu
+build=$1
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+export VENDRA_ROOT="$build/root" XDG_RUNTIME_DIR="$folder" XDG_CONFIG_HOME="$folder"
+
+echo "== Framework and builtins"
+"$build/bench/module_bench" --benchmark_min_time=1
+echo
+echo "== Eval over one kept-alive connection"
+"$build/bench/eval_bench" "$build/root/bin/vendra"

@@ -1,0 +1,57 @@
+// Reads arbitrary bytes as JSON and holds the reader to what it promises: what it accepts is written and read back the
+// same, as a value and as an array.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "connector/json/ArrayJson.h"
+#include "connector/json/JsonSerializer.h"
+#include "connector/json/JsonText.h"
+#include "platform/matrix/Array.h"
+
+namespace {
+
+void require(bool holds, const char* what, std::string_view text)
+{
+    if (holds)
+        return;
+    std::fprintf(stderr, "%s: %.*s\n", what, static_cast<int>(text.size()), text.data());
+    std::abort();
+}
+
+void checkArrays(const Poco::Dynamic::Var& value, std::string_view text)
+{
+    matrix::ArrayPtr array;
+    try {
+        array = connector::json::fromJson(value);
+    } catch (const connector::json::JsonError&) {
+        return;
+    }
+    const auto written = connector::json::write(connector::json::toJson(*array));
+    // A described array may be nested deeper than the text it came from.
+    connector::json::Limits limits;
+    limits.depth = connector::json::kMaxWriteDepth;
+    const auto again = connector::json::fromJson(connector::json::parse(written, limits));
+    require(matrix::identical(*array, *again), "an array changed on its way", text);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    Poco::Dynamic::Var value;
+    try {
+        value = connector::json::parse(text);
+    } catch (const connector::json::JsonError&) {
+        return 0;
+    }
+    const auto written = connector::json::write(value);
+    require(connector::json::write(connector::json::parse(written)) == written, "a value changed on its way", text);
+    checkArrays(value, text);
+    return 0;
+}

@@ -1,0 +1,42 @@
+#include "connector/http/HttpManagerMessages.h"
+
+#include "connector/http/HttpManagerServiceProvider.h"
+
+namespace connector::http {
+
+namespace {
+
+template <class Response>
+MessageFuture asMessage(Future<Response> response)
+{
+    return response.then(
+        [](Future<Response> settled) -> std::unique_ptr<Message> { return std::make_unique<Response>(settled.get()); });
+}
+
+} // namespace
+
+MessageFuture OpenPort::deliverTo(std::shared_ptr<HttpManagerServiceProvider> provider,
+                                  std::unique_ptr<Message>&& message, Address&&, std::shared_ptr<Context>&&)
+{
+    return asMessage(provider->openPort(static_cast<const OpenPort&>(*message)));
+}
+
+MessageFuture ClosePort::deliverTo(std::shared_ptr<HttpManagerServiceProvider> provider,
+                                   std::unique_ptr<Message>&& message, Address&&, std::shared_ptr<Context>&&)
+{
+    return asMessage(provider->closePort(static_cast<const ClosePort&>(*message)));
+}
+
+MessageFuture ListPorts::deliverTo(std::shared_ptr<HttpManagerServiceProvider> provider,
+                                   std::unique_ptr<Message>&& message, Address&&, std::shared_ptr<Context>&&)
+{
+    return asMessage(provider->listPorts(static_cast<const ListPorts&>(*message)));
+}
+
+MessageFuture GetCounters::deliverTo(std::shared_ptr<HttpManagerServiceProvider> provider,
+                                     std::unique_ptr<Message>&& message, Address&&, std::shared_ptr<Context>&&)
+{
+    return asMessage(provider->getCounters(static_cast<const GetCounters&>(*message)));
+}
+
+} // namespace connector::http

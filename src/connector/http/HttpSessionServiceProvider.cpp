@@ -1,0 +1,77 @@
+#include "connector/http/HttpSessionServiceProvider.h"
+
+#include "connector/core/Connector.h"
+#include "connector/http/Cookies.h"
+#include "connector/http/HttpConfiguration.h"
+#include "connector/http/HttpText.h"
+
+namespace connector::http {
+
+namespace {
+
+bool hasBearerToken(const HttpRequest& request)
+{
+    const std::string* authorization = request.headers.find("Authorization");
+    return authorization && equalsIgnoringCase(std::string_view(*authorization).substr(0, 7), "Bearer ");
+}
+
+std::string cookieText(const std::string& secret, bool secure)
+{
+    return std::string(HttpSessionServiceProvider::kCookieName) + "=" + secret + "; Path=/; HttpOnly; SameSite=Strict" +
+           (secure ? "; Secure" : "");
+}
+
+} // namespace
+
+MessageFuture HttpSessionServiceProvider::handleHttp(std::unique_ptr<HttpRequest>&& request, Address&& rest,
+                                                     std::shared_ptr<Context>&& context)
+{
+    const auto connector = context->connector();
+    readLimits(*connector);
+
+    if (auto session = findSession(*request)) {
+        context->setHttpSession(std::move(session));
+        return connector->handle(std::move(request), std::move(rest), std::move(context));
+    }
+    auto created = hasBearerToken(*request) ? std::nullopt : sessions_->create();
+    if (!created)
+        return connector->handle(std::move(request), std::move(rest), std::move(context));
+
+    context->setHttpSession(created->session);
+    const std::string cookie = cookieText(created->secret, request->secure);
+    return connector->handle(std::move(request), std::move(rest), std::move(context))
+        .then([sessions = sessions_, id = created->session->id(), cookie](MessageFuture settled) {
+            try {
+                std::unique_ptr<Message> answer = settled.get();
+                auto* response = dynamic_cast<HttpResponse*>(answer.get());
+                if (response && response->status < 400)
+                    response->headers.add("Set-Cookie", cookie);
+                else
+                    sessions->end(id);
+                return answer;
+            } catch (...) {
+                sessions->end(id);
+                throw;
+            }
+        });
+}
+
+std::shared_ptr<HttpSession> HttpSessionServiceProvider::findSession(const HttpRequest& request) const
+{
+    for (const auto secret : cookieValues(request.headers, kCookieName)) {
+        if (auto session = sessions_->find(std::string(secret)))
+            return session;
+    }
+    return nullptr;
+}
+
+/// With the first request: the configuration need not have been there earlier.
+void HttpSessionServiceProvider::readLimits(Connector& connector)
+{
+    if (limitsRead_.exchange(true))
+        return;
+    const SessionLimits limits = readSessionLimits(connector);
+    sessions_->setLimits(limits.idle, limits.maxSessions);
+}
+
+} // namespace connector::http

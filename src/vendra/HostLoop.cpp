@@ -1,0 +1,149 @@
+#include "vendra/HostLoop.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include "platform/shutdown/ShutdownRegistry.h"
+
+namespace vendra {
+namespace {
+
+using python::PythonHost;
+
+std::string currentFolder()
+{
+    std::error_code ignored; // a folder that is gone has no name to tell
+    return std::filesystem::current_path(ignored).string();
+}
+
+} // namespace
+
+HostLoop::HostLoop(PythonHost& host, rqe::LocalRQE& engine) : host_(host), engine_(engine), folder_(currentFolder())
+{
+    int ends[2];
+    if (::pipe2(ends, O_NONBLOCK | O_CLOEXEC) != 0)
+        throw std::system_error(errno, std::generic_category(), "The host cannot make its signal pipe");
+    signalRead_ = ends[0];
+    signalWrite_ = ends[1];
+    host_.setWakeDescriptor(signalWrite_);
+}
+
+HostLoop::~HostLoop()
+{
+    host_.setWakeDescriptor(-1);
+    ::close(signalRead_);
+    ::close(signalWrite_);
+}
+
+bool HostLoop::drainSignals()
+{
+    std::array<char, 256> bytes;
+    bool any = false;
+    while (::read(signalRead_, bytes.data(), bytes.size()) > 0)
+        any = true;
+    return any;
+}
+
+Wake HostLoop::wait(int input)
+{
+    for (;;) {
+        if (drainSignals() || host_.signalNoted()) {
+            PythonHost::Signal signal = host_.takeSignals();
+            if (signal == PythonHost::Signal::interrupt)
+                return Wake::interrupt;
+        }
+        if (host_.leaveStatus())
+            return Wake::leave;
+
+        std::array<pollfd, 3> waited = {{{signalRead_, POLLIN, 0}, {engine_.wakeFd(), POLLIN, 0}, {input, POLLIN, 0}}};
+        if (::poll(waited.data(), waited.size(), -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            throw std::system_error(errno, std::generic_category(), "The host cannot wait");
+        }
+        if (waited[0].revents != 0)
+            continue;
+        if (waited[1].revents != 0) {
+            engine_.runOne();
+            noteFolder();
+        }
+        if (waited[2].revents != 0 && !host_.leaveStatus())
+            return Wake::input;
+    }
+}
+
+void HostLoop::noteFolder()
+{
+    std::string folder = currentFolder();
+    if (folder.empty() || folder == folder_)
+        return;
+    folder_ = folder;
+    engine_.notifyFolderChanged(folder_);
+}
+
+bool HostLoop::mayLeave(bool askedBefore)
+{
+    if (askedBefore || ShutdownRegistry::isOkToExit())
+        return true;
+    std::fputs("Something is not ready for the exit; Ctrl-D once more leaves all the same.\n", stderr);
+    return false;
+}
+
+int HostLoop::prompt(LineReader& reader)
+{
+    std::string source;
+    bool continued = false;
+    bool endSeen = false;
+    for (;;) {
+        engine_.notifyPrompt(true);
+        Line line = reader.read(host_.prompt(continued));
+        engine_.notifyPrompt(false);
+        switch (line.kind) {
+        case Line::Kind::leave:
+            return host_.leaveStatus().value_or(0);
+        case Line::Kind::end:
+            if (mayLeave(endSeen))
+                return 0;
+            endSeen = true;
+            continue;
+        case Line::Kind::interrupted:
+            std::fputs("KeyboardInterrupt\n", stderr);
+            source.clear();
+            continued = false;
+            continue;
+        case Line::Kind::text:
+            break;
+        }
+        endSeen = false;
+        source += continued ? "\n" + line.text : line.text;
+        PythonHost::LineState state = host_.compileLine(source);
+        continued = state == PythonHost::LineState::incomplete;
+        if (continued)
+            continue;
+        source.clear();
+        if (state == PythonHost::LineState::wrong)
+            continue;
+        PythonHost::Outcome outcome = foreground([&] { return host_.runLine(); });
+        if (outcome.leave)
+            return outcome.status;
+    }
+}
+
+int HostLoop::serve()
+{
+    switch (wait(-1)) {
+    case Wake::interrupt:
+        return 130;
+    default:
+        return host_.leaveStatus().value_or(0);
+    }
+}
+
+} // namespace vendra

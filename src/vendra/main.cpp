@@ -1,0 +1,129 @@
+// The reference host: a script interpreter that the module can be loaded into.
+
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+#include <boost/smart_ptr/make_shared.hpp>
+#include <unistd.h>
+
+#include "platform/rqe/LocalRQE.h"
+#include "platform/rqe/ProcessSession.h"
+#include "platform/shutdown/ShutdownRegistry.h"
+#include "vendra/Announcement.h"
+#include "vendra/HostLoop.h"
+#include "vendra/Options.h"
+#include "vendra/python/PythonHost.h"
+
+namespace {
+
+using vendra::HostLoop;
+using vendra::Options;
+using vendra::python::PythonHost;
+
+void announce()
+{
+    auto announcement = vendra::readAnnouncement(vendra::runtimeFolder(), ::getpid());
+    if (!announcement) {
+        std::fputs("vendra: the connector has announced no address.\n", stderr);
+        return;
+    }
+    std::printf("Connector: %s\nToken file: %s\n", announcement->url.c_str(), announcement->file.c_str());
+    std::fflush(stdout);
+}
+
+PythonHost::Outcome runProgram(PythonHost& host, HostLoop& loop, const Options& options)
+{
+    switch (options.program) {
+    case Options::Program::file:
+        return loop.foreground([&] { return host.runFile(options.source); });
+    case Options::Program::code:
+        return loop.foreground([&] { return host.runSource(options.source, "<string>"); });
+    default:
+        return loop.foreground([&] {
+            std::string code(std::istreambuf_iterator<char>(std::cin), {});
+            return host.runSource(code, "<stdin>");
+        });
+    }
+}
+
+int runPrompt(PythonHost& host, HostLoop& loop, bool banner)
+{
+    if (banner)
+        std::fputs("vendra " VENDRA_VERSION " (Python " VENDRA_PYTHON_VERSION "); exit() or Ctrl-D leaves\n", stderr);
+    auto wait = [&](int descriptor) { return loop.wait(descriptor); };
+    auto complete = [&](const std::string& text, std::size_t cursor) {
+        rqe::Completions found;
+        host.withInterpreter([&](rqe::Interpreter& interpreter) { found = interpreter.complete(text, cursor); });
+        return found;
+    };
+    bool terminal = ::isatty(STDIN_FILENO) && ::isatty(STDOUT_FILENO);
+    auto reader = terminal ? vendra::makeTerminalReader(wait, complete) : vendra::makePlainReader(wait);
+    return loop.prompt(*reader);
+}
+
+/// Everything between start and shutdown; returns the exit status.
+int run(PythonHost& host, rqe::LocalRQE& engine, const Options& options)
+{
+    HostLoop loop(host, engine);
+    bool terminal = ::isatty(STDIN_FILENO);
+    bool none = options.program == Options::Program::none;
+    bool typed = options.program == Options::Program::standardInput && terminal;
+    bool program = !typed && (!none || !(terminal || options.connector || options.interactive));
+    bool prompt = options.interactive || typed || (none && terminal);
+
+    if (options.program != Options::Program::file)
+        host.prepareInteractive(prompt);
+    if (options.connector) {
+        PythonHost::Outcome outcome = loop.foreground([&] { return host.startConnector(); });
+        if (outcome.leave || outcome.status != 0)
+            return outcome.status;
+        announce();
+    }
+    if (program) {
+        PythonHost::Outcome outcome = runProgram(host, loop, options);
+        bool ended = outcome.leave || outcome.status != 0;
+        if (host.leaveStatus() || (ended && !prompt) || (!prompt && !options.connector))
+            return outcome.status;
+    }
+    if (prompt)
+        return runPrompt(host, loop, none || typed);
+    return loop.serve();
+}
+
+void shutDown(PythonHost& host, rqe::LocalRQE& engine)
+{
+    if (host.leaveStatus())
+        host.letNextSignalKill();
+    engine.close("The host is going down.");
+    ShutdownRegistry::notifyAll([](std::string_view failure) {
+        std::fprintf(stderr, "vendra: %.*s\n", static_cast<int>(failure.size()), failure.data());
+    });
+    rqe::ProcessSession::setSession({});
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+try {
+    int status = 0;
+    auto options = vendra::parseOptions(argc, argv, status);
+    if (!options)
+        return status;
+
+    PythonHost host({options->arguments, options->interactive});
+    auto engine = boost::make_shared<rqe::LocalRQE>(host);
+    rqe::ProcessSession::setSession(rqe::makeSession(engine));
+    pid_t self = ::getpid();
+    status = run(host, *engine, *options);
+    // A forked child that comes here has its parent's connector on its hands, not one of its own.
+    if (::getpid() == self)
+        shutDown(host, *engine);
+    return host.finish(status);
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "vendra: %s\n", error.what());
+    return 1;
+}

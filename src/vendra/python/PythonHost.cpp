@@ -1,0 +1,420 @@
+#include "vendra/python/PythonHost.h"
+
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <initializer_list>
+#include <stdexcept>
+#include <utility>
+
+#include <pthread.h>
+
+#include "vendra/python/ConnectorModule.h"
+#include "vendra/python/Object.h"
+#include "vendra/python/OutputCapture.h"
+#include "vendra/python/PythonInterpreter.h"
+#include "vendra/python/Support.h"
+
+namespace vendra::python {
+namespace {
+
+constexpr const char* kOwnCapsule = "vendra.host";
+
+void checkStatus(const PyStatus& status)
+{
+    if (PyStatus_Exception(status))
+        throw std::runtime_error(std::string("The script language cannot start: ") +
+                                 (status.err_msg ? status.err_msg : "no reason given"));
+}
+
+class Config
+{
+public:
+    Config() { PyConfig_InitPythonConfig(&config_); }
+    ~Config() { PyConfig_Clear(&config_); }
+    Config(const Config&) = delete;
+    Config& operator=(const Config&) = delete;
+
+    PyConfig& operator*() noexcept { return config_; }
+    void set(wchar_t** field, const std::string& value)
+    {
+        checkStatus(PyConfig_SetBytesString(&config_, field, value.c_str()));
+    }
+
+private:
+    PyConfig config_;
+};
+
+void initialize(const PythonHost::Settings& settings)
+{
+    Config config;
+    PyConfig& fields = *config;
+    // Named outright, so that neither the PATH nor PYTHONHOME leads to another installation's library.
+    std::filesystem::path executable = VENDRA_PYTHON_EXECUTABLE;
+    config.set(&fields.program_name, executable.string());
+    config.set(&fields.executable, executable.string());
+    config.set(&fields.base_executable, executable.string());
+    config.set(&fields.home, executable.parent_path().parent_path().string());
+    fields.isolated = 0;
+    fields.parse_argv = 0;
+    fields.install_signal_handlers = 1;
+    fields.interactive = settings.interactive ? 1 : 0;
+    std::vector<char*> arguments;
+    for (const std::string& argument : settings.arguments)
+        arguments.push_back(const_cast<char*>(argument.c_str()));
+    checkStatus(PyConfig_SetBytesArgv(&fields, static_cast<Py_ssize_t>(arguments.size()), arguments.data()));
+    checkStatus(Py_InitializeFromConfig(&fields));
+}
+
+Ref loadSupport()
+{
+    Ref code = Ref::own(Py_CompileString(kSupportSource, "<vendra>", Py_file_input));
+    Ref module = Ref::own(PyModule_New("_vendra"));
+    PyObject* names = PyModule_GetDict(module.get());
+    check(PyDict_SetItemString(names, "__builtins__", PyEval_GetBuiltins()));
+    Ref::own(PyEval_EvalCode(code.get(), names, names));
+    return module;
+}
+
+class Locked
+{
+public:
+    Locked() : state_(PyGILState_Ensure()) {}
+    ~Locked() { PyGILState_Release(state_); }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+
+private:
+    PyGILState_STATE state_;
+};
+
+} // namespace
+
+class PythonHost::Impl
+{
+public:
+    explicit Impl(const Settings& settings);
+
+    Ref callSupport(const char* name, std::initializer_list<PyObject*> arguments);
+    /// Calls a function of support.py that answers (leave, status).
+    Outcome run(const char* name, std::initializer_list<PyObject*> arguments);
+    void breakRunning();
+    void discardBreak();
+    Signal takeSignals();
+
+    PyThreadState* mainThread = nullptr; ///< set while no code of the main thread holds the lock
+    /// Gives the wake-up descriptor of signals to the code that is to run; see arm.
+    void disarm();
+    /// Takes it back, and notes what came meanwhile and was not handled.
+    void arm();
+    void setWakeDescriptor(int descriptor);
+    void dropReferences();
+
+    OutputCapture capture;
+    Ref support;
+    std::unique_ptr<PythonInterpreter> interpreter;
+    std::optional<int> leaveStatus;
+    bool interruptNoted = false;
+
+private:
+    static Impl& self(PyObject* capsule) { return *static_cast<Impl*>(PyCapsule_GetPointer(capsule, kOwnCapsule)); }
+    static PyObject* terminate(PyObject* capsule, PyObject* arguments);
+    static PyObject* breakRequested(PyObject* capsule, PyObject*);
+    static int raiseInterrupt(void* impl);
+    void installSignals();
+    void setLanguageDescriptor(PyObject* descriptor);
+
+    Ref setWakeFunction_;
+    Ref wakeDescriptor_; ///< an int; empty when there is none
+    Ref noDescriptor_;
+    const pthread_t thread_ = ::pthread_self();
+    std::atomic<bool> breakRequested_ = false;
+};
+
+/// Around code of scripts and tasks.
+class PythonHost::Running
+{
+public:
+    explicit Running(Impl& impl) : impl_(impl) { impl_.disarm(); }
+    ~Running() { impl_.arm(); }
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+
+private:
+    Locked locked_;
+    Impl& impl_;
+};
+
+PythonHost::Impl::Impl(const Settings& settings)
+{
+    registerConnectorModule();
+    initialize(settings);
+    try {
+        support = loadSupport();
+        capture.install(support.get());
+        installSignals();
+    } catch (const ErrorSet&) {
+        PyErr_Print();
+        throw std::runtime_error("The script language cannot be prepared.");
+    }
+    interpreter = std::make_unique<PythonInterpreter>(Ref::share(support.get()), capture);
+    mainThread = PyEval_SaveThread();
+}
+
+void PythonHost::Impl::installSignals()
+{
+    static PyMethodDef terminateMethod = {"terminate", &Impl::terminate, METH_VARARGS, nullptr};
+    static PyMethodDef breakMethod = {"break_requested", &Impl::breakRequested, METH_NOARGS, nullptr};
+    Ref capsule = Ref::own(PyCapsule_New(this, kOwnCapsule, nullptr));
+    Ref terminator = Ref::own(PyCFunction_New(&terminateMethod, capsule.get()));
+    Ref asker = Ref::own(PyCFunction_New(&breakMethod, capsule.get()));
+    setWakeFunction_ = callSupport("install_signals", {terminator.get(), asker.get()});
+    noDescriptor_ = Ref::own(PyLong_FromLong(-1));
+}
+
+void PythonHost::Impl::setLanguageDescriptor(PyObject* descriptor)
+{
+    PyObject* arguments[] = {descriptor};
+    PyObject* former = PyObject_Vectorcall(setWakeFunction_.get(), arguments, 1, nullptr);
+    if (!former)
+        PyErr_WriteUnraisable(setWakeFunction_.get());
+    Py_XDECREF(former);
+}
+
+void PythonHost::Impl::setWakeDescriptor(int descriptor)
+{
+    wakeDescriptor_ = descriptor < 0 ? Ref{} : Ref::own(PyLong_FromLong(descriptor));
+    setLanguageDescriptor(wakeDescriptor_ ? wakeDescriptor_.get() : noDescriptor_.get());
+}
+
+void PythonHost::Impl::dropReferences()
+{
+    interpreter.reset();
+    for (Ref* reference : {&support, &setWakeFunction_, &wakeDescriptor_, &noDescriptor_})
+        *reference = Ref{};
+}
+
+void PythonHost::Impl::disarm()
+{
+    if (wakeDescriptor_)
+        setLanguageDescriptor(noDescriptor_.get());
+}
+
+void PythonHost::Impl::arm()
+{
+    if (!wakeDescriptor_)
+        return;
+    setLanguageDescriptor(wakeDescriptor_.get());
+    if (takeSignals() == Signal::interrupt)
+        interruptNoted = true;
+}
+
+PyObject* PythonHost::Impl::terminate(PyObject* capsule, PyObject* arguments)
+{
+    int number = 0;
+    PyObject* frame = nullptr;
+    if (!PyArg_ParseTuple(arguments, "iO", &number, &frame))
+        return nullptr;
+    self(capsule).leaveStatus = 128 + number;
+    Ref status = Ref::share(PyLong_FromLong(128 + number));
+    PyErr_SetObject(PyExc_SystemExit, status.get());
+    return nullptr;
+}
+
+PyObject* PythonHost::Impl::breakRequested(PyObject* capsule, PyObject*)
+{
+    return PyBool_FromLong(self(capsule).breakRequested_.exchange(false));
+}
+
+int PythonHost::Impl::raiseInterrupt(void* impl)
+{
+    if (!static_cast<Impl*>(impl)->breakRequested_.exchange(false))
+        return 0;
+    PyErr_SetNone(PyExc_KeyboardInterrupt);
+    return -1;
+}
+
+void PythonHost::Impl::breakRunning()
+{
+    breakRequested_ = true;
+    struct sigaction action = {};
+    ::sigaction(SIGINT, nullptr, &action);
+    bool handled = action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN;
+    // A script may have given the signal back to the system; then it would kill the process, or do nothing.
+    if (handled)
+        ::pthread_kill(thread_, SIGINT);
+    else
+        Py_AddPendingCall(&Impl::raiseInterrupt, this);
+}
+
+void PythonHost::Impl::discardBreak()
+{
+    // A signal sent to this thread is delivered at the latest on the way out of a system call.
+    sigset_t mask;
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    takeSignals();
+    interruptNoted = false;
+    breakRequested_ = false;
+}
+
+PythonHost::Signal PythonHost::Impl::takeSignals()
+{
+    if (std::exchange(interruptNoted, false))
+        return Signal::interrupt;
+    if (PyErr_CheckSignals() == 0)
+        return leaveStatus ? Signal::leave : Signal::none;
+    Ref error = takeError();
+    if (PyErr_GivenExceptionMatches(error.get(), PyExc_KeyboardInterrupt))
+        return Signal::interrupt;
+    try {
+        if (PyErr_GivenExceptionMatches(error.get(), PyExc_SystemExit)) {
+            Ref status = callSupport("exit_status", {error.get()});
+            if (!leaveStatus)
+                leaveStatus = static_cast<int>(PyLong_AsLong(status.get()));
+            return Signal::leave;
+        }
+        callSupport("show", {error.get()});
+    } catch (const ErrorSet&) {
+        PyErr_Print();
+    }
+    return leaveStatus ? Signal::leave : Signal::none;
+}
+
+Ref PythonHost::Impl::callSupport(const char* name, std::initializer_list<PyObject*> arguments)
+{
+    Ref function = Ref::own(PyObject_GetAttrString(support.get(), name));
+    return Ref::own(PyObject_Vectorcall(function.get(), arguments.begin(), arguments.size(), nullptr));
+}
+
+PythonHost::Outcome PythonHost::Impl::run(const char* name, std::initializer_list<PyObject*> arguments)
+try {
+    Ref answer = callSupport(name, arguments);
+    Outcome outcome;
+    outcome.leave = PyTuple_GET_ITEM(answer.get(), 0) == Py_True;
+    outcome.status = static_cast<int>(PyLong_AsLong(PyTuple_GET_ITEM(answer.get(), 1)));
+    if (leaveStatus)
+        outcome = {true, *leaveStatus};
+    return outcome;
+} catch (const ErrorSet&) {
+    // Only what interrupts the few lines around the code gets here.
+    bool interrupted = PyErr_ExceptionMatches(PyExc_KeyboardInterrupt);
+    Ref error = takeError();
+    if (leaveStatus)
+        return {true, *leaveStatus};
+    return {false, interrupted ? 130 : 1};
+}
+
+PythonHost::PythonHost(const Settings& settings) : impl_(std::make_unique<Impl>(settings)) {}
+
+PythonHost::~PythonHost()
+{
+    // After finish no reference is left, and there is no lock to take.
+    if (!Py_IsInitialized())
+        return;
+    Locked locked;
+    impl_.reset();
+}
+
+void PythonHost::withInterpreter(const std::function<void(rqe::Interpreter&)>& body)
+{
+    Running running(*impl_);
+    body(*impl_->interpreter);
+}
+
+void PythonHost::breakRunning() { impl_->breakRunning(); }
+
+void PythonHost::discardBreak() { impl_->discardBreak(); }
+
+PythonHost::Outcome PythonHost::runFile(const std::string& path)
+{
+    Running running(*impl_);
+    Ref text = Ref::own(PyUnicode_DecodeFSDefault(path.c_str()));
+    return impl_->run("run_file", {text.get()});
+}
+
+PythonHost::Outcome PythonHost::runSource(const std::string& code, const std::string& fileName)
+{
+    Running running(*impl_);
+    Ref bytes = Ref::own(PyBytes_FromStringAndSize(code.data(), static_cast<Py_ssize_t>(code.size())));
+    Ref name = makeText(fileName);
+    return impl_->run("run_source", {bytes.get(), name.get()});
+}
+
+PythonHost::Outcome PythonHost::startConnector()
+{
+    Running running(*impl_);
+    return impl_->run("start_connector", {});
+}
+
+void PythonHost::prepareInteractive(bool withPrompts)
+{
+    Locked locked;
+    impl_->callSupport("prepare_interactive", {withPrompts ? Py_True : Py_False});
+}
+
+std::string PythonHost::prompt(bool continued)
+{
+    Locked locked;
+    try {
+        return textOf(impl_->callSupport("prompt", {continued ? Py_True : Py_False}).get());
+    } catch (const ErrorSet&) {
+        PyErr_Clear();
+        return continued ? "... " : ">>> ";
+    }
+}
+
+PythonHost::LineState PythonHost::compileLine(const std::string& source)
+{
+    Locked locked;
+    try {
+        Ref text = makeText(source);
+        Ref answer = impl_->callSupport("compile_line", {text.get()});
+        if (answer.get() == Py_None)
+            return LineState::incomplete;
+        return answer.get() == Py_True ? LineState::ready : LineState::wrong;
+    } catch (const ErrorSet&) {
+        PyErr_Print();
+        return LineState::wrong;
+    }
+}
+
+PythonHost::Outcome PythonHost::runLine()
+{
+    Running running(*impl_);
+    return impl_->run("run_line", {});
+}
+
+PythonHost::Signal PythonHost::takeSignals()
+{
+    Locked locked;
+    return impl_->takeSignals();
+}
+
+std::optional<int> PythonHost::leaveStatus() const { return impl_->leaveStatus; }
+
+bool PythonHost::signalNoted() const { return impl_->interruptNoted; }
+
+void PythonHost::setWakeDescriptor(int descriptor)
+{
+    Locked locked;
+    impl_->setWakeDescriptor(descriptor);
+}
+
+void PythonHost::letNextSignalKill()
+{
+    Locked locked;
+    try {
+        impl_->callSupport("let_next_signal_kill", {});
+    } catch (const ErrorSet&) {
+        PyErr_Clear();
+    }
+}
+
+int PythonHost::finish(int status)
+{
+    PyEval_RestoreThread(impl_->mainThread);
+    impl_->dropReferences();
+    return Py_FinalizeEx() < 0 ? 120 : status;
+}
+
+} // namespace vendra::python

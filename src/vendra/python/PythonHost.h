@@ -1,0 +1,87 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/rqe/LocalRQE.h"
+
+namespace vendra::python {
+
+/// The embedded language: one per process, made and used on the main thread, which is the interpreter thread.
+/// Operations that run code must be called without the language's lock and take it themselves.
+class PythonHost : public rqe::LanguageHost
+{
+public:
+    struct Settings
+    {
+        std::vector<std::string> arguments; ///< sys.argv
+        bool interactive = false;           ///< what sys.flags says
+    };
+
+    /// How a piece of the host's own code ended; what it raised has been printed.
+    struct Outcome
+    {
+        bool leave = false; ///< the code asked for the exit of the process
+        int status = 0;     ///< 0, or the exit status that goes with it
+    };
+
+    enum class LineState
+    {
+        incomplete,
+        ready,
+        wrong ///< shown already
+    };
+
+    enum class Signal
+    {
+        none,
+        interrupt,
+        leave ///< see leaveStatus
+    };
+
+    /// Throws std::runtime_error with the language's own words when it cannot start.
+    explicit PythonHost(const Settings& settings);
+    ~PythonHost() override;
+
+    void withInterpreter(const std::function<void(rqe::Interpreter&)>& body) override;
+    void breakRunning() override;
+    void discardBreak() override;
+
+    Outcome runFile(const std::string& path);
+    /// `fileName`: what tracebacks call the code.
+    Outcome runSource(const std::string& code, const std::string& fileName);
+    /// Imports the module and starts its framework.
+    Outcome startConnector();
+
+    /// Puts the current folder on the search path as the language's prompt and -c do.
+    void prepareInteractive(bool withPrompts);
+    std::string prompt(bool continued);
+    /// `source`: all lines typed so far, without the last line's end.
+    LineState compileLine(const std::string& source);
+    /// Runs what compileLine found ready.
+    Outcome runLine();
+
+    /// Signals that come while nothing runs make `descriptor` (non-blocking) readable; -1 ends that. While code runs, the
+    /// language's own mechanism for this is left to the code.
+    void setWakeDescriptor(int descriptor);
+    /// Runs the handlers of signals that came.
+    Signal takeSignals();
+    /// True when takeSignals has something to tell although the descriptor says nothing. Takes no lock.
+    bool signalNoted() const;
+    /// The exit status that a signal or its handler asked for, from then on. Takes no lock.
+    std::optional<int> leaveStatus() const;
+
+    /// From here on a signal ends the process at once.
+    void letNextSignalKill();
+    /// Ends the language: exit functions run, streams are flushed. Returns `status`, or 120 when the flush failed.
+    int finish(int status);
+
+private:
+    class Impl;
+    class Running;
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace vendra::python

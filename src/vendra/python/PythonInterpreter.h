@@ -1,0 +1,45 @@
+#pragma once
+
+#include "platform/rqe/Interpreter.h"
+#include "vendra/python/Object.h"
+#include "vendra/python/OutputCapture.h"
+
+namespace vendra::python {
+
+/// The embedded interpreter as tasks see it. Every operation needs the language's lock and the interpreter thread.
+class PythonInterpreter : public rqe::Interpreter
+{
+public:
+    /// `support`: the module of support.py. `capture` must outlive this.
+    PythonInterpreter(Ref support, OutputCapture& capture) : support_(std::move(support)), capture_(capture) {}
+
+    rqe::EvalResult evaluate(std::string_view code, const rqe::EvalOptions& options, rqe::OutputSink& output) override;
+    std::vector<matrix::ArrayPtr> call(std::string_view name, std::vector<matrix::ArrayPtr> arguments,
+                                       std::size_t results, rqe::OutputSink& output) override;
+    matrix::ArrayPtr getVariable(std::string_view name) override;
+    void setVariable(std::string_view name, const vxArray& value) override;
+    bool clearVariable(std::string_view name) override;
+    std::vector<rqe::VariableInfo> listVariables() override;
+    rqe::Completions complete(std::string_view text, std::size_t cursor) override;
+    std::vector<std::string> searchPath() override;
+    void setSearchPath(const std::vector<std::string>& folders) override;
+    std::string currentFolder() override;
+    void setCurrentFolder(std::string_view folder) override;
+    std::vector<std::string> saveWorkspace(std::string_view file, const std::vector<std::string>& names) override;
+    std::vector<std::string> loadWorkspace(std::string_view file) override;
+
+private:
+    /// Calls `body` with output going to `sink` (nowhere when null); an error of the language becomes a ScriptError.
+    template <class Body>
+    auto guarded(rqe::OutputSink* sink, Body body);
+    [[noreturn]] void throwScriptError();
+    Ref callSupport(const char* name, std::initializer_list<PyObject*> arguments);
+    /// Throws std::invalid_argument for what cannot be a variable's name.
+    Ref variableName(std::string_view name);
+    void convertValue(PyObject* value, rqe::EvalResult& result);
+
+    Ref support_;
+    OutputCapture& capture_;
+};
+
+} // namespace vendra::python
