@@ -45,3 +45,9 @@ if(CONNECTOR_SANITIZE)
 endif()
 
 include_directories(${CMAKE_SOURCE_DIR}/src)
+
+# A library says itself what it needs; sanitizers leave symbols for the program to bring.
+if(NOT CONNECTOR_SANITIZE)
+  add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:LINKER:-z,defs>
+                   $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,MODULE_LIBRARY>:LINKER:-z,defs>)
+endif()

@@ -324,7 +324,8 @@ def run_file(path):
         return True, 2
     if not sys.flags.safe_path:
         sys.path.insert(0, os.path.dirname(os.path.realpath(path)))
-    workspace["__file__"] = os.path.abspath(path)
+    path = os.path.abspath(path)
+    workspace["__file__"] = path
     workspace["__cached__"] = None
     return run_source(code, path)
 

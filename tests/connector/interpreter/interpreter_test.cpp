@@ -4,6 +4,7 @@
 
 #include "connector/configuration/ConfigurationImpl.h"
 #include "connector/core/ConnectorImpl2.h"
+#include "connector/core/ServiceFault.h"
 #include "connector/interpreter/InterpreterServiceProvider.h"
 
 namespace connector::interpreter::v1 {

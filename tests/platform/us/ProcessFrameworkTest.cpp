@@ -48,7 +48,7 @@ TEST(UsProcessFramework, IsMadeOnceAndReplacedByTheHost)
     }
     setFramework(own);
     EXPECT_EQ(asked, own);
-    setFramework(nullptr);
+    setFramework(seen.front());
 }
 
 } // namespace us_test
