@@ -17,9 +17,9 @@ ENDINGS = {".h", ".cpp", ".c", ".in"}
 
 # A system header that begins so stays inside the folders that match.
 RESERVED = [
-    (re.compile(r"boost/(beast|asio)"), re.compile(r"connector/http/engine$")),
-    (re.compile(r"Python\.h"), re.compile(r"vendra/python$")),
-    (re.compile(r"jni\.h"), re.compile(r"connector/jni_\w+$")),
+    (re.compile(r"boost/(beast|asio)"), re.compile(r"connector/http/engine/")),
+    (re.compile(r"Python\.h"), re.compile(r"vendra/python/")),
+    (re.compile(r"jni\.h"), re.compile(r"connector/jni_\w+/")),
 ]
 
 
@@ -88,7 +88,7 @@ def main():
             continue
         for kind, target in INCLUDE.findall(path.read_text(encoding="utf-8")):
             for header, allowed in RESERVED:
-                if header.match(target) and not allowed.match(folder):
+                if header.match(target) and not allowed.match(name):
                     errors.append(f"{name}: <{target}> belongs in {allowed.pattern} only")
             if kind != '"' or not (SOURCES / target).exists():
                 continue

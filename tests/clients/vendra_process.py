@@ -3,11 +3,10 @@
 import http.client
 import json
 import os
-import select
 import signal
 import subprocess
 import tempfile
-import time
+import threading
 import urllib.parse
 
 TIMEOUT = 30
@@ -38,14 +37,14 @@ class Vendra:
         self._folder.cleanup()
 
     def _announced(self, label):
-        deadline = time.monotonic() + TIMEOUT
-        while time.monotonic() < deadline:
-            if select.select([self.process.stdout], [], [], 0.2)[0] or self.process.poll() is not None:
-                line = self.process.stdout.readline()
+        watchdog = threading.Timer(TIMEOUT, self.process.kill)
+        watchdog.start()
+        try:
+            for line in self.process.stdout:
                 if line.startswith(label):
                     return line[len(label):].strip()
-                if not line:
-                    break
+        finally:
+            watchdog.cancel()
         self.process.kill()
         raise AssertionError(f"no '{label}' line: {self.process.stderr.read()}")
 

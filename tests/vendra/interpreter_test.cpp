@@ -112,8 +112,9 @@ TEST_F(InterpreterTest, keepsTheValueOfALastExpression)
     }
     EXPECT_EQ(output.all, "");
     EXPECT_FALSE(evaluate("1 + 1", {.wantValue = false}).hasValue);
-    EXPECT_EQ(evaluate("from __future__ import annotations\ndef f(a: no): pass\n(lambda: f.__annotations__)()").valueText,
-              "{'a': 'no'}");
+    EXPECT_EQ(
+        evaluate("from __future__ import annotations\ndef f(a: no): pass\n(lambda: f.__annotations__)()").valueText,
+        "{'a': 'no'}");
 }
 
 TEST_F(InterpreterTest, echoesAsThePromptDoesWithoutTouchingTheUnderscore)
@@ -189,16 +190,18 @@ TEST_F(InterpreterTest, describesErrorsAsTheLanguageDoes)
         {"def r(): r()\nr()", "RecursionError"},
         {"'x' * (1 << 62)", "MemoryError"},
         {"return 1", "SyntaxError"},
-        {"(" "((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((("
-         "(((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((",
+        {"("
+         "((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((("
+         "(((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((("
+         "(",
          "SyntaxError"},
-        {"x = '\0'", "ValueError"},
         {"import json; json.loads('{')", "json.decoder.JSONDecodeError"},
         {"class E(Exception):\n  def __str__(self): raise ValueError\nraise E", "E"},
         {"class R:\n  def __repr__(self): raise LookupError('no')\nR()", "LookupError"},
     };
     for (const auto& [code, type] : types)
-        EXPECT_EQ(errorOf(std::string(code)).type(), type) << code;
+        EXPECT_EQ(errorOf(code).type(), type) << code;
+    EXPECT_EQ(errorOf(std::string("x = '\0'", 7)).type(), "SyntaxError");
     EXPECT_EQ(evaluate("1 + 1").valueText, "2");
 
     error = errorOf("try:\n    1 / 0\nexcept Exception:\n    raise KeyError('k')");
@@ -258,9 +261,11 @@ TEST_F(InterpreterTest, callsFunctionsByName)
         EXPECT_TRUE(call("print", 0, 5.0).empty());
         EXPECT_EQ(output.out, "5.0\n");
 
-        const std::tuple<const char*, std::size_t, const char*> wrong[] = {
-            {"no_such", 1, "NameError"},     {"math.no_such", 1, "AttributeError"}, {"none", 2, "ValueError"},
-            {"pair.__name__", 1, "TypeError"}, {"", 1, "NameError"}};
+        const std::tuple<const char*, std::size_t, const char*> wrong[] = {{"no_such", 1, "NameError"},
+                                                                           {"math.no_such", 1, "AttributeError"},
+                                                                           {"none", 2, "ValueError"},
+                                                                           {"pair.__name__", 1, "TypeError"},
+                                                                           {"", 1, "NameError"}};
         for (const auto& [name, results, type] : wrong) {
             try {
                 call(name, results);
@@ -394,9 +399,8 @@ TEST_F(InterpreterTest, anInterruptBreaksALoopAndNothingElse)
 
     // Interrupted with nothing to break: the interrupt must not come out of what runs next.
     for (int i = 0; i < 200; ++i) {
-        engine->post(std::make_unique<FunctionTask>([&](Interpreter&) {
-            std::thread([&] { EXPECT_TRUE(engine->interrupt()); }).join();
-        }));
+        engine->post(std::make_unique<FunctionTask>(
+            [&](Interpreter&) { std::thread([&] { EXPECT_TRUE(engine->interrupt()); }).join(); }));
         engine->runOne();
         EXPECT_EQ(evaluate("sum(range(100))").valueText, "4950");
     }

@@ -76,6 +76,7 @@ ServerSettings readServerSettings(Connector& connector)
     settings.maxConnections = values.get("http.maxConnections", settings.maxConnections);
     settings.maxHeadBytes = values.get("http.maxHeadBytes", settings.maxHeadBytes);
     settings.maxBodyBytes = values.get("http.maxBodyBytes", settings.maxBodyBytes);
+    settings.maxHeldBodyBytes = std::max(settings.maxHeldBodyBytes, 2 * settings.maxBodyBytes);
     settings.headTimeout = values.milliseconds("http.headTimeoutSeconds", settings.headTimeout);
     settings.bodyTimeout = values.milliseconds("http.bodyTimeoutSeconds", settings.bodyTimeout);
     auto& parameters = *settings.parameters;

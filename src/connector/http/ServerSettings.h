@@ -31,6 +31,8 @@ struct CONNECTOR_API ServerSettings
     std::size_t maxConnections = 10'000; ///< and at most three quarters of the descriptors this process may have
     std::size_t maxHeadBytes = 32u << 10;
     std::uint64_t maxBodyBytes = 64u << 20;
+    /// Of all requests at a time that are read or served; beyond it a request is refused with 503.
+    std::uint64_t maxHeldBodyBytes = 512u << 20;
     std::chrono::milliseconds headTimeout{10'000};
     std::chrono::milliseconds bodyTimeout{60'000};
     /// Bytes per second below which a body is given up once it took `bodyRateGrace`.

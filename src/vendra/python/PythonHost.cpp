@@ -18,6 +18,9 @@
 namespace vendra::python {
 namespace {
 
+/// Breaks what runs where the keyboard's signal cannot. One that nobody else has a use for.
+int breakSignal() { return SIGRTMIN + 11; }
+
 constexpr const char* kOwnCapsule = "vendra.host";
 
 void checkStatus(const PyStatus& status)
@@ -120,7 +123,6 @@ private:
     static Impl& self(PyObject* capsule) { return *static_cast<Impl*>(PyCapsule_GetPointer(capsule, kOwnCapsule)); }
     static PyObject* terminate(PyObject* capsule, PyObject* arguments);
     static PyObject* breakRequested(PyObject* capsule, PyObject*);
-    static int raiseInterrupt(void* impl);
     void installSignals();
     void setLanguageDescriptor(PyObject* descriptor);
 
@@ -167,8 +169,9 @@ void PythonHost::Impl::installSignals()
     static PyMethodDef breakMethod = {"break_requested", &Impl::breakRequested, METH_NOARGS, nullptr};
     Ref capsule = Ref::own(PyCapsule_New(this, kOwnCapsule, nullptr));
     Ref terminator = Ref::own(PyCFunction_New(&terminateMethod, capsule.get()));
+    Ref number = Ref::own(PyLong_FromLong(breakSignal()));
     Ref asker = Ref::own(PyCFunction_New(&breakMethod, capsule.get()));
-    setWakeFunction_ = callSupport("install_signals", {terminator.get(), asker.get()});
+    setWakeFunction_ = callSupport("install_signals", {terminator.get(), number.get(), asker.get()});
     noDescriptor_ = Ref::own(PyLong_FromLong(-1));
 }
 
@@ -226,25 +229,15 @@ PyObject* PythonHost::Impl::breakRequested(PyObject* capsule, PyObject*)
     return PyBool_FromLong(self(capsule).breakRequested_.exchange(false));
 }
 
-int PythonHost::Impl::raiseInterrupt(void* impl)
-{
-    if (!static_cast<Impl*>(impl)->breakRequested_.exchange(false))
-        return 0;
-    PyErr_SetNone(PyExc_KeyboardInterrupt);
-    return -1;
-}
-
 void PythonHost::Impl::breakRunning()
 {
     breakRequested_ = true;
     struct sigaction action = {};
     ::sigaction(SIGINT, nullptr, &action);
     bool handled = action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN;
-    // A script may have given the signal back to the system; then it would kill the process, or do nothing.
-    if (handled)
-        ::pthread_kill(thread_, SIGINT);
-    else
-        Py_AddPendingCall(&Impl::raiseInterrupt, this);
+    // A script may have given the keyboard's signal back to the system, and a shell starts what runs in the background
+    // with it ignored: then it would kill the process, or do nothing.
+    ::pthread_kill(thread_, handled ? SIGINT : breakSignal());
 }
 
 void PythonHost::Impl::discardBreak()

@@ -244,7 +244,7 @@ _ABSENT = object()
 def evaluate(code, file_name, want_value, echo):
     """Runs a cell in the workspace; the value of its last expression, if wanted and there is one."""
     name = _remember(file_name, code)
-    tree = ast.parse(code, name)
+    tree = compile(code, name, "exec", ast.PyCF_ONLY_AST, True)
     last = None
     if want_value and tree.body and isinstance(tree.body[-1], ast.Expr):
         last = ast.Expression(tree.body.pop().value)
@@ -387,25 +387,26 @@ def run_line():
 
 def start_connector():
     def run():
-        importlib.import_module("connector").start()
+        import connector
+
+        connector.start()
 
     return _foreground(run)
 
 
-def install_signals(terminate, break_requested):
+def install_signals(terminate, break_signal, break_requested):
     """Returns the function that sets the descriptor on which signals show."""
     import signal
 
     for number in (signal.SIGTERM, signal.SIGHUP):
         if signal.getsignal(number) == signal.SIG_DFL:
             signal.signal(number, terminate)
-    if signal.getsignal(signal.SIGINT) == signal.SIG_IGN:
-        # Started in the background by a shell: the keyboard's interrupt stays ignored, a client's does not.
-        def interrupt(number, frame):
-            if break_requested():
-                raise KeyboardInterrupt
 
-        signal.signal(signal.SIGINT, interrupt)
+    def interrupt(number, frame):
+        if break_requested():
+            raise KeyboardInterrupt
+
+    signal.signal(break_signal, interrupt)
     return functools.partial(signal.set_wakeup_fd, warn_on_full_buffer=False)
 
 

@@ -335,6 +335,28 @@ TEST(HttpServer, turnsConnectionsBeyondTheLimitAway)
     EXPECT_EQ(server->counters().turnedAway, 1u);
 }
 
+TEST(HttpServer, boundsTheBodiesOfAllRequestsTogether)
+{
+    ServerSettings settings;
+    settings.maxHeldBodyBytes = 250'000;
+    Server server(settings);
+    const std::string body(100'000, 'x');
+    const std::string holding = post("/hold", body);
+    WireClient first = server.client();
+    WireClient second = server.client();
+    first.send(holding);
+    second.send(holding);
+    ASSERT_TRUE(server.awaitHeld(2));
+    WireClient third = server.client();
+    third.sendWhatGoes(post("/echo", body));
+    EXPECT_EQ(third.receive().status, 503u);
+    server.release("x");
+    EXPECT_EQ(first.receive().status, 200u);
+    EXPECT_EQ(second.receive().status, 200u);
+    EXPECT_EQ(server.client().ask(post("/echo", body)).status, 200u);
+    EXPECT_EQ(first.ask(post("/echo", body)).status, 200u);
+}
+
 TEST(HttpServer, tellsWhoWorksForAClientThatWent)
 {
     Server server;
@@ -510,8 +532,9 @@ TEST(HttpServer, takesAnswersFromOtherThreadsWhileClientsComeAndGo)
         client.send(get("/hold"));
         if (i % 3 == 0)
             client.abort();
-        else if (i % 3 == 1)
+        if (i % 3 == 1) {
             EXPECT_EQ(client.receive().body, "x");
+        }
     }
     server->close();
     over = true;

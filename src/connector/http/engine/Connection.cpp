@@ -58,6 +58,7 @@ void Connection::stop()
     case State::readingBody:
         respond(refusal(false, 503, "The connector is stopping."));
         break;
+    case State::sendingContinue: // its end sees that the loop stops
     case State::writing:
         break;
     default:
@@ -72,6 +73,7 @@ void Connection::close()
         return;
     const auto self = shared_from_this();
     state_ = State::closed;
+    releaseBody();
     error_code ignored;
     socket_.close(ignored);
     loop_.remove(*this);
@@ -176,7 +178,10 @@ void Connection::sendContinue()
         if (error)
             return self->close();
         self->state_ = State::readingBody;
-        self->readBody();
+        if (self->loop_.isStopping())
+            self->stop();
+        else
+            self->readBody();
     });
 }
 
@@ -204,11 +209,23 @@ void Connection::readBody()
     }
     bodyBytes_ += before - bytes.size();
     buffer_.consume(before - bytes.size());
-    if (complete)
+    if (!holdBody())
+        refuse({503, "Too many large requests at a time."});
+    else if (complete)
         serve();
     else
         watch(kBodyReadBytes);
 }
+
+/// Counts what has arrived of the body; false when all bodies together are too large.
+bool Connection::holdBody()
+{
+    const std::uint64_t added = request_->body.size() - heldBytes_;
+    heldBytes_ += added;
+    return added == 0 || core_.heldBodyBytes.fetch_add(added) + added <= core_.settings.maxHeldBodyBytes;
+}
+
+void Connection::releaseBody() noexcept { core_.heldBodyBytes -= std::exchange(heldBytes_, 0); }
 
 void Connection::serve()
 {
@@ -276,6 +293,7 @@ void Connection::refuse(const Refused& refused)
 void Connection::respond(std::unique_ptr<HttpResponse> response)
 {
     state_ = State::writing;
+    releaseBody();
     closing_ = closing_ || loop_.isStopping();
     response_ = std::move(response);
     head_ = writeHead(*response_, loop_.date(), closing_, keepAliveAsked_);

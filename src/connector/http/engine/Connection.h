@@ -57,6 +57,8 @@ private:
     void beginBody();
     void sendContinue();
     void readBody();
+    bool holdBody();
+    void releaseBody() noexcept;
     void serve();
     std::function<bool(MessageFuture)> answerLater(const RequestTrace& trace);
     void refuse(const Refused& refused);
@@ -95,6 +97,7 @@ private:
     std::optional<ChunkedBody> chunks_;
     std::uint64_t bodyLeft_ = 0;
     std::uint64_t bodyBytes_ = 0; ///< as received, for the rate
+    std::uint64_t heldBytes_ = 0; ///< counted in the server's sum until the answer
     Clock::time_point bodyBegin_;
 
     bool isHead_ = false;

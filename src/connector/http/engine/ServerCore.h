@@ -40,6 +40,7 @@ struct ServerCore
     const std::size_t maxConnections;
     RequestLimits limits;
 
+    std::atomic<std::uint64_t> heldBodyBytes{0};
     std::atomic<std::uint64_t> connections{0};
     std::atomic<std::uint64_t> accepted{0};
     std::atomic<std::uint64_t> turnedAway{0};
