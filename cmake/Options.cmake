@@ -26,7 +26,7 @@ add_compile_options(-Wall -Wextra -Wpedantic -Wshadow
                     "$<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor;-Woverloaded-virtual>")
 # GCC 12 sees these in correct uses of std::string and of Boost once they are inlined.
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  add_compile_options(-Wno-array-bounds -Wno-stringop-overflow -Wno-restrict -Wno-maybe-uninitialized)
+  add_compile_options(-Wno-array-bounds -Wno-stringop-overflow -Wno-stringop-overread -Wno-restrict -Wno-maybe-uninitialized)
 endif()
 option(CONNECTOR_WERROR "Treat warnings as errors" ON)
 if(CONNECTOR_WERROR)

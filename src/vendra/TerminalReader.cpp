@@ -111,6 +111,8 @@ Line TerminalReader::read(const std::string& prompt)
     prompt_ = prompt;
     end_ = Line::Kind::end;
     ::el_resize(editor_.get());
+    // The editor would do this only after the prompt stands, and lose or echo twice what is typed in between.
+    ::el_set(editor_.get(), EL_PREP_TERM, 1);
     int length = 0;
     const char* text = ::el_gets(editor_.get(), &length);
     if (!text || length <= 0) {

@@ -201,7 +201,7 @@ TEST_F(InterpreterTest, describesErrorsAsTheLanguageDoes)
     };
     for (const auto& [code, type] : types)
         EXPECT_EQ(errorOf(code).type(), type) << code;
-    EXPECT_EQ(errorOf(std::string("x = '\0'", 7)).type(), "SyntaxError");
+    EXPECT_EQ(errorOf(std::string("x = '\0'", 7)).type(), "ValueError");
     EXPECT_EQ(evaluate("1 + 1").valueText, "2");
 
     error = errorOf("try:\n    1 / 0\nexcept Exception:\n    raise KeyError('k')");

@@ -30,8 +30,7 @@ void CommandProvider::add(Command command)
 {
     names_.reserve(names_.size() + 1);
     auto name = command.name();
-    if (!administration_->add(std::move(command)).get())
-        throw std::invalid_argument("There is a command \"" + name + "\" already.");
+    administration_->add(std::move(command)).get();
     names_.push_back(std::move(name));
 }
 

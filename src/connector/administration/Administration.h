@@ -41,9 +41,10 @@ public:
     virtual ~Administration() = default;
     /// Fails with std::invalid_argument naming an unknown command, else with what the command throws.
     virtual Future<std::string> execute(const std::string& name, std::vector<std::string>&& arguments) = 0;
-    /// False when the name is taken.
+    /// True when the name was free. Otherwise the new command stands in for the earlier one, until it is removed.
     virtual Future<bool> add(Command&& command) = 0;
-    /// False when there is no such command.
+    /// Takes the oldest command of the name away, so that a provider may be replaced by its successor at any moment. False
+    /// when there is none.
     virtual Future<bool> remove(const std::string& name) = 0;
     /// In name order.
     virtual Future<std::vector<Command>> getAll() = 0;
@@ -60,7 +61,7 @@ public:
 
 protected:
     explicit CommandProvider(std::shared_ptr<Administration> administration);
-    /// Throws std::invalid_argument when the name is taken.
+    /// Throws what Administration::add fails with.
     void add(Command command);
 
 private:

@@ -17,7 +17,7 @@ Future<std::string> AdministrationImpl::execute(const std::string& name, std::ve
     {
         std::shared_lock lock(mutex_);
         if (const auto found = commands_.find(name); found != commands_.end())
-            action = found->second.action();
+            action = found->second.back().action();
     }
     if (!action)
         return makeFailedFuture<std::string>(std::invalid_argument("There is no command \"" + name + "\"."));
@@ -39,7 +39,9 @@ Future<bool> AdministrationImpl::add(Command&& command)
     if (!command.action())
         return makeFailedFuture<bool>(std::invalid_argument("The command \"" + name + "\" has no action."));
     std::lock_guard lock(mutex_);
-    return makeReadyFuture(commands_.try_emplace(name, std::move(command)).second);
+    auto& named = commands_[name];
+    named.push_back(std::move(command));
+    return makeReadyFuture(named.size() == 1);
 }
 
 Future<bool> AdministrationImpl::remove(const std::string& name)
@@ -50,8 +52,10 @@ Future<bool> AdministrationImpl::remove(const std::string& name)
     const auto found = commands_.find(name);
     if (found == commands_.end())
         return makeReadyFuture(false);
-    removed = std::move(found->second);
-    commands_.erase(found);
+    removed = std::move(found->second.front());
+    found->second.erase(found->second.begin());
+    if (found->second.empty())
+        commands_.erase(found);
     return makeReadyFuture(true);
 }
 
@@ -60,7 +64,7 @@ Future<std::vector<Command>> AdministrationImpl::getAll()
     std::vector<Command> commands;
     std::shared_lock lock(mutex_);
     for (const auto& [name, command] : commands_)
-        commands.push_back(command);
+        commands.push_back(command.back());
     return makeReadyFuture(std::move(commands));
 }
 

@@ -27,7 +27,8 @@ public:
 
 private:
     mutable std::shared_mutex mutex_;
-    std::map<std::string, Command, std::less<>> commands_;
+    /// By name, oldest first; the newest is in force.
+    std::map<std::string, std::vector<Command>, std::less<>> commands_;
 };
 
 } // namespace connector::administration

@@ -21,7 +21,9 @@ HttpRouterImpl::HttpRouterImpl(std::vector<std::pair<std::string, Address>>&& ro
     Table table;
     for (auto& [path, address] : routes) {
         checkPath(path);
-        table.routes.insert_or_assign(path, std::move(address));
+        auto& route = table.routes[path];
+        route.address = std::move(address);
+        ++route.added;
     }
     replaceTable(std::move(table));
 }
@@ -31,7 +33,9 @@ void HttpRouterImpl::addRoute(const std::string& path, Address address)
     checkPath(path);
     std::lock_guard lock(changes_);
     Table changed = *table();
-    changed.routes.insert_or_assign(path, std::move(address));
+    auto& route = changed.routes[path];
+    route.address = std::move(address);
+    ++route.added;
     replaceTable(std::move(changed));
 }
 
@@ -39,8 +43,12 @@ void HttpRouterImpl::removeRoute(const std::string& path)
 {
     std::lock_guard lock(changes_);
     Table changed = *table();
-    if (changed.routes.erase(path) > 0)
-        replaceTable(std::move(changed));
+    const auto found = changed.routes.find(path);
+    if (found == changed.routes.end())
+        return;
+    if (--found->second.added == 0)
+        changed.routes.erase(found);
+    replaceTable(std::move(changed));
 }
 
 Address HttpRouterImpl::findAddress(const std::string& path)
@@ -55,7 +63,7 @@ Address HttpRouterImpl::findAddress(const std::string& path)
     for (;;) {
         const auto found = current->routes.find(candidate);
         if (found != current->routes.end())
-            return found->second;
+            return found->second.address;
         if (candidate.empty())
             return {};
         const auto slash = candidate.rfind('/');
@@ -65,8 +73,10 @@ Address HttpRouterImpl::findAddress(const std::string& path)
 
 std::vector<std::pair<std::string, Address>> HttpRouterImpl::listRoutes()
 {
-    const auto current = table();
-    return {current->routes.begin(), current->routes.end()};
+    std::vector<std::pair<std::string, Address>> routes;
+    for (const auto& [path, route] : table()->routes)
+        routes.emplace_back(path, route.address);
+    return routes;
 }
 
 std::shared_ptr<const HttpRouterImpl::Table> HttpRouterImpl::table() const

@@ -23,7 +23,12 @@ public:
 private:
     struct Table
     {
-        std::map<std::string, Address, std::less<>> routes;
+        struct Route
+        {
+            Address address;
+            int added = 0; ///< how many times, less how many times removed
+        };
+        std::map<std::string, Route, std::less<>> routes;
         std::size_t longest = 0;
     };
 

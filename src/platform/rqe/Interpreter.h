@@ -34,11 +34,10 @@ struct EvalOptions
 
 struct EvalResult
 {
-    bool hasValue = false;  ///< the code ended in an expression whose value is not "nothing"
-    matrix::ArrayPtr value; ///< set when wanted, present and convertible
-    std::string
-        valueText; ///< the value as the language prints it, UTF-8, cut at 64 KiB; set when hasValue and wantValue
-    std::string conversionError; ///< why `value` is empty although wanted and present
+    bool hasValue = false;       ///< wanted, and the code ended in an expression whose value is not "nothing"
+    matrix::ArrayPtr value;      ///< set when hasValue and convertible
+    std::string valueText;       ///< the value as the language prints it, UTF-8, cut at 64 KiB; set when hasValue
+    std::string conversionError; ///< why `value` is empty although hasValue
 };
 
 struct VariableInfo

@@ -8,7 +8,7 @@ namespace vendra::python {
 /// How deep containers may nest, in either direction.
 inline constexpr std::size_t kMaxDepth = 64;
 /// How many values a nest of containers may hold in all.
-inline constexpr std::size_t kMaxValues = 10'000'000;
+inline constexpr std::size_t kMaxValues = 2'000'000;
 
 /// The array form of a value. None is the 0-by-0 double; bool logical; int int64 or uint64; float double; str a char
 /// row; bytes a uint8 row; list and tuple a cell row; dict with str keys a struct; what offers a buffer a numeric array

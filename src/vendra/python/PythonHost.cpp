@@ -71,11 +71,13 @@ void initialize(const PythonHost::Settings& settings)
 
 Ref loadSupport()
 {
-    Ref code = Ref::own(Py_CompileString(kSupportSource, "<vendra>", Py_file_input));
     Ref module = Ref::own(PyModule_New("_vendra"));
     PyObject* names = PyModule_GetDict(module.get());
     check(PyDict_SetItemString(names, "__builtins__", PyEval_GetBuiltins()));
-    Ref::own(PyEval_EvalCode(code.get(), names, names));
+    for (const char* source : kSupportSources) {
+        Ref code = Ref::own(Py_CompileString(source, "<vendra>", Py_file_input));
+        Ref::own(PyEval_EvalCode(code.get(), names, names));
+    }
     return module;
 }
 
@@ -99,7 +101,7 @@ public:
     explicit Impl(const Settings& settings);
 
     Ref callSupport(const char* name, std::initializer_list<PyObject*> arguments);
-    /// Calls a function of support.py that answers (leave, status).
+    /// Calls a function of support/ that answers (leave, status).
     Outcome run(const char* name, std::initializer_list<PyObject*> arguments);
     void breakRunning();
     void discardBreak();

@@ -10,7 +10,7 @@ namespace vendra::python {
 class PythonInterpreter : public rqe::Interpreter
 {
 public:
-    /// `support`: the module of support.py. `capture` must outlive this.
+    /// `support`: the module of support/. `capture` must outlive this.
     PythonInterpreter(Ref support, OutputCapture& capture) : support_(std::move(support)), capture_(capture) {}
 
     rqe::EvalResult evaluate(std::string_view code, const rqe::EvalOptions& options, rqe::OutputSink& output) override;

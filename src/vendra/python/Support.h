@@ -1,8 +1,13 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
+
 namespace vendra::python {
 
-/// The text of support.py, part of the executable.
-extern const char* const kSupportSource;
+inline constexpr std::size_t kSupportFiles = 4;
+
+/// The texts of support/, part of the executable. They run one after the other in one namespace.
+extern const std::array<const char*, kSupportFiles> kSupportSources;
 
 } // namespace vendra::python

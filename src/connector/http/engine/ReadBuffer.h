@@ -48,8 +48,7 @@ public:
 private:
     void resize(std::size_t capacity)
     {
-        // Not value-initialised: every byte is read in before it is looked at.
-        std::unique_ptr<char[]> bytes(new char[capacity]);
+        auto bytes = std::make_unique_for_overwrite<char[]>(capacity);
         const std::size_t kept = size();
         if (kept > 0)
             std::memcpy(bytes.get(), bytes_.get() + begin_, kept);

@@ -1,0 +1,147 @@
+"""Scripts, the prompt and signals: what the host runs on its own account.
+
+One of the files that make up the host's own part in the language: they share one namespace, and their frames never
+show in a traceback.
+"""
+
+import functools
+import os
+import sys
+
+
+def exit_status(error):
+    code = error.code
+    if code is None:
+        return 0
+    if isinstance(code, int):
+        return code & 0xFF
+    try:
+        sys.stdout.flush()
+        print(code, file=sys.stderr)
+    except Exception:
+        pass
+    return 1
+
+
+def _foreground(run):
+    """What came of the host's own code: (leave, status)."""
+    try:
+        run()
+    except SystemExit as error:
+        return True, exit_status(error)
+    except KeyboardInterrupt as error:
+        show(error)
+        return False, 130
+    except BaseException as error:
+        show(error)
+        return False, 1
+    return False, 0
+
+
+def run_source(code, file_name):
+    return _foreground(lambda: exec(compile(code, file_name, "exec", 0, True), workspace))
+
+
+def run_file(path):
+    if os.path.isdir(path) or _is_archive(path):
+        return _foreground(lambda: _run_package(path))
+    try:
+        with open(path, "rb") as file:
+            code = file.read()
+    except OSError as error:
+        shown = os.path.abspath(path)
+        print(f"vendra: can't open file {shown!r}: [Errno {error.errno}] {error.strerror}", file=sys.stderr)
+        return True, 2
+    if not sys.flags.safe_path:
+        sys.path.insert(0, os.path.dirname(os.path.realpath(path)))
+    path = os.path.abspath(path)
+    workspace["__file__"] = path
+    workspace["__cached__"] = None
+    return run_source(code, path)
+
+
+def _is_archive(path):
+    if not path.endswith((".zip", ".pyz")):
+        return False
+    import zipfile
+
+    return zipfile.is_zipfile(path)
+
+
+def _run_package(path):
+    import runpy
+
+    sys.path.insert(0, path)
+    runpy._run_module_as_main("__main__", False)
+
+
+def prepare_interactive(set_prompts):
+    if not sys.flags.safe_path:
+        sys.path.insert(0, "")
+    if set_prompts:
+        sys.ps1, sys.ps2 = ">>> ", "... "
+
+
+def prompt(continued):
+    try:
+        return str(getattr(sys, "ps2" if continued else "ps1"))
+    except Exception:
+        return "... " if continued else ">>> "
+
+
+_compiler = None
+_compiled = None
+
+
+def compile_line(source):
+    """None: more lines are needed; True: run_line may run it; False: it is wrong, and that was shown."""
+    global _compiler, _compiled
+    if _compiler is None:
+        import codeop
+
+        _compiler = codeop.CommandCompiler()
+    try:
+        _compiled = _compiler(source, "<stdin>", "single")
+    except (SyntaxError, OverflowError, ValueError, MemoryError) as error:
+        error.__traceback__ = None
+        show(error)
+        return False
+    return None if _compiled is None else True
+
+
+def run_line():
+    global _compiled
+    code, _compiled = _compiled, None
+    return _foreground(lambda: exec(code, workspace))
+
+
+def start_connector():
+    def run():
+        import connector
+
+        connector.start()
+
+    return _foreground(run)
+
+
+def install_signals(terminate, break_signal, break_requested):
+    """Returns the function that sets the descriptor on which signals show."""
+    import signal
+
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        if signal.getsignal(number) == signal.SIG_DFL:
+            signal.signal(number, terminate)
+
+    def interrupt(number, frame):
+        if break_requested():
+            raise KeyboardInterrupt
+
+    signal.signal(break_signal, interrupt)
+    return functools.partial(signal.set_wakeup_fd, warn_on_full_buffer=False)
+
+
+def let_next_signal_kill():
+    import signal
+
+    for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGINT):
+        signal.signal(number, signal.SIG_DFL)

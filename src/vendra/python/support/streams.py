@@ -1,0 +1,125 @@
+"""Standard streams that ask the host at each use where they lead.
+
+One of the files that make up the host's own part in the language: they share one namespace, and their frames never
+show in a traceback.
+"""
+
+import io
+import sys
+
+
+class _Output(io.TextIOBase):
+    """Goes where the host says at each write; everything else is as the real stream has it."""
+
+    def __init__(self, real, write, flush, captured):
+        self._real = real
+        self._captured = captured
+        self.write = write
+        self.flush = flush
+        self._bytes = _OutputBytes(self)
+
+    @property
+    def encoding(self):
+        return "utf-8" if self._captured() else getattr(self._real, "encoding", "utf-8")
+
+    @property
+    def errors(self):
+        return "replace" if self._captured() else getattr(self._real, "errors", "strict")
+
+    @property
+    def buffer(self):
+        return self._bytes if self._captured() or self._real is None else self._real.buffer
+
+    def isatty(self):
+        return not self._captured() and self._real is not None and self._real.isatty()
+
+    def fileno(self):
+        if self._real is None:
+            raise io.UnsupportedOperation("fileno")
+        return self._real.fileno()
+
+    def writable(self):
+        return True
+
+    def close(self):
+        self.flush()
+
+    def __getattr__(self, name):
+        return getattr(self.__dict__["_real"], name)
+
+    def __repr__(self):
+        return f"<host stream around {self._real!r}>"
+
+
+class _OutputBytes(io.BufferedIOBase):
+    def __init__(self, stream):
+        import codecs
+
+        self._stream = stream
+        self._decoder = codecs.getincrementaldecoder("utf-8")("replace")
+
+    def writable(self):
+        return True
+
+    def write(self, data):
+        data = bytes(data)
+        text = self._decoder.decode(data)
+        if text:
+            self._stream.write(text)
+        return len(data)
+
+    def flush(self):
+        self._stream.flush()
+
+    def close(self):
+        self.flush()
+
+
+class _Input(io.TextIOBase):
+    """The real standard input, but at its end for code that no terminal typed."""
+
+    def __init__(self, real, captured):
+        self._real = real
+        self._captured = captured
+
+    def _source(self):
+        return io.StringIO() if self._captured() or self._real is None else self._real
+
+    @property
+    def encoding(self):
+        return getattr(self._real, "encoding", "utf-8")
+
+    @property
+    def errors(self):
+        return getattr(self._real, "errors", "strict")
+
+    @property
+    def buffer(self):
+        return io.BytesIO() if self._captured() else self._real.buffer
+
+    def readable(self):
+        return True
+
+    def read(self, size=-1):
+        return self._source().read(size)
+
+    def readline(self, size=-1):
+        return self._source().readline(size)
+
+    def isatty(self):
+        return self._source().isatty()
+
+    def fileno(self):
+        return self._source().fileno()
+
+    def close(self):
+        pass
+
+    def __getattr__(self, name):
+        return getattr(self.__dict__["_real"], name)
+
+
+def install_streams(write_out, flush_out, write_err, flush_err, captured):
+    sys.stdout = _Output(sys.stdout, write_out, flush_out, captured)
+    sys.stderr = _Output(sys.stderr, write_err, flush_err, captured)
+    sys.stdin = _Input(sys.stdin, captured)

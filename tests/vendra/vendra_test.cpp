@@ -1,0 +1,387 @@
+// The host's executable as people and other programs run it.
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "vendra/Child.h"
+
+using vendra_test::Child;
+namespace fs = std::filesystem;
+
+namespace {
+
+class VendraTest : public testing::Test
+{
+protected:
+    using Words = std::vector<std::string>;
+
+    struct Ended
+    {
+        int status;
+        std::string output;
+        std::string errors;
+    };
+
+    void SetUp() override
+    {
+        std::string pattern = (fs::temp_directory_path() / "vendra_test.XXXXXX").string();
+        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+        folder = fs::canonical(pattern);
+        environment = {{"HOME", folder.string()},
+                       {"XDG_RUNTIME_DIR", folder.string()},
+                       {"VENDRA_ROOT", TEST_ROOTS "/good"},
+                       {"TERM", "vt100"},
+                       {"LC_ALL", "C.UTF-8"}};
+    }
+    void TearDown() override { fs::remove_all(folder); }
+
+    std::unique_ptr<Child> begin(Words words, Child::At at = Child::At::pipes)
+    {
+        words.insert(words.begin(), TEST_VENDRA);
+        return std::make_unique<Child>(words, environment, at);
+    }
+    Ended run(const Words& words, const std::string& input = "")
+    {
+        auto child = begin(words);
+        child->write(input);
+        child->closeInput();
+        int status = child->wait();
+        return {status, child->output(), child->errors()};
+    }
+    std::string script(const std::string& name, const std::string& text)
+    {
+        std::ofstream(folder / name) << text;
+        return folder / name;
+    }
+
+    fs::path folder;
+    std::map<std::string, std::string> environment;
+};
+
+TEST_F(VendraTest, runsProgramsAsTheLanguageDoes)
+{
+    std::string args = script("args.py", "import sys\nprint(sys.argv[1:], __name__, sys.path[0], __file__)\n");
+    fs::create_directory(folder / "app");
+    script("app/__main__.py", "import helper; print(helper.x, __name__)");
+    script("app/helper.py", "x = 'helped'");
+    struct Case
+    {
+        Words words;
+        std::string input;
+        int status;
+        std::string output;
+    };
+    const Case cases[] = {
+        {{"-c", "import sys; print(sys.argv, repr(sys.path[0]))", "-i", "--connector", "x"},
+         "",
+         0,
+         "['-c', '-i', '--connector', 'x'] ''\n"},
+        {{"-cprint(7)"}, "", 0, "7\n"},
+        {{args, "-c", "", "--help"}, "", 0, "['-c', '', '--help'] __main__ " + folder.string() + " " + args + "\n"},
+        {{folder / "app"}, "", 0, "helped __main__\n"},
+        {{}, "import sys\nprint(sys.argv)", 0, "['']\n"},
+        {{"-", "a"}, "import sys\nprint(sys.argv)", 0, "['-', 'a']\n"},
+        {{"-c", "import sys; sys.exit(7)"}, "", 7, ""},
+        {{"-c", "import sys; sys.exit(256 + 9)"}, "", 9, ""},
+        {{"-c", "raise SystemExit"}, "", 0, ""},
+        {{"-c", "import atexit; atexit.register(print, 'at exit'); print('end')"}, "", 0, "end\nat exit\n"},
+        {{"-c", "print(input())"}, "typed\n", 0, "typed\n"},
+        {{"-i", "-c", "x = 5; raise SystemExit(3)"}, "x + 1\n", 0, ">>> 6\n>>> "},
+        {{"-i"}, "if 1:\n  2\n\nexit(4)\n", 4, ">>> ... ... 2\n>>> "},
+        {{"--version"}, "", 0, "vendra 1.0.0.0 (Python 3.11.2)\n"},
+    };
+    for (const Case& c : cases) {
+        Ended ended = run(c.words, c.input);
+        std::string shown = c.words.empty() ? "" : c.words[0];
+        EXPECT_EQ(ended.status, c.status) << shown << ended.errors;
+        EXPECT_EQ(ended.output, c.output) << shown << ended.errors;
+    }
+}
+
+TEST_F(VendraTest, saysWhatWentWrong)
+{
+    std::string failing = script("failing.py", "def f():\n    1 / 0\nf()\n");
+    struct Case
+    {
+        Words words;
+        int status;
+        std::string errors;
+        bool whole;
+    };
+    const Case cases[] = {
+        {{failing},
+         1,
+         "Traceback (most recent call last):\n  File \"" + failing + "\", line 3, in <module>\n    f()\n  File \"" +
+             failing + "\", line 2, in f\n    1 / 0\n    ~~^~~\nZeroDivisionError: division by zero\n",
+         true},
+        {{"-c", "x = = 1"},
+         1,
+         "  File \"<string>\", line 1\n    x = = 1\n        ^\nSyntaxError: invalid syntax\n",
+         true},
+        {{"-c", "import sys; sys.exit('bye')"}, 1, "bye\n", true},
+        {{"-c", "raise KeyboardInterrupt"}, 130, "KeyboardInterrupt\n", false},
+        {{(folder / "no.py").string()},
+         2,
+         "vendra: can't open file '" + (folder / "no.py").string() + "': [Errno 2] No such file or directory\n",
+         true},
+        {{"--no-such-option"}, 2, "--no-such-option", false},
+        {{"-c"}, 2, "-c needs the code", false},
+        {{"-c", "import sys; sys.excepthook = lambda *a: print('hooked', file=sys.stderr); 1/0"}, 1, "hooked\n", true},
+    };
+    for (const Case& c : cases) {
+        Ended ended = run(c.words);
+        EXPECT_EQ(ended.status, c.status) << c.words.back();
+        if (c.whole)
+            EXPECT_EQ(ended.errors, c.errors) << c.words.back();
+        else
+            EXPECT_NE(ended.errors.find(c.errors), std::string::npos) << ended.errors;
+    }
+}
+
+TEST_F(VendraTest, isTheSystemsPythonWhateverTheSurroundings)
+{
+    fs::create_directory(folder / "bin");
+    script("bin/python3", "#!/bin/sh\nexit 1\n");
+    ::chmod((folder / "bin/python3").c_str(), 0755);
+    environment["PATH"] = (folder / "bin").string() + ":/usr/bin";
+    environment["PYTHONHOME"] = "/no/such/home";
+    Ended ended = run({"-c", "import sys, json, decimal; print(sys.executable, sys.prefix, json.__file__)"});
+    EXPECT_EQ(ended.output, "/usr/bin/python3 /usr /usr/lib/python3.11/json/__init__.py\n") << ended.errors;
+}
+
+TEST_F(VendraTest, carriesValuesToBuiltinsAndBack)
+{
+    std::string code = script("round_trips.py", R"py(
+import array, connector, decimal, math, sys
+echo = connector.startBundle
+
+class Numpy:
+    """What a loaded numpy looks like to the host."""
+    frombuffer = staticmethod(lambda data, kind: ("ndarray", kind, bytes(data)))
+
+same = [None, True, False, 0, -1, 2**63 - 1, -2**63, 2**63, 2**64 - 1, 1.5, math.inf, "", "a", "text", "é€", "😀x",
+        "\ud800", "a\0b", b"", b"\x00\xff", [], [1, "a", None], [[1], [[2.0]]], {}, {"a": 1, "ö": {"b": [True]}}]
+for value in same:
+    back = echo(value)
+    assert back == value and type(back) is type(value), (value, back)
+assert math.isnan(echo(math.nan)) and math.copysign(1, echo(-0.0)) == -1
+
+class Index:
+    def __index__(self): return 12
+changed = [((1, 2), [1, 2]), (bytearray(b"xy"), b"xy"), (b"x", 120), (array.array("d", [1, 2]), [1.0, 2.0]),
+           (array.array("f", [0.5]), 0.5), (array.array("b"), []), (array.array("Q", [2**64 - 1, 0]), [2**64 - 1, 0]),
+           (decimal.Decimal("2.5"), 2.5), (Index(), 12), (memoryview(b"abcdef")[::2], b"ace"),
+           (memoryview(b"abcdef")[::-1], b"fedcba"),
+           (memoryview(bytes(range(6))).cast("B", [2, 3]), [[0, 1, 2], [3, 4, 5]]),
+           (memoryview(bytes(range(8))).cast("B", [2, 2, 2]), [[[0, 1], [2, 3]], [[4, 5], [6, 7]]]),
+           (memoryview(array.array("h", [-1, 2, 3, -4])).cast("B").cast("h", [2, 2]), [[-1, 2], [3, -4]]),
+           (memoryview(b"\x01\x00").cast("?"), [True, False]), (memoryview(bytes(4)).cast("I", []), 0)]
+for value, wanted in changed:
+    back = echo(value)
+    assert back == wanted and type(back) is type(wanted), (value, back)
+
+def error(value):
+    try: echo(value)
+    except Exception as e: return f"{type(e).__name__}: {e}"
+loop = {}; loop["self"] = [loop]
+wide = []
+for _ in range(60): wide = [wide, wide]
+assert error(loop) == "ValueError: a container that holds itself has no array form", error(loop)
+assert error(wide) == "ValueError: a container holds more than 2000000 values", error(wide)
+assert error({1: 2}) == "TypeError: the dict key 1 is no str, so it can name no field"
+assert error(2j) == "TypeError: complex values have no array form"
+assert error(-2**70) == "OverflowError: -0x400000000000000000 does not fit into 64 bits", error(-2**70)
+assert error(10**9999).endswith("... does not fit into 64 bits")
+assert error(print) == "TypeError: a value of type 'builtin_function_or_method' has no array form"
+
+shaped = connector.printBundleProperties
+assert shaped("char") == ["abc", "def"]
+assert shaped("double") == [[1.0, 2.0, 3.0], [4.0, 5.0, 6.0]]
+assert shaped("struct") == [{"f": 1.0}, {"f": None}]
+assert shaped("cell") == [[None, None], [None, None]]
+assert shaped("nothing") is None
+try: shaped("deep"); assert False
+except ValueError as e: assert "deeper than 64" in str(e)
+sys.modules["numpy"] = Numpy
+assert echo(array.array("i", [1, 2])) == ("ndarray", "int32", b"\1\0\0\0\2\0\0\0")
+print("all fine")
+)py");
+    Ended ended = run({code});
+    EXPECT_EQ(ended.output, "all fine\n") << ended.errors;
+}
+
+TEST_F(VendraTest, callsBuiltinsByTheConvention)
+{
+    Ended ended = run({"-c", R"py(
+import connector
+print(connector.VERSION, connector.BUILD_DATE)
+print(connector.unloadService([1, 2]), connector.stop(), connector.listCommands(), connector.executeCommand("x", []))
+for kind in "argument", "memory", "system", "runtime", "other":
+    try: connector.stopBundle(kind)
+    except Exception as e: print(type(e).__name__, e)
+for call in (lambda: connector.start(1), lambda: connector.startBundle(), lambda: connector.executeCommand("x"),
+             lambda: connector.startBundle(name="x")):
+    try: call()
+    except TypeError as e: print(e)
+print([n for n in dir(connector) if not n.startswith("_")][2:])
+)py"});
+    EXPECT_EQ(
+        ended.output,
+        "9.8.7.6 Aug  7 2018\n"
+        "1 1 one cell 1 2 None [] x\n"
+        "ValueError a wrong argument\nMemoryError \nFileNotFoundError [Errno 2] a file: No such file or directory\n"
+        "RuntimeError no UTF-8: \xEF\xBF\xBD\nRuntimeError an error of an unknown kind\n"
+        "start() takes 0 arguments (1 given)\nstartBundle() takes 1 argument (0 given)\n"
+        "executeCommand() takes 2 arguments (1 given)\nconnector.startBundle() takes no keyword arguments\n"
+        "['executeCommand', 'listAllBundleNames', 'listAllServiceNames', 'listCommands', 'loadAllServices', "
+        "'loadService', 'printAllBundles', 'printAllServices', 'printBundleProperties', 'printBundleServices', "
+        "'printServiceProperties', 'reload', 'restartBundle', 'setLogDestination', 'setLogSpecification', "
+        "'start', 'startAllBundles', 'startBundle', 'stop', 'stopAllBundles', 'stopBundle', 'unloadAllServices', "
+        "'unloadService']\n")
+        << ended.errors;
+}
+
+TEST_F(VendraTest, refusesAModuleThatIsNotWhatItSays)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"none", "cannot open shared object file"},
+        {"text", "The module cannot be loaded: "},
+        {"signature", "has a builtin table with the signature 0x94075316 instead of 0x94075315."},
+        {"reserved", "has a builtin table whose reserved field is 1 instead of 0."},
+        {"count", "has 22 builtins instead of 23."},
+        {"hole", "has no builtin at position 13 (listAllBundleNames)."},
+        {"unended", "has a builtin table that does not end after 23 entries."},
+        {"query", "does not export QueryVDFcnTable_libzkconnectorusvendrahost."},
+        {"date", "libzkconnectorusvendrahost_build_date"},
+    };
+    fs::create_directories(folder / "text/bin/win64");
+    script("text/bin/win64/libzkconnectorusvendrahost.so", "no library");
+    for (const auto& [root, reason] : cases) {
+        bool made = std::string(root) == "text" || std::string(root) == "none";
+        environment["VENDRA_ROOT"] = made ? (folder / root).string() : std::string(TEST_ROOTS "/") + root;
+        Ended ended = run({"-c", "try:\n  import connector\nexcept ImportError as e: print(e)"});
+        EXPECT_NE(ended.output.find(reason), std::string::npos) << root << ": " << ended.output << ended.errors;
+        EXPECT_NE(ended.output.find(environment["VENDRA_ROOT"] + "/bin/win64/libzkconnectorusvendrahost.so"),
+                  std::string::npos)
+            << ended.output;
+    }
+    EXPECT_EQ(run({"--connector", "-c", "print('not reached')"}).status, 1);
+}
+
+TEST_F(VendraTest, saysWhereTheConnectorIsAndServes)
+{
+    struct Case
+    {
+        int signal;
+        int status;
+    };
+    for (const Case& c : {Case{SIGTERM, 143}, Case{SIGINT, 130}, Case{SIGHUP, 129}}) {
+        auto child = begin({"--connector", "-c",
+                            "import connector, atexit\natexit.register(print, 'at exit')\n"
+                            "connector.loadService('print(6 * 7)')\n"
+                            "connector.restartBundle('while True: pass')\n"
+                            "connector.loadService('import connector, sys; "
+                            "print(connector.listAllServiceNames(), file=sys.__stdout__, "
+                            "flush=True)')"});
+        EXPECT_TRUE(child->expect("Connector: http://127.0.0.1:1/\nToken file: " + folder.string() + "/vendra/" +
+                                  std::to_string(child->pid()) + ".json\n"));
+        EXPECT_TRUE(child->expect("['42\\n', 'KeyboardInterrupt']\n")) << child->output() << child->errors();
+        child->signal(c.signal);
+        EXPECT_EQ(child->wait(), c.status);
+        EXPECT_TRUE(child->output().ends_with("at exit\n"));
+        EXPECT_EQ(child->errors(), "hook ran\n");
+    }
+    environment["TEST_SILENT"] = "1";
+    Ended ended = run({"--connector", "-c", "exit(5)"});
+    EXPECT_EQ(ended.status, 5);
+    EXPECT_EQ(ended.errors, "vendra: the connector has announced no address.\nhook ran\n");
+}
+
+TEST_F(VendraTest, aSignalEndsARunningProgramInOrder)
+{
+    auto child =
+        begin({"-c", "import connector; connector.start()\ntry:\n  print('runs', flush=True)\n  while True: pass\n"
+                     "finally: print('finally')"});
+    EXPECT_TRUE(child->expect("runs\n"));
+    child->signal(SIGTERM);
+    EXPECT_EQ(child->wait(), 143);
+    EXPECT_EQ(child->output(), "runs\nfinally\n");
+    EXPECT_EQ(child->errors(), "hook ran\n");
+
+    child = begin({"--connector", "-c",
+                   "import connector\nconnector.loadService('print(1, file=__import__(\"sys\")."
+                   "__stdout__, flush=True)\\nwhile True: pass')\nconnector.loadService('2')"});
+    EXPECT_TRUE(child->expect("1\n"));
+    child->signal(SIGTERM);
+    EXPECT_EQ(child->wait(), 143);
+    EXPECT_EQ(child->errors(), "abandoned\nhook ran\n");
+
+    child = begin({"-c", "print('runs', flush=True)\nwhile True: pass"});
+    EXPECT_TRUE(child->expect("runs\n"));
+    child->signal(SIGINT);
+    EXPECT_EQ(child->wait(), 130);
+}
+
+TEST_F(VendraTest, hasAPromptAtATerminal)
+{
+    auto child = begin({}, Child::At::terminal);
+    EXPECT_TRUE(child->expect(">>> "));
+    child->write("import connector; connector.start()\r");
+    EXPECT_TRUE(child->expect(">>> "));
+    child->write("def double(x):\r");
+    EXPECT_TRUE(child->expect("... "));
+    child->write("\treturn 2 * x\r"); // a tab at the start of a line indents
+    EXPECT_TRUE(child->expect("... "));
+    child->write("\r");
+    EXPECT_TRUE(child->expect(">>> "));
+    child->write("dou\t(2100000 + 5)\r");
+    EXPECT_TRUE(child->expect("4200010"));
+    child->write("_ + 1\r");
+    EXPECT_TRUE(child->expect("4200011"));
+
+    // Ctrl-C gives up the line, and a loop.
+    child->write("unfinished('");
+    EXPECT_TRUE(child->expect("unfinished('"));
+    child->write("\x03");
+    EXPECT_TRUE(child->expect("KeyboardInterrupt"));
+    EXPECT_TRUE(child->expect(">>> "));
+    child->write("print('lo' + 'op')\nwhile True: pass\r\r");
+    EXPECT_TRUE(child->expect("loop"));
+    child->write("\x03");
+    EXPECT_TRUE(child->expect("KeyboardInterrupt"));
+    EXPECT_TRUE(child->expect(">>> "));
+
+    // A task runs while a line is being typed, and leaves the line alone.
+    child->write("connector.loadService('print(99); remote = 4100')\r");
+    EXPECT_TRUE(child->expect(">>> "));
+    child->write("remote + 23, connector.listAllServiceNames()");
+    child->write("\r");
+    EXPECT_TRUE(child->expect("(4123, ['99\\n'])"));
+    EXPECT_TRUE(child->expect(">>> "));
+    child->write("input('name? ')\r");
+    EXPECT_TRUE(child->expect("\nname? "));
+    child->write("ann\r");
+    EXPECT_TRUE(child->expect("'ann'"));
+    EXPECT_TRUE(child->expect(">>> "));
+    child->write("\x04");
+    EXPECT_EQ(child->wait(), 0) << child->output();
+    EXPECT_NE(child->output().find("hook ran"), std::string::npos);
+
+    // The next session remembers.
+    child = begin({}, Child::At::terminal);
+    EXPECT_TRUE(child->expect(">>> "));
+    child->write("\x10\x10"); // Ctrl-P twice
+    EXPECT_TRUE(child->expect("remote + 23"));
+    child->signal(SIGTERM);
+    EXPECT_EQ(child->wait(), 143);
+    struct stat info = {};
+    ASSERT_EQ(::stat((folder / ".vendra_history").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600U);
+}
+
+} // namespace
