@@ -2,7 +2,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cwchar>
+#include <exception>
 #include <filesystem>
+#include <stdexcept>
+#include <utility>
 
 #include <histedit.h>
 #include <unistd.h>
@@ -55,8 +58,20 @@ private:
         return *static_cast<TerminalReader*>(self);
     }
     static char* promptOf(EditLine* editor) { return of(editor).prompt_.data(); }
-    static int nextCharacter(EditLine* editor, wchar_t* character) { return of(editor).readCharacter(*character); }
-    static unsigned char tabTyped(EditLine* editor, int) { return of(editor).completeWord(); }
+    // No exception may cross the editor's frames: `read` passes it on.
+    static int nextCharacter(EditLine* editor, wchar_t* character)
+    try {
+        return of(editor).readCharacter(*character);
+    } catch (...) {
+        of(editor).failure_ = std::current_exception();
+        return -1;
+    }
+    static unsigned char tabTyped(EditLine* editor, int)
+    try {
+        return of(editor).completeWord();
+    } catch (const std::exception&) {
+        return CC_REFRESH_BEEP; // a completion that fails is none
+    }
 
     int readCharacter(wchar_t& character);
     unsigned char completeWord();
@@ -70,6 +85,7 @@ private:
     std::filesystem::path historyFile_;
     std::string prompt_;
     Line::Kind end_ = Line::Kind::end; ///< why there is no line
+    std::exception_ptr failure_;
 };
 
 TerminalReader::TerminalReader(Waiter wait, Completer complete)
@@ -115,6 +131,8 @@ Line TerminalReader::read(const std::string& prompt)
     ::el_set(editor_.get(), EL_PREP_TERM, 1);
     int length = 0;
     const char* text = ::el_gets(editor_.get(), &length);
+    if (failure_)
+        std::rethrow_exception(std::exchange(failure_, nullptr));
     if (!text || length <= 0) {
         ::el_reset(editor_.get());
         std::fputc('\n', stdout);

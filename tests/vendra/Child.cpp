@@ -15,7 +15,7 @@
 namespace vendra_test {
 namespace {
 
-constexpr std::chrono::seconds kPatience(8);
+constexpr std::chrono::seconds kPatience(30);
 
 struct Pipe
 {

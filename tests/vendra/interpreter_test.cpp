@@ -188,7 +188,7 @@ TEST_F(InterpreterTest, describesErrorsAsTheLanguageDoes)
         {"input()", "EOFError"},
         {"import sys; sys.stdin.buffer.read(1)[0]", "IndexError"},
         {"def r(): r()\nr()", "RecursionError"},
-        {"'x' * (1 << 62)", "MemoryError"},
+        {"[0] * (1 << 62)", "MemoryError"},
         {"return 1", "SyntaxError"},
         {"("
          "((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((((("

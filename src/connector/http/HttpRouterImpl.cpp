@@ -73,8 +73,9 @@ Address HttpRouterImpl::findAddress(const std::string& path)
 
 std::vector<std::pair<std::string, Address>> HttpRouterImpl::listRoutes()
 {
+    const auto current = table();
     std::vector<std::pair<std::string, Address>> routes;
-    for (const auto& [path, route] : table()->routes)
+    for (const auto& [path, route] : current->routes)
         routes.emplace_back(path, route.address);
     return routes;
 }

@@ -106,6 +106,9 @@ public:
     void breakRunning();
     void discardBreak();
     Signal takeSignals();
+    /// For errors in the host's own few lines, which only a signal can cause: keeps an interrupt for takeSignals, and
+    /// says whether it was one. Other errors are reported.
+    bool clearError();
 
     PyThreadState* mainThread = nullptr; ///< set while no code of the main thread holds the lock
     /// Gives the wake-up descriptor of signals to the code that is to run; see arm.
@@ -275,6 +278,17 @@ PythonHost::Signal PythonHost::Impl::takeSignals()
     return leaveStatus ? Signal::leave : Signal::none;
 }
 
+bool PythonHost::Impl::clearError()
+{
+    bool interrupted = PyErr_ExceptionMatches(PyExc_KeyboardInterrupt);
+    interruptNoted = interruptNoted || interrupted;
+    if (interrupted || PyErr_ExceptionMatches(PyExc_SystemExit))
+        PyErr_Clear(); // the exit's status is noted already
+    else
+        PyErr_Print();
+    return interrupted;
+}
+
 Ref PythonHost::Impl::callSupport(const char* name, std::initializer_list<PyObject*> arguments)
 {
     Ref function = Ref::own(PyObject_GetAttrString(support.get(), name));
@@ -292,8 +306,7 @@ try {
     return outcome;
 } catch (const ErrorSet&) {
     // Only what interrupts the few lines around the code gets here.
-    bool interrupted = PyErr_ExceptionMatches(PyExc_KeyboardInterrupt);
-    Ref error = takeError();
+    bool interrupted = clearError();
     if (leaveStatus)
         return {true, *leaveStatus};
     return {false, interrupted ? 130 : 1};
@@ -344,7 +357,11 @@ PythonHost::Outcome PythonHost::startConnector()
 void PythonHost::prepareInteractive(bool withPrompts)
 {
     Locked locked;
-    impl_->callSupport("prepare_interactive", {withPrompts ? Py_True : Py_False});
+    try {
+        impl_->callSupport("prepare_interactive", {withPrompts ? Py_True : Py_False});
+    } catch (const ErrorSet&) {
+        impl_->clearError();
+    }
 }
 
 std::string PythonHost::prompt(bool continued)
@@ -353,7 +370,7 @@ std::string PythonHost::prompt(bool continued)
     try {
         return textOf(impl_->callSupport("prompt", {continued ? Py_True : Py_False}).get());
     } catch (const ErrorSet&) {
-        PyErr_Clear();
+        impl_->clearError();
         return continued ? "... " : ">>> ";
     }
 }
@@ -368,7 +385,7 @@ PythonHost::LineState PythonHost::compileLine(const std::string& source)
             return LineState::incomplete;
         return answer.get() == Py_True ? LineState::ready : LineState::wrong;
     } catch (const ErrorSet&) {
-        PyErr_Print();
+        impl_->clearError();
         return LineState::wrong;
     }
 }
