@@ -15,10 +15,7 @@ std::string readName(const vxArray* argument)
     return {};
 }
 
-std::string readString(const vxArray* argument)
-{
-    return matrix::get_string(argument);
-}
+std::string readString(const vxArray* argument) { return matrix::get_string(argument); }
 
 std::vector<std::string> readStringList(const vxArray* argument)
 {
@@ -33,9 +30,6 @@ std::vector<std::string> readStringList(const vxArray* argument)
     return texts;
 }
 
-vxArray* toHost(std::string_view text)
-{
-    return matrix::to_vendra(matrix::create(text.data(), text.size()));
-}
+vxArray* toHost(std::string_view text) { return matrix::to_vendra(matrix::create(text.data(), text.size())); }
 
 } // namespace host

@@ -15,8 +15,8 @@ std::string readName(const vxArray* argument);
 /// The argument's text, without a check of its class.
 std::string readString(const vxArray* argument);
 
-/// The texts of a cell array's elements, in index order. Throws std::length_error "vector<T> too long" for a count that no
-/// vector holds.
+/// The texts of a cell array's elements, in index order. Throws std::length_error "vector<T> too long" for a count that
+/// no vector holds.
 std::vector<std::string> readStringList(const vxArray* argument);
 
 /// A char array, owned by the host from then on.

@@ -25,25 +25,13 @@ ModuleLock::ModuleLock()
     pthread_mutexattr_destroy(&attributes);
 }
 
-ModuleLock::~ModuleLock()
-{
-    pthread_mutex_destroy(&mutex_);
-}
+ModuleLock::~ModuleLock() { pthread_mutex_destroy(&mutex_); }
 
-void ModuleLock::lock()
-{
-    check(pthread_mutex_lock(&mutex_), "The connector's lock cannot be taken");
-}
+void ModuleLock::lock() { check(pthread_mutex_lock(&mutex_), "The connector's lock cannot be taken"); }
 
-void ModuleLock::unlock()
-{
-    check(pthread_mutex_unlock(&mutex_), "The connector's lock cannot be released");
-}
+void ModuleLock::unlock() { check(pthread_mutex_unlock(&mutex_), "The connector's lock cannot be released"); }
 
-ModuleLockOwner::ModuleLockOwner()
-{
-    moduleLock.lock();
-}
+ModuleLockOwner::ModuleLockOwner() { moduleLock.lock(); }
 
 ModuleLockOwner::~ModuleLockOwner()
 {

@@ -10,8 +10,8 @@
 namespace host {
 namespace {
 
-/// Does `work` under the module lock. An exception releases the lock on its way to the host; an error of the release itself
-/// comes after the work is done.
+/// Does `work` under the module lock. An exception releases the lock on its way to the host; an error of the release
+/// itself comes after the work is done.
 template <class Work>
 void underLock(Work work)
 {
@@ -39,10 +39,7 @@ void onNamed(const vxArray* argument)
     });
 }
 
-void onContainer()
-{
-    withFramework(lifecycle::requireContainer);
-}
+void onContainer() { withFramework(lifecycle::requireContainer); }
 
 } // namespace
 
@@ -51,95 +48,47 @@ void start(int, vxArray*[], int, const vxArray*[])
     withFramework([] {});
 }
 
-void stop(int, vxArray*[], int, const vxArray*[])
-{
-    underLock(lifecycle::stop);
-}
+void stop(int, vxArray*[], int, const vxArray*[]) { underLock(lifecycle::stop); }
 
-void startBundle(int, vxArray*[], int, const vxArray* arguments[])
-{
-    onNamed(arguments[0]);
-}
+void startBundle(int, vxArray*[], int, const vxArray* arguments[]) { onNamed(arguments[0]); }
 
 void startAllBundles(int, vxArray*[], int, const vxArray*[])
 {
     withFramework([] {});
 }
 
-void stopBundle(int, vxArray*[], int, const vxArray* arguments[])
-{
-    onNamed(arguments[0]);
-}
+void stopBundle(int, vxArray*[], int, const vxArray* arguments[]) { onNamed(arguments[0]); }
 
-void stopAllBundles(int, vxArray*[], int, const vxArray*[])
-{
-    underLock(lifecycle::stop);
-}
+void stopAllBundles(int, vxArray*[], int, const vxArray*[]) { underLock(lifecycle::stop); }
 
-void loadService(int, vxArray*[], int, const vxArray* arguments[])
-{
-    onNamed(arguments[0]);
-}
+void loadService(int, vxArray*[], int, const vxArray* arguments[]) { onNamed(arguments[0]); }
 
 void loadAllServices(int, vxArray*[], int, const vxArray*[])
 {
     withFramework([] {});
 }
 
-void unloadService(int, vxArray*[], int, const vxArray* arguments[])
-{
-    onNamed(arguments[0]);
-}
+void unloadService(int, vxArray*[], int, const vxArray* arguments[]) { onNamed(arguments[0]); }
 
-void unloadAllServices(int, vxArray*[], int, const vxArray*[])
-{
-    underLock(lifecycle::stop);
-}
+void unloadAllServices(int, vxArray*[], int, const vxArray*[]) { underLock(lifecycle::stop); }
 
-void reload(int, vxArray*[], int, const vxArray*[])
-{
-    onContainer();
-}
+void reload(int, vxArray*[], int, const vxArray*[]) { onContainer(); }
 
-void restartBundle(int, vxArray*[], int, const vxArray* arguments[])
-{
-    onNamed(arguments[0]);
-}
+void restartBundle(int, vxArray*[], int, const vxArray* arguments[]) { onNamed(arguments[0]); }
 
-void listAllBundleNames(int, vxArray*[], int, const vxArray*[])
-{
-    onContainer();
-}
+void listAllBundleNames(int, vxArray*[], int, const vxArray*[]) { onContainer(); }
 
-void listAllServiceNames(int, vxArray*[], int, const vxArray*[])
-{
-    onContainer();
-}
+void listAllServiceNames(int, vxArray*[], int, const vxArray*[]) { onContainer(); }
 
-void printAllBundles(int, vxArray*[], int, const vxArray*[])
-{
-    onContainer();
-}
+void printAllBundles(int, vxArray*[], int, const vxArray*[]) { onContainer(); }
 
-void printBundleProperties(int, vxArray*[], int, const vxArray* arguments[])
-{
-    onNamed(arguments[0]);
-}
+void printBundleProperties(int, vxArray*[], int, const vxArray* arguments[]) { onNamed(arguments[0]); }
 
-void printBundleServices(int, vxArray*[], int, const vxArray* arguments[])
-{
-    onNamed(arguments[0]);
-}
+void printBundleServices(int, vxArray*[], int, const vxArray* arguments[]) { onNamed(arguments[0]); }
 
-void printAllServices(int, vxArray*[], int, const vxArray*[])
-{
-    onContainer();
-}
+void printAllServices(int, vxArray*[], int, const vxArray*[]) { onContainer(); }
 
-void printServiceProperties(int, vxArray*[], int, const vxArray* arguments[])
-{
-    onNamed(arguments[0]);
-}
+void printServiceProperties(int, vxArray*[], int, const vxArray* arguments[]) { onNamed(arguments[0]); }
 
 // Commands are reached through the container's administration tracker, which this build never has: the answer is empty.
 void executeCommand(int, vxArray* results[], int, const vxArray* arguments[])

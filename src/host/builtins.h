@@ -2,8 +2,8 @@
 
 #include "platform/matrix/vxarray.h"
 
-/// The 23 builtins in the order of the exported table. Exceptions reach the host. They run one at a time, under the module
-/// lock; all but stop, stopAllBundles, unloadAllServices and the two log setters start the framework first.
+/// The 23 builtins in the order of the exported table. Exceptions reach the host. They run one at a time, under the
+/// module lock; all but stop, stopAllBundles, unloadAllServices and the two log setters start the framework first.
 namespace host {
 
 /// The host's calling convention: what a builtin answers goes into results[0]; the counts are not looked at.

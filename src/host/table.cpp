@@ -57,10 +57,7 @@ Table table{entries, 0x94075315, 0, CONNECTOR_BUILD_TIME, kEntryCount};
 } // namespace
 } // namespace host
 
-MODULE_EXPORT void* QueryVDFcnTable_libzkconnectorusvendrahost()
-{
-    return &host::table;
-}
+MODULE_EXPORT void* QueryVDFcnTable_libzkconnectorusvendrahost() { return &host::table; }
 
 MODULE_EXPORT const char* libzkconnectorusvendrahost_version;
 const char* libzkconnectorusvendrahost_version = CONNECTOR_VERSION;

@@ -1,8 +1,8 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <stdlib.h>
 #include <sys/socket.h>
-#include <netinet/in.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -89,8 +89,8 @@ private:
 std::vector<std::string> registeredNames()
 {
     std::vector<std::string> names;
-    for (const auto& reference :
-         foundation::cppmicroservices::getFramework()->GetBundleContext()->GetServiceReferences("connector.Connector/1.0"))
+    for (const auto& reference : foundation::cppmicroservices::getFramework()->GetBundleContext()->GetServiceReferences(
+             "connector.Connector/1.0"))
         names.push_back(reference ? "connector" : "gone");
     return names;
 }
@@ -159,7 +159,8 @@ TEST_F(LifecycleTest, BuiltinsStartAndStopAsTheContainerlessBuildDoes)
     EXPECT_EQ(lifecycleLog([&] { module.call(Module::unloadAllServices); }), "");
 
     const auto name = matrix::create("file");
-    EXPECT_EQ(lifecycleLog([&] { EXPECT_EQ(module.failure(Module::startBundle, name.get()), kNotEnabled); }), startLines)
+    EXPECT_EQ(lifecycleLog([&] { EXPECT_EQ(module.failure(Module::startBundle, name.get()), kNotEnabled); }),
+              startLines)
         << "the framework is started before the error, and stays";
     for (const int position : {3, 5, 7, 9, 11, 12, 13, 14, 15, 16, 17, 18, 19})
         EXPECT_EQ(lifecycleLog([&] { EXPECT_EQ(module.failure(position, name.get()), kNotEnabled) << position; }), "");

@@ -66,7 +66,14 @@ public:
         }
         outcome_ = sink.text_ + outcome_;
     }
-    void finish() noexcept override { note(outcome_); }
+    void finish() noexcept override
+    {
+        if (std::getenv("TEST_ANNOUNCES")) {
+            std::printf("finished %s\n", outcome_.c_str());
+            std::fflush(stdout);
+        }
+        note(outcome_);
+    }
     void abandon(std::exception_ptr) noexcept override { std::fputs("abandoned\n", stderr); }
 
 private:

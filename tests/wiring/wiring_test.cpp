@@ -61,8 +61,8 @@ protected:
 TEST_F(WiringTest, RoutesHaveTheirAddresses)
 {
     auto& router = *slot<HttpRouterImpl>;
-    const Address fallback{"connector/http/localhostFilter", "connector/http/pathFilter", "connector/http/responseHeader",
-                           "connector/v1/httpNonce", "connector/http/staticContent"};
+    const Address fallback{"connector/http/localhostFilter", "connector/http/pathFilter",
+                           "connector/http/responseHeader", "connector/v1/httpNonce", "connector/http/staticContent"};
     EXPECT_EQ(router.listRoutes().size(), 5u);
     EXPECT_EQ(router.findAddress("/connector/messagebroker/amf"), Address{"connector/http/serviceUnavailable"});
     EXPECT_EQ(router.findAddress("/"), fallback);
@@ -81,9 +81,9 @@ TEST_F(WiringTest, InstallersMayRunAgain)
     ASSERT_FALSE(commands.empty());
 
     // All but the registry's and the administration's own, whose replacement starts with nothing in it.
-    for (const auto install : {installJsonServices, installConfigurationServices, installHttpServices,
-                               installContainerServices, installInformationServices, installInterpreterServices,
-                               installSecurityServices})
+    for (const auto install :
+         {installJsonServices, installConfigurationServices, installHttpServices, installContainerServices,
+          installInformationServices, installInterpreterServices, installSecurityServices})
         for (int time = 0; time < 2; ++time)
             install();
 

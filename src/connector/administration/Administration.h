@@ -43,8 +43,8 @@ public:
     virtual Future<std::string> execute(const std::string& name, std::vector<std::string>&& arguments) = 0;
     /// True when the name was free. Otherwise the new command stands in for the earlier one, until it is removed.
     virtual Future<bool> add(Command&& command) = 0;
-    /// Takes the oldest command of the name away, so that a provider may be replaced by its successor at any moment. False
-    /// when there is none.
+    /// Takes the oldest command of the name away, so that a provider may be replaced by its successor at any moment.
+    /// False when there is none.
     virtual Future<bool> remove(const std::string& name) = 0;
     /// In name order.
     virtual Future<std::vector<Command>> getAll() = 0;

@@ -14,7 +14,7 @@ CONNECTOR_API std::string randomHex(std::size_t bytes);
 /// The 32 bytes of SHA-256.
 CONNECTOR_API std::string sha256(std::string_view bytes);
 
-/// Whether two secrets are equal, in a time that tells nothing about where or by how much they differ.
-CONNECTOR_API bool equalSecrets(std::string_view left, std::string_view right);
+/// Whether two digests of one length are equal, in a time that does not depend on where they differ.
+CONNECTOR_API bool equalDigests(const std::string& left, const std::string& right);
 
 } // namespace connector::common

@@ -8,20 +8,20 @@
 
 namespace connector::container::v1 {
 
-/// Sends each message of a container to the address that its type is mapped to, and gathers the answers. Threads: any, also
-/// while containers are on their way.
+/// Sends each message of a container to the address that its type is mapped to, and gathers the answers. Threads: any,
+/// also while containers are on their way.
 class CONNECTOR_API ContainerDispatcher : public std::enable_shared_from_this<ContainerDispatcher>
 {
 public:
     virtual ~ContainerDispatcher() = default;
 
-    /// Answers with a ContainerResponse, one entry per message in the same order, once all are answered. What is left of
-    /// `target` behind the dispatcher must be empty (std::invalid_argument).
+    /// Answers with a ContainerResponse, one entry per message in the same order, once all are answered. What is left
+    /// of `target` behind the dispatcher must be empty (std::invalid_argument).
     virtual MessageFuture handle(std::unique_ptr<ContainerRequest>&& request, Address&& target,
                                  std::shared_ptr<Context>&& context) = 0;
 
-    /// Messages of the type go to `target` one by one. `limit`: how many of them may be without an answer at a time, beyond
-    /// it they are refused with the fault "busy"; 0 for no limit. A type mapped again gets the new mapping, and
+    /// Messages of the type go to `target` one by one. `limit`: how many of them may be without an answer at a time,
+    /// beyond it they are refused with the fault "busy"; 0 for no limit. A type mapped again gets the new mapping, and
     /// deregistering it then takes the oldest one away: a provider may be replaced by its successor at any moment.
     virtual void registerMessageMapping(const std::string& type, Address target, int limit) = 0;
     /// All messages of the type in one request go to `target` together, as a ContainerRequest.

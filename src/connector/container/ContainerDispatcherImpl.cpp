@@ -11,8 +11,8 @@ namespace {
 
 using MessagePtr = std::unique_ptr<Message>;
 
-/// Sends `message` through the addresses from `next` on, each getting what the one before answered. An answer of another
-/// class than M ends the way.
+/// Sends `message` through the addresses from `next` on, each getting what the one before answered. An answer of
+/// another class than M ends the way.
 template <class M>
 MessageFuture pass(MessagePtr message, std::shared_ptr<const std::vector<Address>> addresses, std::size_t next,
                    const std::shared_ptr<Context>& context)
@@ -259,8 +259,7 @@ void ContainerDispatcherImpl::deregisterAfterAddress(Address address)
 
 MessageMapProvider::MessageMapProvider(std::shared_ptr<ContainerDispatcher> dispatcher)
     : dispatcher_(std::move(dispatcher))
-{
-}
+{}
 
 MessageMapProvider::~MessageMapProvider()
 {

@@ -53,8 +53,7 @@ class CONNECTOR_API ContainerDispatcherServiceProviderImpl final : public Contai
 public:
     explicit ContainerDispatcherServiceProviderImpl(std::shared_ptr<ContainerDispatcher> dispatcher)
         : dispatcher_(std::move(dispatcher))
-    {
-    }
+    {}
 
     MessageFuture handleRequest(std::unique_ptr<ContainerRequest>&& request, Address&& rest,
                                 std::shared_ptr<Context>&& context) override

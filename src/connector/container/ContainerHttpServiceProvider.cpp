@@ -28,8 +28,8 @@ std::unique_ptr<http::HttpResponse> answerJson(std::string body)
 std::unique_ptr<ContainerRequest> inContainer(std::unique_ptr<Message> message, const Poco::JSON::Object& object)
 {
     auto request = std::make_unique<ContainerRequest>();
-    request->entries.push_back({object.optValue<std::string>("id", {}), object.getValue<std::string>("type"),
-                                std::move(message), nullptr});
+    request->entries.push_back(
+        {object.optValue<std::string>("id", {}), object.getValue<std::string>("type"), std::move(message), nullptr});
     return request;
 }
 
@@ -37,13 +37,9 @@ std::unique_ptr<ContainerRequest> inContainer(std::unique_ptr<Message> message, 
 
 ContainerHttpServiceProvider::ContainerHttpServiceProvider(std::shared_ptr<json::JsonSerializer> serializer)
     : serializer_(std::move(serializer))
-{
-}
+{}
 
-std::vector<std::string> ContainerHttpServiceProvider::methods() const
-{
-    return {"POST"};
-}
+std::vector<std::string> ContainerHttpServiceProvider::methods() const { return {"POST"}; }
 
 MessageFuture ContainerHttpServiceProvider::post(Request&& request, Address&& rest, std::shared_ptr<Context>&& context)
 {

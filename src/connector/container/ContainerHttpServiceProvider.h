@@ -11,8 +11,8 @@ namespace connector::container {
 
 namespace v1 {
 
-/// Where a container comes in over HTTP: POST of an `application/json` body, a ContainerRequest or one bare message. The
-/// rest of the address gets the typed request; its answer goes back as JSON, status 200 also when messages failed.
+/// Where a container comes in over HTTP: POST of an `application/json` body, a ContainerRequest or one bare message.
+/// The rest of the address gets the typed request; its answer goes back as JSON, status 200 also when messages failed.
 class CONNECTOR_API ContainerHttpServiceProvider final : public http::RestServiceProvider
 {
 public:

@@ -8,8 +8,8 @@ namespace connector::container::v1 {
 class CONNECTOR_API ContainerServiceProvider : public ServiceProviderAPI<ContainerServiceProvider>
 {
 public:
-    /// A filter hands the request on to `rest`, or, where `rest` is empty, answers with the request itself: the dispatcher
-    /// then goes on with it. Any other answer stands in place of the dispatch.
+    /// A filter hands the request on to `rest`, or, where `rest` is empty, answers with the request itself: the
+    /// dispatcher then goes on with it. Any other answer stands in place of the dispatch.
     virtual MessageFuture handleRequest(std::unique_ptr<ContainerRequest>&& request, Address&& rest,
                                         std::shared_ptr<Context>&& context) = 0;
 

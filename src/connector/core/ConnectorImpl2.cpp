@@ -8,8 +8,7 @@ namespace connector {
 
 UnknownServiceProvider::UnknownServiceProvider(const std::string& name)
     : std::runtime_error("No service provider is registered as \"" + name + "\"."), name_(name)
-{
-}
+{}
 
 UnknownServiceProvider::~UnknownServiceProvider() = default;
 
@@ -112,10 +111,7 @@ MessageFuture ConnectorImpl2::handle(std::unique_ptr<Message>&& message, Address
     }
 }
 
-std::shared_ptr<Context> ConnectorImpl2::newContext()
-{
-    return std::make_shared<Context>(weak_from_this());
-}
+std::shared_ptr<Context> ConnectorImpl2::newContext() { return std::make_shared<Context>(weak_from_this()); }
 
 std::shared_ptr<Context> ConnectorImpl2::setProcessContext(std::shared_ptr<Context> context)
 {
@@ -123,9 +119,6 @@ std::shared_ptr<Context> ConnectorImpl2::setProcessContext(std::shared_ptr<Conte
     return std::exchange(processContext_, std::move(context));
 }
 
-std::shared_ptr<Connector> ConnectorImpl2::getPtr()
-{
-    return shared_from_this();
-}
+std::shared_ptr<Connector> ConnectorImpl2::getPtr() { return shared_from_this(); }
 
 } // namespace connector

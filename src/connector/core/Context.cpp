@@ -6,8 +6,7 @@ namespace connector {
 
 Context::Context(std::weak_ptr<Connector> connector)
     : connector_(std::move(connector)), cancellation_(std::make_shared<CancellationToken>())
-{
-}
+{}
 
 std::shared_ptr<Connector> Context::connector() const
 {

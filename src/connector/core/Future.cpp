@@ -10,10 +10,7 @@ BrokenPromise::~BrokenPromise() = default;
 
 namespace detail {
 
-void throwInvalidFutureState()
-{
-    throw std::runtime_error("Invalid Future state reached.");
-}
+void throwInvalidFutureState() { throw std::runtime_error("Invalid Future state reached."); }
 
 void throwFutureTaken()
 {

@@ -4,7 +4,7 @@
 
 namespace connector::http {
 
-AccessToken::AccessToken() : text_(common::randomHex(32)) {}
+AccessToken::AccessToken() : text_(common::randomHex(32)), digest_(common::sha256(text_)) {}
 
 const AccessToken& AccessToken::ofProcess()
 {
@@ -12,6 +12,9 @@ const AccessToken& AccessToken::ofProcess()
     return token;
 }
 
-bool AccessToken::matches(std::string_view candidate) const { return common::equalSecrets(candidate, text_); }
+bool AccessToken::matches(std::string_view candidate) const
+{
+    return common::equalDigests(common::sha256(candidate), digest_);
+}
 
 } // namespace connector::http

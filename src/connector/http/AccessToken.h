@@ -24,6 +24,7 @@ private:
     AccessToken();
 
     std::string text_;
+    std::string digest_;
 };
 
 } // namespace connector::http

@@ -21,8 +21,8 @@ public:
     /// Replaces a route of the same path. Throws std::invalid_argument for a path that is neither empty nor starts with
     /// "/", ends with "/" or holds an empty segment.
     virtual void addRoute(const std::string& path, Address address) = 0;
-    /// A route added several times goes with the last removal, so that a provider may be replaced by its successor at any
-    /// moment. An unknown path is ignored.
+    /// A route added several times goes with the last removal, so that a provider may be replaced by its successor at
+    /// any moment. An unknown path is ignored.
     virtual void removeRoute(const std::string& path) = 0;
     /// Empty when no route matches.
     virtual Address findAddress(const std::string& path) = 0;

@@ -28,8 +28,8 @@ public:
 /// What code or a function printed.
 struct Output
 {
-    std::string text;               ///< standard output and standard error in the order of printing; valid UTF-8
-    std::size_t omittedBytes = 0;   ///< beyond interpreter.maxOutputBytes
+    std::string text;             ///< standard output and standard error in the order of printing; valid UTF-8
+    std::size_t omittedBytes = 0; ///< beyond interpreter.maxOutputBytes
 };
 
 class CONNECTOR_API EvalResponse final : public Message

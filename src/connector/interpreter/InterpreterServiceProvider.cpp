@@ -76,8 +76,8 @@ public:
 
     MessageFuture future() const { return promise_.future(); }
 
-    /// What takes the request out of the queue when its client goes away; shared with the thread that posts, which fills it
-    /// when the task may have ended already.
+    /// What takes the request out of the queue when its client goes away; shared with the thread that posts, which
+    /// fills it when the task may have ended already.
     std::shared_ptr<CancellationToken::Registration> registration() const { return registration_; }
 
     void run(rqe::Interpreter& interpreter) final
@@ -129,8 +129,7 @@ class EvalTask final : public EngineTask
 public:
     EvalTask(std::unique_ptr<Eval> request, std::size_t maxOutputBytes)
         : EngineTask(maxOutputBytes), request_(std::move(request))
-    {
-    }
+    {}
 
 private:
     MessagePtr work(rqe::Interpreter& interpreter, OutputBuffer& output) override
@@ -157,8 +156,7 @@ class FEvalTask final : public EngineTask
 public:
     FEvalTask(std::unique_ptr<FEval> request, std::size_t maxOutputBytes)
         : EngineTask(maxOutputBytes), request_(std::move(request))
-    {
-    }
+    {}
 
 private:
     MessagePtr work(rqe::Interpreter& interpreter, OutputBuffer& output) override
@@ -196,8 +194,7 @@ MessageFuture Interrupt::deliverTo(std::shared_ptr<InterpreterServiceProvider> p
 InterpreterServiceProviderImpl::InterpreterServiceProviderImpl(
     std::shared_ptr<configuration::Configuration> configuration, boost::shared_ptr<rqe::RQE> engine)
     : configuration_(std::move(configuration)), engine_(std::move(engine))
-{
-}
+{}
 
 std::size_t InterpreterServiceProviderImpl::maxOutputBytes() const
 {
@@ -221,11 +218,10 @@ MessageFuture InterpreterServiceProviderImpl::post(std::unique_ptr<EngineTask> t
         throw faultOf(error);
     }
     // A task that has begun is not cancelled: others may wait for its effects.
-    *registration = context->cancellation()->onCancel(
-        [weak = boost::weak_ptr<rqe::RQE>(engine_), id] {
-            if (auto engine = weak.lock())
-                engine->cancel(id);
-        });
+    *registration = context->cancellation()->onCancel([weak = boost::weak_ptr<rqe::RQE>(engine_), id] {
+        if (auto engine = weak.lock())
+            engine->cancel(id);
+    });
     return future;
 }
 

@@ -24,8 +24,7 @@ std::string_view bearerToken(const http::HttpRequest& request)
 HttpNonceServiceProvider::HttpNonceServiceProvider(std::shared_ptr<NonceService> nonces,
                                                    std::shared_ptr<configuration::Configuration> configuration)
     : nonces_(std::move(nonces)), configuration_(std::move(configuration))
-{
-}
+{}
 
 MessageFuture HttpNonceServiceProvider::handleHttp(std::unique_ptr<http::HttpRequest>&& request, Address&& rest,
                                                    std::shared_ptr<Context>&& context)

@@ -8,8 +8,8 @@
 
 namespace connector::security::v1 {
 
-/// The guard that lets a request on only with proof: `Authorization: Bearer` and the token of this process. Everything else
-/// gets 401, the same for a missing, malformed and wrong token.
+/// The guard that lets a request on only with proof: `Authorization: Bearer` and the token of this process. Everything
+/// else gets 401, the same for a missing, malformed and wrong token.
 class CONNECTOR_API HttpNonceServiceProvider final : public http::HttpServiceProvider
 {
 public:

@@ -16,8 +16,8 @@ class CONNECTOR_API NonceService : public std::enable_shared_from_this<NonceServ
 {
 public:
     virtual ~NonceService() = default;
-    /// A new nonce of 256 random bits, as 64 hexadecimal digits, good for one use for `purpose`. Throws std::runtime_error
-    /// when too many are out.
+    /// A new nonce of 256 random bits, as 64 hexadecimal digits, good for one use for `purpose`. Throws
+    /// std::runtime_error when too many are out.
     virtual std::string issue(const std::string& purpose, std::chrono::seconds life) = 0;
     /// True for exactly one caller, for a nonce that was issued for this purpose and has not expired.
     virtual bool redeem(std::string_view nonce, const std::string& purpose) = 0;

@@ -15,6 +15,14 @@
 #include "vendra/python/PythonInterpreter.h"
 #include "vendra/python/Support.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+// The language keeps part of its memory to the very end, and the line editor never frees the names of added functions.
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions();
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_options();
+extern "C" const char* __lsan_default_options() { return "print_suppressions=0"; }
+extern "C" const char* __lsan_default_suppressions() { return "leak:libpython3.11\nleak:wcsdup\n"; }
+#endif
+
 namespace vendra::python {
 namespace {
 

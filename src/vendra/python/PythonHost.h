@@ -63,8 +63,8 @@ public:
     /// Runs what compileLine found ready.
     Outcome runLine();
 
-    /// Signals that come while nothing runs make `descriptor` (non-blocking) readable; -1 ends that. While code runs, the
-    /// language's own mechanism for this is left to the code.
+    /// Signals that come while nothing runs make `descriptor` (non-blocking) readable; -1 ends that. While code runs,
+    /// the language's own mechanism for this is left to the code.
     void setWakeDescriptor(int descriptor);
     /// Runs the handlers of signals that came.
     Signal takeSignals();

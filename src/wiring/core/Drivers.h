@@ -16,12 +16,12 @@ struct Step
 extern const std::array<Step, 29> startSteps;
 extern const std::array<Step, 29> teardownGroups;
 
-/// Captures the host's interpreter engine and runs the installers. An exception of one ends the start where it happened;
-/// nothing is rolled back. Interpreter thread, under the module lock.
+/// Captures the host's interpreter engine and runs the installers. An exception of one ends the start where it
+/// happened; nothing is rolled back. Interpreter thread, under the module lock.
 void startServicesManually();
 
-/// Removes every provider, unregisters the registry and empties the slots group by group; the engine's last. Interpreter
-/// thread.
+/// Removes every provider, unregisters the registry and empties the slots group by group; the engine's last.
+/// Interpreter thread.
 void stopServicesManually();
 
 } // namespace wiring

@@ -1,7 +1,7 @@
 #pragma once
 
-/// One procedure per service group: makes the group's objects in a fixed order, then registers its providers. No arguments,
-/// no result, no branches; what throws leaves what was made so far in place.
+/// One procedure per service group: makes the group's objects in a fixed order, then registers its providers. No
+/// arguments, no result, no branches; what throws leaves what was made so far in place.
 namespace wiring {
 
 void installAdministrationServices();

@@ -13,10 +13,7 @@ const fl::log::diagnostic_logger logger("connector::us_vendra_host");
 
 } // namespace
 
-const fl::log::diagnostic_logger& moduleLogger()
-{
-    return logger;
-}
+const fl::log::diagnostic_logger& moduleLogger() { return logger; }
 
 void logLifecycle(std::string_view text)
 {

@@ -5,9 +5,6 @@
 namespace wiring {
 
 // The registry does not exist yet: nothing can be registered here.
-void installAdministrationServices()
-{
-    construct<connector::administration::AdministrationImpl>();
-}
+void installAdministrationServices() { construct<connector::administration::AdministrationImpl>(); }
 
 } // namespace wiring

@@ -6,7 +6,8 @@
 
 namespace wiring {
 
-// Installers read slots that earlier ones filled: the order is fixed, and neither alphabetical nor that of the teardown.
+// Installers read slots that earlier ones filled: the order is fixed, and neither alphabetical nor that of the
+// teardown.
 constexpr std::array<Step, 29> startTable{{
     {"installAdministrationServices", installAdministrationServices},
     {"installConnectorRegistry", installConnectorRegistry},

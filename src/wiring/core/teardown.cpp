@@ -30,19 +30,18 @@ namespace wiring {
 
 using namespace connector;
 
-// In alphabetical order of the groups' names written without underscores, the registry's under "framework"; within a group
-// the order is fixed and not alphabetical.
+// In alphabetical order of the groups' names written without underscores, the registry's under "framework"; within a
+// group the order is fixed and not alphabetical.
 constexpr std::array<Step, 29> teardownTable{{
     {"administration", release<administration::AdministrationImpl>},
     {"bayeux"},
     {"common_services"},
-    {"configuration", release<configuration::ConfigurationCommandProvider, configuration::ConfigurationImpl,
-                              configuration::ConfigurationJsonSerialization,
-                              configuration::ConfigurationServiceProviderImpl>},
-    {"container",
-     release<container::ContainerHttpRouteProvider, container::v1::ContainerDispatcherImpl,
-             container::v1::ContainerDispatcherServiceProviderImpl, container::v1::ContainerHttpServiceProvider,
-             container::v1::ContainerJsonSerialization>},
+    {"configuration",
+     release<configuration::ConfigurationCommandProvider, configuration::ConfigurationImpl,
+             configuration::ConfigurationJsonSerialization, configuration::ConfigurationServiceProviderImpl>},
+    {"container", release<container::ContainerHttpRouteProvider, container::v1::ContainerDispatcherImpl,
+                          container::v1::ContainerDispatcherServiceProviderImpl,
+                          container::v1::ContainerHttpServiceProvider, container::v1::ContainerJsonSerialization>},
     {"desktop"},
     {"editor"},
     {"file"},
@@ -52,10 +51,10 @@ constexpr std::array<Step, 29> teardownTable{{
     {"registry", release<ConnectorImpl2>},
     {"gds"},
     {"hitchhiker"},
-    {"http", release<http::HttpCommandProvider, http::HttpConstantServiceProvider, http::HttpRouterImpl,
-                     http::HttpRouterServiceProvider, http::HttpManagerJsonSerialization,
-                     http::HttpManagerServiceProviderImpl, http::HttpSessionManagerImpl,
-                     http::HttpSessionServiceProvider, http::HttpLocalHostFilterServiceProvider>},
+    {"http",
+     release<http::HttpCommandProvider, http::HttpConstantServiceProvider, http::HttpRouterImpl,
+             http::HttpRouterServiceProvider, http::HttpManagerJsonSerialization, http::HttpManagerServiceProviderImpl,
+             http::HttpSessionManagerImpl, http::HttpSessionServiceProvider, http::HttpLocalHostFilterServiceProvider>},
     {"information", release<information::v1::ClientTypeServiceProvider>},
     {"interpreter",
      release<interpreter::v1::InterpreterJsonSerialization, interpreter::v1::InterpreterMessageMapProvider,
@@ -64,8 +63,8 @@ constexpr std::array<Step, 29> teardownTable{{
     {"jni_json"},
     {"jni_message_service"},
     {"jni_native_bridge"},
-    {"json", release<json::JsonSerializerImpl, json::JsonSerializerServiceProvider,
-                     json::JsonDeserializerServiceProvider>},
+    {"json",
+     release<json::JsonSerializerImpl, json::JsonSerializerServiceProvider, json::JsonDeserializerServiceProvider>},
     {"login"},
     {"pairing_key"},
     {"rest_vendra"},

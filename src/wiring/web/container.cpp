@@ -19,10 +19,10 @@ void installContainerServices()
     construct<ContainerDispatcherServiceProviderImpl>(slot<ContainerDispatcherImpl>);
     construct<ContainerHttpServiceProvider>(slot<JsonSerializerImpl>);
     construct<ContainerJsonSerialization>(slot<JsonSerializerImpl>);
-    construct<ContainerHttpRouteProvider>(
-        slot<HttpRouterImpl>, Address{"connector/http/localhostFilter", "connector/http/session",
-                                      "connector/v1/httpNonce", "connector/v1/http", "connector/v1/clientType",
-                                      "connector/v1/container"});
+    construct<ContainerHttpRouteProvider>(slot<HttpRouterImpl>,
+                                          Address{"connector/http/localhostFilter", "connector/http/session",
+                                                  "connector/v1/httpNonce", "connector/v1/http",
+                                                  "connector/v1/clientType", "connector/v1/container"});
 
     serve<ContainerHttpServiceProvider>("connector/v1/http");
     serve<ContainerDispatcherServiceProviderImpl>("connector/v1/container");

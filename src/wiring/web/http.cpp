@@ -27,14 +27,14 @@ using connector::json::JsonSerializerImpl;
 std::vector<std::pair<std::string, Address>> routes()
 {
     return {
-        {"/messageservice/async", Address{"connector/http/localhostFilter", "connector/http/session",
-                                          "connector/v1/httpNonce", "connector/bayeux/http",
-                                          "connector/bayeux/longPoll"}},
+        {"/messageservice/async",
+         Address{"connector/http/localhostFilter", "connector/http/session", "connector/v1/httpNonce",
+                 "connector/bayeux/http", "connector/bayeux/longPoll"}},
         {"/connector/messagebroker/amf", Address{"connector/http/serviceUnavailable"}},
-        {"/vendra/toolbox", Address{"connector/http/localhostFilter", "connector/http/vendraToolbox",
-                                    "connector/http/pathFilter", "connector/http/responseHeader",
-                                    "connector/http/session", "connector/v1/httpNonce",
-                                    "connector/http/staticContent"}},
+        {"/vendra/toolbox",
+         Address{"connector/http/localhostFilter", "connector/http/vendraToolbox", "connector/http/pathFilter",
+                 "connector/http/responseHeader", "connector/http/session", "connector/v1/httpNonce",
+                 "connector/http/staticContent"}},
         {"", Address{"connector/http/localhostFilter", "connector/http/pathFilter", "connector/http/responseHeader",
                      "connector/v1/httpNonce", "connector/http/staticContent"}},
     };

@@ -17,7 +17,7 @@ std::unique_ptr<HttpResponse> internalError(const std::string& cause, const Requ
 
 std::unique_ptr<HttpResponse> unavailable(const char* cause, const RequestTrace& trace)
 {
-    common::log("connector.http", common::LogLevel::warning, trace.line + " is unavailable: " + cause);
+    common::log("connector.http", common::LogLevel::info, trace.line + " is unavailable: " + cause);
     return refusal(trace.json, 503, "Service unavailable.");
 }
 
