@@ -339,8 +339,10 @@ TEST_F(VendraTest, hasAPromptAtATerminal)
     EXPECT_TRUE(child->expect(">>> "));
     child->write("dou\t(2100000 + 5)\r");
     EXPECT_TRUE(child->expect("4200010"));
+    EXPECT_TRUE(child->expect(">>> "));
     child->write("_ + 1\r");
     EXPECT_TRUE(child->expect("4200011"));
+    EXPECT_TRUE(child->expect(">>> "));
 
     // Ctrl-C gives up the line, and a loop.
     child->write("unfinished('");

@@ -52,6 +52,8 @@ void Connection::stop()
     closing_ = true;
     switch (state_) {
     case State::serving:
+        if (direct_ && !direct_->revoke())
+            break; // the answer is under way; `answered` goes on
         respond(refusal(false, 503, "The connector is stopping."));
         abandonExchange();
         break;
@@ -73,6 +75,8 @@ void Connection::close()
         return;
     const auto self = shared_from_this();
     state_ = State::closed;
+    if (direct_)
+        direct_->revoke();
     releaseBody();
     error_code ignored;
     socket_.close(ignored);
@@ -249,6 +253,8 @@ void Connection::serve()
             response = takeResponse(exchange.answer, trace, core_);
         } else {
             cancellation_ = std::move(exchange.cancellation);
+            direct_ = std::make_shared<DirectAnswer>(
+                DirectAnswer::Terms{socket_.native_handle(), closing_, keepAliveAsked_, isHead_});
             pending_ = exchange.answer.then(answerLater(trace));
         }
     } catch (...) {
@@ -262,21 +268,23 @@ void Connection::serve()
     }
 }
 
-/// Brings the answer to this connection's thread. A late one finds neither the connection nor its loop when the server
-/// was closed meanwhile.
+/// Writes the answer, or its beginning, and brings it to this connection's thread. A late one finds neither the
+/// connection nor its loop when the server was closed meanwhile.
 std::function<bool(MessageFuture)> Connection::answerLater(const RequestTrace& trace)
 {
-    return [weak = weak_from_this(), weakLoop = loop_.weak_from_this(), number = requestNumber_,
+    return [weak = weak_from_this(), weakLoop = loop_.weak_from_this(), direct = direct_, number = requestNumber_,
             trace](MessageFuture settled) {
         const auto loop = weakLoop.lock();
         if (!loop)
             return false;
-        asio::post(loop->context(), [weak, number, response = takeResponse(settled, trace, loop->core())]() mutable {
+        auto response = takeResponse(settled, trace, loop->core());
+        auto sent = direct->send(*response);
+        asio::post(loop->context(), [weak, number, response = std::move(response), sent = std::move(sent)]() mutable {
             const auto self = weak.lock();
             if (!self || self->state_ != State::serving || self->requestNumber_ != number)
                 return;
             self->endExchange();
-            self->respond(std::move(response));
+            self->answered(std::move(response), std::move(sent));
         });
         return true;
     };
@@ -298,8 +306,24 @@ void Connection::respond(std::unique_ptr<HttpResponse> response)
     response_ = std::move(response);
     head_ = writeHead(*response_, loop_.date(), closing_, keepAliveAsked_);
     written_ = 0;
-    toWrite_ = head_.size() + (isHead_ || !hasBody(response_->status) ? 0 : response_->body.size());
+    toWrite_ = head_.size() + bodyBytesToSend(*response_, isHead_);
     writeSome();
+}
+
+/// Goes on behind what the thread that had the answer has sent of it.
+void Connection::answered(std::unique_ptr<HttpResponse> response, DirectAnswer::Sent sent)
+{
+    if (sent.bytes == 0)
+        return respond(std::move(response));
+    state_ = State::writing;
+    response_ = std::move(response);
+    head_ = std::move(sent.head);
+    written_ = sent.bytes;
+    toWrite_ = head_.size() + bodyBytesToSend(*response_, isHead_);
+    if (written_ == toWrite_)
+        responseWritten();
+    else
+        writeSome();
 }
 
 void Connection::responseWritten()
@@ -336,6 +360,7 @@ void Connection::endExchange()
     --core_.requestsInFlight;
     cancellation_.reset();
     pending_ = {};
+    direct_.reset();
 }
 
 void Connection::abandonExchange()
@@ -344,6 +369,7 @@ void Connection::abandonExchange()
         return;
     inFlight_ = false;
     --core_.requestsInFlight;
+    direct_.reset();
     const auto token = std::move(cancellation_);
     auto pending = std::move(pending_);
     try {

@@ -11,6 +11,7 @@
 
 #include "connector/http/engine/Answer.h"
 #include "connector/http/engine/ChunkedBody.h"
+#include "connector/http/engine/DirectAnswer.h"
 #include "connector/http/engine/Loop.h"
 #include "connector/http/engine/ReadBuffer.h"
 #include "connector/http/engine/RequestHead.h"
@@ -18,7 +19,8 @@
 namespace connector::http::engine {
 
 /// One client's connection: reads a request, has it served, writes the answer, and starts anew; one request at a time,
-/// so that pipelined requests are answered in order. All of it runs on the thread of its loop, which outlives it.
+/// so that pipelined requests are answered in order. All of it runs on the thread of its loop, which outlives it; only
+/// the answer itself may be written by the thread that has it (DirectAnswer).
 class Connection final : public std::enable_shared_from_this<Connection>
 {
 public:
@@ -63,6 +65,7 @@ private:
     std::function<bool(MessageFuture)> answerLater(const RequestTrace& trace);
     void refuse(const Refused& refused);
     void respond(std::unique_ptr<HttpResponse> response);
+    void answered(std::unique_ptr<HttpResponse> response, DirectAnswer::Sent sent);
     void responseWritten();
     void linger();
     void endExchange();
@@ -104,6 +107,7 @@ private:
     bool keepAliveAsked_ = false;
     bool inFlight_ = false;
     std::shared_ptr<CancellationToken> cancellation_;
+    std::shared_ptr<DirectAnswer> direct_;
     Future<bool> pending_; ///< of the continuation that brings the answer
 
     std::unique_ptr<HttpResponse> response_;

@@ -20,7 +20,8 @@ workspace = sys.modules["__main__"].__dict__
 _KEPT_CELLS = 500
 _KEPT_CHARACTERS = 16 << 20
 
-_cells = collections.OrderedDict()  # name the compiler knows -> (name people see, characters)
+_cells = collections.OrderedDict()  # name the compiler knows -> (name people see, source)
+_expressions = {}  # (source, name people see) -> (name the compiler knows, code object), for as long as the cell is kept
 _kept_characters = 0
 _cell_count = 0
 
@@ -32,13 +33,15 @@ def _remember(file_name, code):
         return file_name
     _cell_count += 1
     name = f"{file_name[:-1]}#{_cell_count}>"
-    _cells[name] = (file_name, len(code))
+    _cells[name] = (file_name, code)
     _kept_characters += len(code)
     linecache.cache[name] = (len(code), None, code.splitlines(True), name)
     while len(_cells) > 1 and (len(_cells) > _KEPT_CELLS or _kept_characters > _KEPT_CHARACTERS):
-        old, (_, size) = _cells.popitem(last=False)
-        _kept_characters -= size
+        old, (shown, source) = _cells.popitem(last=False)
+        _kept_characters -= len(source)
         linecache.cache.pop(old, None)
+        if _expressions.get((source, shown), (None,))[0] == old:
+            del _expressions[source, shown]
     return name
 
 
@@ -118,14 +121,23 @@ def _looks_single(code):
 
 def evaluate(code, file_name, want_value, echo):
     """Runs a cell in the workspace; the value of its last expression, if wanted and there is one."""
+    quick = want_value and not echo and _looks_single(code)
+    if quick:
+        # Clients that watch a value ask for the same expression again and again.
+        known = _expressions.get((code, file_name))
+        if known:
+            _cells.move_to_end(known[0])
+            return eval(known[1], workspace)
     name = _remember(file_name, code)
-    if want_value and not echo and _looks_single(code):
+    if quick:
         # The quick way for what clients ask most; anything but an expression goes the long way.
         try:
             expression = compile(code, name, "eval", 0, True)
         except SyntaxError:
             pass
         else:
+            if name in _cells:
+                _expressions[code, file_name] = name, expression
             return eval(expression, workspace)
     tree = compile(code, name, "exec", ast.PyCF_ONLY_AST, True)
     last = None
