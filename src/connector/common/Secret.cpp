@@ -3,6 +3,7 @@
 #include <sys/random.h>
 
 #include <cerrno>
+#include <memory>
 #include <stdexcept>
 #include <system_error>
 
@@ -35,10 +36,11 @@ std::string randomHex(std::size_t bytes)
 std::string sha256(std::string_view bytes)
 {
     // Looked up once: the one-call functions of the library do it every time.
-    static const EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    static const std::unique_ptr<EVP_MD, decltype(&EVP_MD_free)> algorithm(EVP_MD_fetch(nullptr, "SHA256", nullptr),
+                                                                           EVP_MD_free);
     std::string digest(SHA256_DIGEST_LENGTH, '\0');
     if (!algorithm || EVP_Digest(bytes.data(), bytes.size(), reinterpret_cast<unsigned char*>(digest.data()), nullptr,
-                                 algorithm, nullptr) != 1)
+                                 algorithm.get(), nullptr) != 1)
         throw std::runtime_error("SHA-256 is not available.");
     return digest;
 }

@@ -77,7 +77,7 @@ void Connection::close()
     state_ = State::closed;
     if (direct_)
         direct_->revoke();
-    releaseBody();
+    bodyHold_.reset();
     error_code ignored;
     socket_.close(ignored);
     loop_.remove(*this);
@@ -224,12 +224,12 @@ void Connection::readBody()
 /// Counts what has arrived of the body; false when all bodies together are too large.
 bool Connection::holdBody()
 {
-    const std::uint64_t added = request_->body.size() - heldBytes_;
-    heldBytes_ += added;
-    return added == 0 || core_.heldBodyBytes.fetch_add(added) + added <= core_.settings.maxHeldBodyBytes;
+    if (request_->body.empty())
+        return true;
+    if (!bodyHold_)
+        bodyHold_ = std::make_shared<BodyHold>(loop_.sharedCore());
+    return bodyHold_->growTo(request_->body.size());
 }
-
-void Connection::releaseBody() noexcept { core_.heldBodyBytes -= std::exchange(heldBytes_, 0); }
 
 void Connection::serve()
 {
@@ -272,12 +272,14 @@ void Connection::serve()
 /// connection nor its loop when the server was closed meanwhile.
 std::function<bool(MessageFuture)> Connection::answerLater(const RequestTrace& trace)
 {
-    return [weak = weak_from_this(), weakLoop = loop_.weak_from_this(), direct = direct_, number = requestNumber_,
-            trace](MessageFuture settled) {
+    return [weak = weak_from_this(), weakLoop = loop_.weak_from_this(), direct = direct_, hold = bodyHold_,
+            number = requestNumber_, trace](MessageFuture settled) {
         const auto loop = weakLoop.lock();
         if (!loop)
             return false;
         auto response = takeResponse(settled, trace, loop->core());
+        if (hold)
+            hold->release();
         auto sent = direct->send(*response);
         asio::post(loop->context(), [weak, number, response = std::move(response), sent = std::move(sent)]() mutable {
             const auto self = weak.lock();
@@ -301,7 +303,7 @@ void Connection::refuse(const Refused& refused)
 void Connection::respond(std::unique_ptr<HttpResponse> response)
 {
     state_ = State::writing;
-    releaseBody();
+    bodyHold_.reset();
     closing_ = closing_ || loop_.isStopping();
     response_ = std::move(response);
     head_ = writeHead(*response_, loop_.date(), closing_, keepAliveAsked_);
@@ -317,6 +319,7 @@ void Connection::answered(std::unique_ptr<HttpResponse> response, DirectAnswer::
         return respond(std::move(response));
     state_ = State::writing;
     response_ = std::move(response);
+    bodyHold_.reset();
     head_ = std::move(sent.head);
     written_ = sent.bytes;
     toWrite_ = head_.size() + bodyBytesToSend(*response_, isHead_);

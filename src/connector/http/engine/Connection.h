@@ -60,7 +60,6 @@ private:
     void sendContinue();
     void readBody();
     bool holdBody();
-    void releaseBody() noexcept;
     void serve();
     std::function<bool(MessageFuture)> answerLater(const RequestTrace& trace);
     void refuse(const Refused& refused);
@@ -99,8 +98,8 @@ private:
     std::unique_ptr<HttpRequest> request_;
     std::optional<ChunkedBody> chunks_;
     std::uint64_t bodyLeft_ = 0;
-    std::uint64_t bodyBytes_ = 0; ///< as received, for the rate
-    std::uint64_t heldBytes_ = 0; ///< counted in the server's sum until the answer
+    std::uint64_t bodyBytes_ = 0;        ///< as received, for the rate
+    std::shared_ptr<BodyHold> bodyHold_; ///< null for a request without a body
     Clock::time_point bodyBegin_;
 
     bool isHead_ = false;

@@ -17,6 +17,21 @@ namespace asio = boost::asio;
 
 namespace {
 
+/// Initialised from the first start until this library goes.
+struct NetworkLibraries
+{
+    NetworkLibraries()
+    {
+        Poco::Net::initializeNetwork();
+        Poco::Net::initializeSSL();
+    }
+    ~NetworkLibraries()
+    {
+        Poco::Net::uninitializeSSL();
+        Poco::Net::uninitializeNetwork();
+    }
+};
+
 /// The servers that are open, for `initializeConnectorSSL`.
 class OpenServers
 {
@@ -82,11 +97,7 @@ struct PocoHttpsServer::Run
 
 void PocoHttpsServer::initializeConnectorSSL()
 {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        Poco::Net::initializeNetwork();
-        Poco::Net::initializeSSL();
-    });
+    static const NetworkLibraries initialized;
     for (const auto& server : OpenServers::instance().take())
         server->close();
 }

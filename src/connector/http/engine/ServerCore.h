@@ -50,6 +50,30 @@ struct ServerCore
     std::atomic<std::uint64_t> failedRequests{0};
 };
 
+/// One request's body in the sum of all that are held. Grown by the connection, released by whoever has the answer, on
+/// any thread, before a byte of it is sent: a client that has its answer finds the room free.
+class BodyHold
+{
+public:
+    explicit BodyHold(std::shared_ptr<ServerCore> core) : core_(std::move(core)) {}
+    ~BodyHold() { release(); }
+    BodyHold(const BodyHold&) = delete;
+    BodyHold& operator=(const BodyHold&) = delete;
+
+    /// False when all bodies together are more than is allowed.
+    bool growTo(std::uint64_t bytes)
+    {
+        const auto added = bytes - bytes_.exchange(bytes);
+        return added == 0 || core_->heldBodyBytes.fetch_add(added) + added <= core_->settings.maxHeldBodyBytes;
+    }
+
+    void release() noexcept { core_->heldBodyBytes -= bytes_.exchange(0); }
+
+private:
+    const std::shared_ptr<ServerCore> core_;
+    std::atomic<std::uint64_t> bytes_{0};
+};
+
 /// One connection, counted while this lives.
 class ConnectionCount
 {
