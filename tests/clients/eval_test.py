@@ -116,6 +116,10 @@ class SharedHost(unittest.TestCase):
         for body in ["", "[]", "{", '{"type": "Eval"}', '{"type": "Nothing"}', '{"messages": 3}', '{"messages": [], "a": 1} x',
                      "[" * 100_000, '{"type": "Eval", "code": "1", "code": "2"}', "\ufeff{}", '{"messages": [[]]}x']:
             self.assertEqual(self.host.post(body)[0], 400, body[:40])
+        status, text = self.host.post('{"type": "FEval", "function": "abs", "arguments": '
+                                      '[1, {"vx": "double", "size": [1, 2], "data": [1]}]}')
+        self.assertEqual(status, 400)
+        self.assertIn("arguments[1].data", text)
         self.assertEqual(self.host.post(good)[0], 200)
 
 

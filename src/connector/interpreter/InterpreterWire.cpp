@@ -46,14 +46,13 @@ std::unique_ptr<FEval> decodeFEval(const Object& object)
 {
     auto message = std::make_unique<FEval>();
     message->function = json::requireString(object, "function");
-    const auto results = json::optionalInteger(object, "results", 1);
-    if (results < 0 || results > kMaxResults)
-        throw json::JsonError("results: 0 to 100 can be asked for, not " + std::to_string(results) + ".");
-    message->results = static_cast<std::size_t>(results);
+    message->results = static_cast<std::size_t>(json::optionalInteger(object, "results", 1, 0, kMaxResults));
     if (object.has("arguments")) {
         const auto arguments = json::requireArray(object, "arguments");
-        for (unsigned i = 0; i < arguments->size(); ++i)
-            message->arguments.push_back(json::fromJson(arguments->get(i)));
+        for (std::size_t i = 0; i < arguments->size(); ++i)
+            message->arguments.push_back(json::within(std::string("arguments"), [&] {
+                return json::within(i, [&] { return json::fromJson(arguments->get(static_cast<unsigned>(i))); });
+            }));
     }
     return message;
 }
