@@ -8,7 +8,7 @@ namespace wiring {
 
 // Installers read slots that earlier ones filled: the order is fixed, and neither alphabetical nor that of the
 // teardown.
-constexpr std::array<Step, 29> startTable{{
+constexpr std::array<Step, 29> startSteps{{
     {"installAdministrationServices", installAdministrationServices},
     {"installConnectorRegistry", installConnectorRegistry},
     {"installJsonServices", installJsonServices},
@@ -40,8 +40,6 @@ constexpr std::array<Step, 29> startTable{{
     {"installWorkerServices"},
 }};
 
-const std::array<Step, 29> startSteps = startTable;
-
 namespace {
 
 void captureEngine()
@@ -57,7 +55,7 @@ void startServicesManually()
 {
     logLifecycle("Starting services manually");
     captureEngine();
-    for (const auto& step : startTable)
+    for (const auto& step : startSteps)
         if (step.run)
             step.run();
     logLifecycle("Done starting services manually");

@@ -32,7 +32,7 @@ using namespace connector;
 
 // In alphabetical order of the groups' names written without underscores, the registry's under "framework"; within a
 // group the order is fixed and not alphabetical.
-constexpr std::array<Step, 29> teardownTable{{
+constexpr std::array<Step, 29> teardownGroups{{
     {"administration", release<administration::AdministrationImpl>},
     {"bayeux"},
     {"common_services"},
@@ -74,8 +74,6 @@ constexpr std::array<Step, 29> teardownTable{{
     {"worker"},
 }};
 
-const std::array<Step, 29> teardownGroups = teardownTable;
-
 void stopServicesManually()
 {
     logLifecycle("Stopping services manually");
@@ -91,7 +89,7 @@ void stopServicesManually()
 
     // The Java bridge's process-wide connector and converter are cleared here once that bridge is built.
 
-    for (const auto& group : teardownTable)
+    for (const auto& group : teardownGroups)
         if (group.run)
             group.run();
 
