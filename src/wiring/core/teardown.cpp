@@ -11,6 +11,8 @@
 #include "connector/http/HttpLocalHostFilterServiceProvider.h"
 #include "connector/http/HttpManagerJsonSerialization.h"
 #include "connector/http/HttpManagerServiceProviderImpl.h"
+#include "connector/http/HttpPathFilterServiceProvider.h"
+#include "connector/http/HttpResponseHeaderServiceProvider.h"
 #include "connector/http/HttpRouterImpl.h"
 #include "connector/http/HttpRouterServiceProvider.h"
 #include "connector/http/HttpSessionManagerImpl.h"
@@ -52,9 +54,10 @@ constexpr std::array<Step, 29> teardownGroups{{
     {"gds"},
     {"hitchhiker"},
     {"http",
-     release<http::HttpCommandProvider, http::HttpConstantServiceProvider, http::HttpRouterImpl,
-             http::HttpRouterServiceProvider, http::HttpManagerJsonSerialization, http::HttpManagerServiceProviderImpl,
-             http::HttpSessionManagerImpl, http::HttpSessionServiceProvider, http::HttpLocalHostFilterServiceProvider>},
+     release<http::HttpCommandProvider, http::HttpConstantServiceProvider, http::HttpPathFilterServiceProvider,
+             http::HttpResponseHeaderServiceProvider, http::HttpRouterImpl, http::HttpRouterServiceProvider,
+             http::HttpManagerJsonSerialization, http::HttpManagerServiceProviderImpl, http::HttpSessionManagerImpl,
+             http::HttpSessionServiceProvider, http::HttpLocalHostFilterServiceProvider>},
     {"information", release<information::v1::ClientTypeServiceProvider>},
     {"interpreter",
      release<interpreter::v1::InterpreterJsonSerialization, interpreter::v1::InterpreterMessageMapProvider,

@@ -5,6 +5,8 @@
 #include "connector/http/HttpLocalHostFilterServiceProvider.h"
 #include "connector/http/HttpManagerJsonSerialization.h"
 #include "connector/http/HttpManagerServiceProviderImpl.h"
+#include "connector/http/HttpPathFilterServiceProvider.h"
+#include "connector/http/HttpResponseHeaderServiceProvider.h"
 #include "connector/http/HttpRouterImpl.h"
 #include "connector/http/HttpRouterServiceProvider.h"
 #include "connector/http/HttpSessionManagerImpl.h"
@@ -42,12 +44,15 @@ std::vector<std::pair<std::string, Address>> routes()
 
 } // namespace
 
-// Static content, the path filter, the response headers, the toolbox content and the outgoing client are not built yet:
-// the routes that name them are answered with 503.
+// Static content, the toolbox content and the outgoing client are not built yet: the routes that name them are answered
+// with 503.
 void installHttpServices()
 {
     construct<HttpCommandProvider>(slot<ConnectorImpl2>, slot<AdministrationImpl>, Address{"connector/http/manager"});
     construct<HttpConstantServiceProvider>(static_cast<unsigned short>(503), std::string());
+    construct<HttpPathFilterServiceProvider>(HttpPathFilterServiceProvider::defaultWhiteList(),
+                                             static_cast<unsigned short>(404), std::string("File not found."));
+    construct<HttpResponseHeaderServiceProvider>(HttpResponseHeaderServiceProvider::defaultHeaderRules());
     construct<HttpRouterImpl>(routes());
     construct<HttpRouterServiceProvider>(slot<HttpRouterImpl>);
     construct<HttpManagerJsonSerialization>(slot<JsonSerializerImpl>);
@@ -60,7 +65,9 @@ void installHttpServices()
 
     serve<HttpManagerServiceProviderImpl>("connector/http/manager");
     serve<HttpRouterServiceProvider>("connector/http/router");
+    serve<HttpPathFilterServiceProvider>("connector/http/pathFilter");
     serve<HttpLocalHostFilterServiceProvider>("connector/http/localhostFilter");
+    serve<HttpResponseHeaderServiceProvider>("connector/http/responseHeader");
     serve<HttpConstantServiceProvider>("connector/http/serviceUnavailable");
     serve<HttpSessionServiceProvider>("connector/http/session");
 }

@@ -18,6 +18,8 @@
 #include "connector/http/HttpLocalHostFilterServiceProvider.h"
 #include "connector/http/HttpManagerJsonSerialization.h"
 #include "connector/http/HttpManagerServiceProviderImpl.h"
+#include "connector/http/HttpPathFilterServiceProvider.h"
+#include "connector/http/HttpResponseHeaderServiceProvider.h"
 #include "connector/http/HttpRouterImpl.h"
 #include "connector/http/HttpRouterServiceProvider.h"
 #include "connector/http/HttpSessionManagerImpl.h"
@@ -136,6 +138,54 @@ TEST(HttpRouter, providesRoutesForTheLifeOfAFamily)
         EXPECT_EQ(response->body, "");
     }
     EXPECT_EQ(chain.send(request("GET", "/x/y"), Address{"router"})->status, 404u);
+}
+
+TEST(PathFilter, letsOnlyWhatPagesAreMadeOf)
+{
+    Chain chain;
+    chain.connector->addServiceProvider(
+        "filter", std::make_shared<HttpPathFilterServiceProvider>(HttpPathFilterServiceProvider::defaultWhiteList(),
+                                                                  static_cast<unsigned short>(404), "File not found."));
+    for (const std::string path :
+         {"/", "/index.html", "/ui/", "/ui", "/ui/a.b/c.d.js", "/A.PNG", "/grüße/bild 1.svg", "/app-0123abcd.min.css"})
+        EXPECT_EQ(chain.send(request("GET", path), Address{"filter", "end"})->status, 200u) << path;
+    for (const std::string path : {"", "index.html", "/.git/config", "/.env", "/ui/.hidden/a.js", "/ui/..", "/../a.js",
+                                   "/a.js.", "/a.py", "/a.js~", "/run.sh", "//a.js", "/a/.js", "/a.json/../b.key"}) {
+        const auto refused = chain.send(request("GET", path), Address{"filter", "end"});
+        EXPECT_EQ(refused->status, 404u) << path;
+        EXPECT_EQ(refused->body, "File not found.");
+    }
+    // Long paths are decided, one way or the other, without backtracking through them.
+    EXPECT_EQ(chain.send(request("GET", "/" + std::string(8'000, 'a') + "!"), Address{"filter", "end"})->status, 200u);
+    std::string deep;
+    for (int i = 0; i < 2'000; ++i)
+        deep += "/a.";
+    EXPECT_EQ(chain.send(request("GET", deep + "x.py"), Address{"filter", "end"})->status, 404u);
+}
+
+TEST(ResponseHeader, addsWhatTheAnswerDoesNotSayItself)
+{
+    Chain chain;
+    chain.connector->addServiceProvider("headers", std::make_shared<HttpResponseHeaderServiceProvider>(
+                                                       HttpResponseHeaderServiceProvider::defaultHeaderRules()));
+    const auto sent = [&](const std::string& path) {
+        return chain.send(request("GET", path), Address{"headers", "end"});
+    };
+    const auto page = sent("/index.html");
+    EXPECT_EQ(page->headers.get("X-Content-Type-Options"), "nosniff");
+    EXPECT_EQ(page->headers.get("Referrer-Policy"), "no-referrer");
+    EXPECT_NE(page->headers.get("Content-Security-Policy").find("frame-ancestors 'none'"), std::string::npos);
+    EXPECT_EQ(page->headers.get("Cache-Control"), "private, no-cache");
+    EXPECT_EQ(page->headers.count("Cache-Control"), 1u);
+    EXPECT_NE(sent("/app-0123abcd.js")->headers.get("Cache-Control").find("immutable"), std::string::npos);
+    EXPECT_EQ(sent("/my-component.js")->headers.get("Cache-Control"), "private, no-cache");
+
+    chain.connector->addServiceProvider(
+        "constant", std::make_shared<HttpConstantServiceProvider>(static_cast<unsigned short>(503), ""));
+    const auto constant = chain.send(request("GET", "/x"), Address{"headers", "constant"});
+    EXPECT_EQ(constant->headers.get("Cache-Control"), "no-store") << "the answer's own field stays";
+    EXPECT_EQ(constant->headers.count("Cache-Control"), 1u);
+    EXPECT_EQ(constant->headers.get("X-Content-Type-Options"), "nosniff");
 }
 
 TEST(RestServiceProvider, answersByMethod)
