@@ -10,8 +10,7 @@ namespace connector::http {
 HttpPathFilterServiceProvider::HttpPathFilterServiceProvider(std::vector<boost::regex>&& whiteList,
                                                              unsigned short status, std::string body)
     : whiteList_(std::move(whiteList)), status_(status), body_(std::move(body))
-{
-}
+{}
 
 std::vector<boost::regex> HttpPathFilterServiceProvider::defaultWhiteList()
 {
@@ -20,8 +19,8 @@ std::vector<boost::regex> HttpPathFilterServiceProvider::defaultWhiteList()
     const std::string kinds = "html?|css|m?js|json|map|txt|md|csv|xml|svg|png|jpe?g|gif|webp|avif|ico|woff2?|ttf|otf|"
                               "wasm|pdf|mp4|webm|mp3|ogg|wav";
     return {
-        boost::regex(segments + "/"),                                   // folders
-        boost::regex("(?=.*/[^./]+$)" + segments),                      // names without a kind
+        boost::regex(segments + "/"),              // folders
+        boost::regex("(?=.*/[^./]+$)" + segments), // names without a kind
         boost::regex("(?=.*\\.(?:" + kinds + ")$)" + segments, boost::regex::icase),
     };
 }

@@ -9,7 +9,8 @@
 
 namespace connector::http {
 
-/// Lets only requests on whose decoded path one of the allowed expressions matches whole; the others get a fixed answer.
+/// Lets only requests on whose decoded path one of the allowed expressions matches whole; the others get a fixed
+/// answer.
 class CONNECTOR_API HttpPathFilterServiceProvider final : public HttpServiceProvider
 {
 public:

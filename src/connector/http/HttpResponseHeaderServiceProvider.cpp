@@ -28,8 +28,7 @@ void addFields(HttpResponse& response, const std::string& path,
 
 HttpResponseHeaderServiceProvider::HttpResponseHeaderServiceProvider(std::vector<Rule>&& rules)
     : rules_(std::make_shared<const Rules>(std::move(rules)))
-{
-}
+{}
 
 std::vector<HttpResponseHeaderServiceProvider::Rule> HttpResponseHeaderServiceProvider::defaultHeaderRules()
 {

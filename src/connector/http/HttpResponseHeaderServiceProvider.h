@@ -11,8 +11,8 @@
 
 namespace connector::http {
 
-/// Adds header fields to answers by the path that was asked for. A field that the answer has already, or that an earlier
-/// rule gave it, stays as it is.
+/// Adds header fields to answers by the path that was asked for. A field that the answer has already, or that an
+/// earlier rule gave it, stays as it is.
 class CONNECTOR_API HttpResponseHeaderServiceProvider final : public HttpServiceProvider
 {
 public:
@@ -21,8 +21,8 @@ public:
 
     explicit HttpResponseHeaderServiceProvider(std::vector<Rule>&& rules);
 
-    /// A content security policy for our own pages, no sniffing, no referrer, no foreign embedding; files with a hash in
-    /// their name are kept for a year, all else is asked for again.
+    /// A content security policy for our own pages, no sniffing, no referrer, no foreign embedding; files with a hash
+    /// in their name are kept for a year, all else is asked for again.
     static std::vector<Rule> defaultHeaderRules();
 
     MessageFuture handleHttp(std::unique_ptr<HttpRequest>&& request, Address&& rest,
