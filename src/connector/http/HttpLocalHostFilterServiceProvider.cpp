@@ -4,6 +4,7 @@
 
 #include "connector/core/Connector.h"
 #include "connector/http/HttpText.h"
+#include "connector/http/WholeMatch.h"
 
 namespace connector::http {
 
@@ -118,7 +119,7 @@ std::unique_ptr<HttpResponse> HttpLocalHostFilterServiceProvider::check(const Ht
     const bool configured = allowedHosts_->has(asked);
     const bool ownPort = request.localPort == 0 || asked.port < 0 || asked.port == request.localPort;
     const bool whiteListed = ownPort && std::any_of(whiteList_.begin(), whiteList_.end(), [&asked](const auto& host) {
-                                 return boost::regex_match(asked.host, host);
+                                 return matchesWhole(asked.host, host);
                              });
     if (!configured && !whiteListed)
         return refusal(request, 421, "This server does not answer for the host " + printable(request.authority) + ".");
