@@ -1,6 +1,11 @@
 #include "connector/http/HttpMessage.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <numeric>
 #include <stdexcept>
+
+#include <unistd.h>
 
 #include "connector/http/HttpServiceProvider.h"
 #include "connector/http/HttpText.h"
@@ -19,6 +24,20 @@ void checkField(std::string_view name, std::string_view value)
     if (!isFieldValue(value))
         throw std::invalid_argument("Control character in the value of header " + std::string(name) + ": \"" +
                                     printable(value) + "\"");
+}
+
+std::string readFile(const SpooledBody& body)
+{
+    std::string text(static_cast<std::size_t>(body.size), '\0');
+    for (std::size_t have = 0; have < text.size();) {
+        const auto count =
+            ::pread(body.file->number(), text.data() + have, text.size() - have, static_cast<off_t>(have));
+        if (count > 0)
+            have += static_cast<std::size_t>(count);
+        else if (count == 0 || errno != EINTR)
+            throw std::runtime_error("A request's body cannot be read back.");
+    }
+    return text;
 }
 
 } // namespace
@@ -66,6 +85,28 @@ MessageFuture HttpRequest::deliverTo(std::shared_ptr<HttpServiceProvider> provid
 {
     std::unique_ptr<HttpRequest> self(static_cast<HttpRequest*>(message.release()));
     return provider->handleHttp(std::move(self), std::move(address), std::move(context));
+}
+
+Future<std::unique_ptr<HttpRequest>> readWhole(std::unique_ptr<HttpRequest>&& request, std::uint64_t maxBytes)
+{
+    if (const auto large = std::move(request->largeBody)) {
+        auto held = std::make_shared<std::unique_ptr<HttpRequest>>(std::move(request));
+        return large->receive(maxBytes).then([held](Future<SpooledBody> received) {
+            (*held)->body = readFile(received.get());
+            return std::move(*held);
+        });
+    }
+    if (request->body.size() > maxBytes)
+        return makeFailedFuture<std::unique_ptr<HttpRequest>>(HttpFault(413, "The request body is too large."));
+    return makeReadyFuture(std::move(request));
+}
+
+std::optional<std::uint64_t> HttpResponse::contentLength() const noexcept
+{
+    if (producer)
+        return std::nullopt;
+    return std::accumulate(parts.begin(), parts.end(), static_cast<std::uint64_t>(body.size()),
+                           [](std::uint64_t sum, const BodyPart& part) { return sum + part.size(); });
 }
 
 HttpResponse::HttpResponse(unsigned statusCode, std::string contentType, std::string content)

@@ -11,6 +11,7 @@
 
 #include "connector/Export.h"
 #include "connector/core/ServiceProvider.h"
+#include "connector/http/HttpBody.h"
 
 namespace connector::http {
 
@@ -36,8 +37,9 @@ private:
 };
 
 class HttpServiceProvider;
+struct WebSocketUpgrade;
 
-/// One request, its body read whole.
+/// One request. A small body has been read whole; a large one is asked for by who wants it.
 class CONNECTOR_API HttpRequest final : public ServiceMessage<HttpServiceProvider>
 {
 public:
@@ -48,16 +50,22 @@ public:
     std::string authority; ///< host and port asked for, from Host or an absolute target
     Headers headers;
     std::string body;
-    std::string peerAddress;     ///< numeric, without port
-    std::uint16_t localPort = 0; ///< the port it came in on; 0 when it came from no socket
-    bool secure = false;         ///< came over TLS
+    std::shared_ptr<LargeBody> largeBody; ///< null unless the body is beyond http.memoryBodyBytes; `body` is empty then
+    std::string peerAddress;              ///< numeric, without port; "unix" for a Unix-domain socket
+    std::uint16_t localPort = 0;          ///< the port it came in on; 0 when it came from no socket
+    bool secure = false;                  ///< came over TLS
     bool keepAlive = true;
 
     MessageFuture deliverTo(std::shared_ptr<HttpServiceProvider> provider, std::unique_ptr<Message>&& message,
                             Address&& address, std::shared_ptr<Context>&& context) override;
 };
 
-/// One answer.
+/// The request with its whole body in memory, for providers that need all of it at once. Fails as
+/// LargeBody::receive, with 413 for a body of more than `maxBytes`.
+CONNECTOR_API Future<std::unique_ptr<HttpRequest>> readWhole(std::unique_ptr<HttpRequest>&& request,
+                                                             std::uint64_t maxBytes);
+
+/// One answer. Its body is one of `body`, `parts` and `producer`.
 class CONNECTOR_API HttpResponse final : public Message
 {
 public:
@@ -68,6 +76,12 @@ public:
     unsigned status = 200;
     Headers headers; ///< Content-Length, Date and Connection are the engine's
     std::string body;
+    std::vector<BodyPart> parts;            ///< sent one after the other, when there are any
+    std::unique_ptr<BodyProducer> producer; ///< sent in chunks, or until the connection ends to an HTTP/1.0 client
+    std::shared_ptr<const WebSocketUpgrade> upgrade; ///< with status 101 only; see WebSocket.h
+
+    /// Bytes of body or parts; none for a producer.
+    std::optional<std::uint64_t> contentLength() const noexcept;
 };
 
 /// The reason phrase of a status code ("Not Found"), "" for one without a name.
