@@ -48,6 +48,16 @@ MessageFuture ContainerHttpServiceProvider::post(Request&& request, Address&& re
         return makeReadyFuture<std::unique_ptr<Message>>(
             http::refusal(*request, 415, "Messages are posted as application/json."));
 
+    auto whole = http::readWhole(std::move(request), kMaxBytes);
+    if (whole.isReady())
+        return handOn(whole.get(), std::move(rest), std::move(context));
+    auto self = std::static_pointer_cast<ContainerHttpServiceProvider>(shared_from_this());
+    return whole.then(
+        [self, rest, context](Future<Request> received) { return self->handOn(received.get(), rest, context); });
+}
+
+MessageFuture ContainerHttpServiceProvider::handOn(Request request, Address rest, std::shared_ptr<Context> context)
+{
     std::unique_ptr<ContainerRequest> container;
     bool bare = false;
     try {

@@ -16,6 +16,8 @@ namespace v1 {
 class CONNECTOR_API ContainerHttpServiceProvider final : public http::RestServiceProvider
 {
 public:
+    static constexpr std::uint64_t kMaxBytes = 64u << 20; ///< of one request
+
     explicit ContainerHttpServiceProvider(std::shared_ptr<json::JsonSerializer> serializer);
 
 protected:
@@ -23,6 +25,8 @@ protected:
     MessageFuture post(Request&& request, Address&& rest, std::shared_ptr<Context>&& context) override;
 
 private:
+    MessageFuture handOn(Request request, Address rest, std::shared_ptr<Context> context);
+
     const std::shared_ptr<json::JsonSerializer> serializer_;
 };
 

@@ -7,6 +7,7 @@
 
 #include "connector/configuration/ConfigurationServiceProvider.h"
 #include "connector/http/HttpText.h"
+#include "connector/http/TlsIdentity.h"
 
 namespace connector::http {
 
@@ -62,6 +63,36 @@ bool isLoopbackName(const std::string& address)
     return address == "localhost" || address == "::1" || address.starts_with("127.");
 }
 
+/// Configured files, or the installation's own.
+TlsFiles readTlsFiles(const Values& values, const std::string& address)
+{
+    const auto certificate = values.get("http.certificateFile", std::string());
+    const auto key = values.get("http.keyFile", std::string());
+    if (certificate.empty() != key.empty())
+        throw std::runtime_error("http.certificateFile and http.keyFile go together; one of them is empty");
+    if (!certificate.empty())
+        return {certificate, key};
+    auto names = values.get("http.allowedHosts", std::vector<std::string>());
+    if (!isLoopbackName(address))
+        names.push_back(address);
+    return tlsIdentity(defaultTlsFolder(), names);
+}
+
+/// Other machines are let in only over TLS and with a secret that they can know.
+void checkExposure(const Values& values, const ServerSettings& settings)
+{
+    if (isLoopbackName(settings.address))
+        return;
+    std::string missing;
+    if (!settings.tls)
+        missing = "http.tls";
+    if (values.get("security.accessKeyFile", std::string()).empty())
+        missing += missing.empty() ? "security.accessKeyFile" : " and security.accessKeyFile";
+    if (!missing.empty())
+        throw std::runtime_error("http.address: listening on " + printable(settings.address) +
+                                 " would let other machines in, which needs " + missing);
+}
+
 } // namespace
 
 ServerSettings readServerSettings(Connector& connector)
@@ -69,14 +100,18 @@ ServerSettings readServerSettings(Connector& connector)
     const Values values(connector);
     ServerSettings settings;
     settings.address = values.get("http.address", settings.address);
-    if (!isLoopbackName(settings.address))
-        throw std::runtime_error("http.address: listening on " + printable(settings.address) +
-                                 " would let other machines in, which needs TLS");
     settings.port = values.get("http.port", settings.port);
+    settings.unixSocket = values.get("http.unixSocket", settings.unixSocket);
+    if (values.get("http.tls", false))
+        settings.tls = readTlsFiles(values, settings.address);
+    checkExposure(values, settings);
     settings.maxConnections = values.get("http.maxConnections", settings.maxConnections);
     settings.maxHeadBytes = values.get("http.maxHeadBytes", settings.maxHeadBytes);
     settings.maxBodyBytes = values.get("http.maxBodyBytes", settings.maxBodyBytes);
-    settings.maxHeldBodyBytes = std::max(settings.maxHeldBodyBytes, 2 * settings.maxBodyBytes);
+    settings.memoryBodyBytes = values.get("http.memoryBodyBytes", settings.memoryBodyBytes);
+    settings.maxSpooledBytes = std::max(settings.maxSpooledBytes, 2 * settings.maxBodyBytes);
+    settings.maxHeldBodyBytes = std::max(settings.maxHeldBodyBytes, 2 * settings.memoryBodyBytes);
+    settings.spoolFolder = values.get("http.spoolFolder", settings.spoolFolder.string());
     settings.headTimeout = values.milliseconds("http.headTimeoutSeconds", settings.headTimeout);
     settings.bodyTimeout = values.milliseconds("http.bodyTimeoutSeconds", settings.bodyTimeout);
     auto& parameters = *settings.parameters;

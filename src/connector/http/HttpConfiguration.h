@@ -16,7 +16,8 @@ struct SessionLimits
 };
 
 /// The keys http.* as the service "connector/configuration" has them; the defaults when nobody serves that name.
-/// Throws std::runtime_error for an address beyond loopback, which would need TLS.
+/// Makes the installation's key and certificate where they are asked for and missing. Throws std::runtime_error for an
+/// address beyond loopback without TLS and an access key, and when there is no certificate to be had.
 CONNECTOR_API ServerSettings readServerSettings(Connector& connector);
 CONNECTOR_API SessionLimits readSessionLimits(Connector& connector);
 /// Whether the bearer token may be written to the discovery file.

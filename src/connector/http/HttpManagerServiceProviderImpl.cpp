@@ -25,11 +25,17 @@ PocoHttpsServer::Handler routerHandler(const std::weak_ptr<Connector>& weakConne
     };
 }
 
+/// For a browser on this machine.
 std::string urlText(const ServerSettings& settings, std::uint16_t port)
 {
-    const std::string& host = settings.address;
+    std::string host = settings.address;
+    if (host == "localhost" || host == "0.0.0.0")
+        host = "127.0.0.1";
+    else if (host == "::")
+        host = "::1";
     const bool bracketed = host.find(':') != std::string::npos;
-    return "http://" + (bracketed ? "[" + host + "]" : host) + ":" + std::to_string(port) + "/";
+    return (settings.tls ? "https://" : "http://") + (bracketed ? "[" + host + "]" : host) + ":" +
+           std::to_string(port) + "/";
 }
 
 template <class Response>
@@ -137,8 +143,10 @@ HttpManagerServiceProviderImpl::Port HttpManagerServiceProviderImpl::open(std::o
     if (!connector)
         throw std::runtime_error("The connector has been stopped.");
     ServerSettings settings = readServerSettings(*connector);
-    if (number)
+    if (number) {
         settings.port = *number;
+        settings.unixSocket.clear(); // the first port's
+    }
 
     Port port;
     port.server = std::make_shared<PocoHttpsServer>(settings, routerHandler(connector_));

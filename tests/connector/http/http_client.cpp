@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace connector::http::test {
@@ -34,18 +35,41 @@ std::string WireResponse::header(std::string_view name) const
     return {};
 }
 
-WireClient::WireClient(std::uint16_t port) : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+void WireClient::connect(int family, const void* address, std::size_t size, const std::string& place)
 {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    socket_ = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (::connect(socket_, static_cast<const sockaddr*>(address), static_cast<socklen_t>(size)) != 0) {
         ::close(socket_);
-        throw std::runtime_error("Cannot connect to port " + std::to_string(port));
+        throw std::runtime_error("Cannot connect to " + place);
     }
     const int on = 1;
-    ::setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    if (family != AF_UNIX)
+        ::setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+WireClient::WireClient(const std::string& address, std::uint16_t port)
+{
+    const std::string place = "port " + std::to_string(port) + " of " + address;
+    sockaddr_in four{};
+    four.sin_family = AF_INET;
+    four.sin_port = htons(port);
+    sockaddr_in6 six{};
+    six.sin6_family = AF_INET6;
+    six.sin6_port = htons(port);
+    if (inet_pton(AF_INET, address.c_str(), &four.sin_addr) == 1)
+        connect(AF_INET, &four, sizeof four, place);
+    else if (inet_pton(AF_INET6, address.c_str(), &six.sin6_addr) == 1)
+        connect(AF_INET6, &six, sizeof six, place);
+    else
+        throw std::invalid_argument("Not an address: " + address);
+}
+
+WireClient::WireClient(const std::string& path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    connect(AF_UNIX, &address, sizeof address, path);
 }
 
 WireClient::~WireClient()
@@ -121,6 +145,17 @@ WireResponse WireClient::receive(bool withoutBody)
     response.body = bytes_.substr(0, wanted);
     bytes_.erase(0, wanted);
     return response;
+}
+
+std::string WireClient::take(std::size_t count)
+{
+    while (bytes_.size() < count) {
+        if (!fill())
+            throw std::runtime_error("The server closed; so far: " + bytes_.substr(0, 200));
+    }
+    std::string taken = bytes_.substr(0, count);
+    bytes_.erase(0, count);
+    return taken;
 }
 
 bool WireClient::isClosed() { return bytes_.empty() && !fill(); }

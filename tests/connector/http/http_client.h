@@ -25,7 +25,11 @@ struct WireResponse
 class WireClient
 {
 public:
-    explicit WireClient(std::uint16_t port);
+    explicit WireClient(std::uint16_t port) : WireClient("127.0.0.1", port) {}
+    /// `address`: numeric, IPv4 or IPv6.
+    WireClient(const std::string& address, std::uint16_t port);
+    /// A Unix-domain socket.
+    explicit WireClient(const std::string& path);
     ~WireClient();
     WireClient(WireClient&& other) noexcept : socket_(std::exchange(other.socket_, -1)), bytes_(std::move(other.bytes_))
     {}
@@ -44,6 +48,8 @@ public:
     WireResponse receive(bool withoutBody = false);
     /// Up to and with an empty line.
     std::string receiveHead();
+    /// Exactly so many bytes.
+    std::string take(std::size_t count);
     /// Whether the server closed, and sent nothing before.
     bool isClosed();
     WireResponse ask(std::string_view request)
@@ -53,9 +59,10 @@ public:
     }
 
 private:
+    void connect(int family, const void* address, std::size_t size, const std::string& place);
     bool fill();
 
-    int socket_;
+    int socket_ = -1;
     std::string bytes_;
 };
 

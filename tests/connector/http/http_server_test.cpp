@@ -108,6 +108,13 @@ private:
             exchange.answer = makeReadyFuture(std::unique_ptr<Message>());
             return exchange;
         }
+        exchange.answer = readWhole(std::move(request), 64u << 20).then(echo);
+        return exchange;
+    }
+
+    static std::unique_ptr<Message> echo(Future<std::unique_ptr<HttpRequest>> whole)
+    {
+        const auto request = whole.get();
         auto response = std::make_unique<HttpResponse>(request->path == "/empty" ? 204 : 200, "text/plain",
                                                        request->method + " " + request->body);
         if (request->path == "/empty")
@@ -116,8 +123,7 @@ private:
         response->headers.add("Content-Length", "1");
         response->headers.add("Connection", "close");
         response->headers.add("X-From", request->peerAddress + " " + std::to_string(request->localPort));
-        exchange.answer = makeReadyFuture(std::unique_ptr<Message>(std::move(response)));
-        return exchange;
+        return response;
     }
 
     std::mutex mutex_;

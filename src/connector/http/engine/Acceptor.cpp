@@ -1,5 +1,16 @@
 #include "connector/http/engine/Acceptor.h"
 
+#include <cstring>
+#include <system_error>
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ip/v6_only.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/post.hpp>
 
 #include "connector/common/Log.h"
@@ -15,11 +26,46 @@ namespace {
 /// Connections beyond the limit that may be told so at a time; more are dropped.
 constexpr std::uint64_t kMaxTurnedAway = 64;
 constexpr std::chrono::milliseconds kPauseAfterFailure{100};
+constexpr int kFreePortAttempts = 10;
 
-std::string placeText(const ServerSettings& settings)
+std::string placeText(const std::string& address, std::uint16_t port)
 {
-    const bool bracketed = settings.address.find(':') != std::string::npos;
-    return (bracketed ? "[" + settings.address + "]" : settings.address) + ":" + std::to_string(settings.port);
+    const bool bracketed = address.find(':') != std::string::npos;
+    return (bracketed ? "[" + address + "]" : address) + ":" + std::to_string(port);
+}
+
+[[noreturn]] void fail(const std::string& place, const std::string& cause)
+{
+    throw std::runtime_error("Cannot listen on " + place + ": " + cause);
+}
+
+/// Whether somebody listens there.
+bool isAlive(const asio::local::stream_protocol::endpoint& endpoint)
+{
+    asio::io_context context;
+    asio::local::stream_protocol::socket socket(context);
+    error_code error;
+    socket.connect(endpoint, error);
+    return !error;
+}
+
+bool hasIpv6Loopback()
+{
+    asio::io_context context;
+    tcp::acceptor probe(context);
+    error_code error;
+    probe.open(tcp::v6(), error);
+    if (!error)
+        probe.bind(tcp::endpoint(asio::ip::address_v6::loopback(), 0), error);
+    return !error;
+}
+
+bool isOfThisUser(Stream::Socket& socket)
+{
+    ucred peer{};
+    socklen_t length = sizeof(peer);
+    return ::getsockopt(socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
+           (peer.uid == ::geteuid() || peer.uid == 0);
 }
 
 } // namespace
@@ -29,26 +75,91 @@ Acceptor::Acceptor(std::vector<std::shared_ptr<Loop>> loops)
       pauseTimer_(loops_.front()->context())
 {}
 
-std::uint16_t Acceptor::listen()
+Acceptor::~Acceptor()
 {
-    const ServerSettings& settings = core_.settings;
-    error_code error;
-    const auto address =
-        asio::ip::make_address(settings.address == "localhost" ? "127.0.0.1" : settings.address, error);
-    if (error)
-        throw std::runtime_error("Cannot listen on " + placeText(settings) + ": not an IP address");
+    if (!unixPath_.empty())
+        ::unlink(unixPath_.c_str());
+}
 
-    const tcp::endpoint endpoint(address, settings.port);
+void Acceptor::bind(const Protocol::endpoint& endpoint, const std::string& place)
+{
+    error_code error;
     acceptor_.open(endpoint.protocol(), error);
-    if (!error)
-        acceptor_.set_option(tcp::acceptor::reuse_address(true), error);
+    if (!error && endpoint.protocol().family() != AF_UNIX)
+        acceptor_.set_option(asio::socket_base::reuse_address(true), error);
+    if (!error && endpoint.protocol().family() == AF_INET6)
+        acceptor_.set_option(asio::ip::v6_only(true), error);
     if (!error)
         acceptor_.bind(endpoint, error);
-    if (!error)
-        acceptor_.listen(settings.parameters->getMaxQueued(), error);
     if (error)
-        throw std::runtime_error("Cannot listen on " + placeText(settings) + ": " + error.message());
-    return acceptor_.local_endpoint().port();
+        fail(place, error.message());
+}
+
+std::uint16_t Acceptor::listen(const std::string& address, std::uint16_t port)
+{
+    const std::string place = placeText(address, port);
+    error_code error;
+    const auto numeric = asio::ip::make_address(address, error);
+    if (error)
+        fail(place, "not an IP address");
+    bind(tcp::endpoint(numeric, port), place);
+    acceptor_.listen(core_.settings.parameters->getMaxQueued(), error);
+    if (error)
+        fail(place, error.message());
+    const auto local = acceptor_.local_endpoint();
+    tcp::endpoint endpoint;
+    std::memcpy(endpoint.data(), local.data(), local.size());
+    return endpoint.port();
+}
+
+void Acceptor::listenUnix(const std::string& path)
+{
+    struct stat status
+    {};
+    if (path.size() >= sizeof(sockaddr_un::sun_path))
+        fail(path, "the path is too long for a socket");
+    const asio::local::stream_protocol::endpoint endpoint(path);
+    if (::lstat(path.c_str(), &status) == 0) {
+        if (!S_ISSOCK(status.st_mode) || status.st_uid != ::geteuid())
+            fail(path, "there is something else");
+        if (isAlive(endpoint))
+            fail(path, "Address already in use");
+        ::unlink(path.c_str());
+    }
+    bind(endpoint, path);
+    unixPath_ = path;
+    // Nobody can connect before it listens.
+    if (::chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0)
+        fail(path, std::generic_category().message(errno));
+    error_code error;
+    acceptor_.listen(core_.settings.parameters->getMaxQueued(), error);
+    if (error)
+        fail(path, error.message());
+}
+
+std::vector<std::shared_ptr<Acceptor>> listenAsSet(const std::vector<std::shared_ptr<Loop>>& loops, std::uint16_t& port)
+{
+    const ServerSettings& settings = loops.front()->core().settings;
+    std::vector<std::shared_ptr<Acceptor>> acceptors;
+    const auto add = [&] { return acceptors.emplace_back(std::make_shared<Acceptor>(loops)); };
+    const bool both = settings.address == "localhost";
+    for (int attempt = 0;; ++attempt) {
+        acceptors.clear();
+        port = add()->listen(both ? "127.0.0.1" : settings.address, settings.port);
+        if (!both || !hasIpv6Loopback())
+            break;
+        try {
+            add()->listen("::1", port);
+            break;
+        } catch (const std::runtime_error&) {
+            // A free port of IPv4 may be taken on IPv6.
+            if (settings.port != 0 || attempt == kFreePortAttempts)
+                throw;
+        }
+    }
+    if (!settings.unixSocket.empty())
+        add()->listenUnix(settings.unixSocket);
+    return acceptors;
 }
 
 void Acceptor::stop()
@@ -62,7 +173,7 @@ void Acceptor::acceptNext()
 {
     const auto loop = loops_[turn_++ % loops_.size()];
     acceptor_.async_accept(loop->context(),
-                           [self = shared_from_this(), loop](const error_code& error, tcp::socket socket) {
+                           [self = shared_from_this(), loop](const error_code& error, Stream::Socket socket) {
                                if (!self->acceptor_.is_open())
                                    return;
                                if (!error)
@@ -73,8 +184,11 @@ void Acceptor::acceptNext()
                            });
 }
 
-void Acceptor::accepted(tcp::socket socket, Loop& loop)
+void Acceptor::accepted(Stream::Socket socket, Loop& loop)
 {
+    const bool isUnix = !unixPath_.empty();
+    if (isUnix && !isOfThisUser(socket))
+        return;
     if (pausing_) {
         pausing_ = false;
         common::log("connector.http", common::LogLevel::warning, "Connections are accepted again.");
@@ -86,10 +200,10 @@ void Acceptor::accepted(tcp::socket socket, Loop& loop)
         return;
     // Counted from here on, so that a burst cannot slip past the limit on its way to the loops.
     auto counted = std::make_unique<ConnectionCount>(loop.sharedCore());
-    asio::post(loop.context(), [target = loop.weak_from_this(), socket = std::move(socket), welcome,
+    asio::post(loop.context(), [target = loop.weak_from_this(), socket = std::move(socket), isUnix, welcome,
                                 counted = std::move(counted)]() mutable {
         if (const auto alive = target.lock())
-            alive->adopt(std::move(socket), welcome, std::move(counted));
+            alive->adopt(std::move(socket), isUnix, welcome, std::move(counted));
     });
 }
 

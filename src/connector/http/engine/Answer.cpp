@@ -3,6 +3,7 @@
 #include "connector/common/Log.h"
 #include "connector/core/Connector.h"
 #include "connector/http/HttpText.h"
+#include "connector/http/WebSocket.h"
 
 namespace connector::http::engine {
 
@@ -30,7 +31,8 @@ std::unique_ptr<HttpResponse> takeResponse(MessageFuture& settled, const Request
         if (auto* response = dynamic_cast<HttpResponse*>(message.get())) {
             message.release();
             std::unique_ptr<HttpResponse> owned(response);
-            if (owned->status >= 200 && owned->status <= 599)
+            const bool upgrades = owned->status == 101 && owned->upgrade && owned->upgrade->endpoint;
+            if (upgrades || (owned->status >= 200 && owned->status <= 599))
                 return owned;
             return internalError("answered with status " + std::to_string(owned->status), trace, core);
         }
@@ -47,6 +49,8 @@ std::unique_ptr<HttpResponse> failureResponse(const std::exception_ptr& failure,
         std::rethrow_exception(failure);
     } catch (const UnknownServiceProvider& error) {
         return unavailable(error.what(), trace);
+    } catch (const HttpFault& fault) {
+        return refusal(trace.json, fault.status(), fault.what());
     } catch (const FutureCancelled&) {
         return refusal(trace.json, 503, "The request was cancelled.");
     } catch (const std::exception& error) {

@@ -24,6 +24,7 @@ ChunkedBody::State ChunkedBody::read(std::string_view& bytes, std::string& body)
             body.append(bytes.substr(0, count));
             bytes.remove_prefix(count);
             left_ -= count;
+            taken_ += count;
             if (left_ == 0)
                 part_ = Part::dataEnd;
             continue;
@@ -41,7 +42,7 @@ ChunkedBody::State ChunkedBody::read(std::string_view& bytes, std::string& body)
 
         State state = State::needMore;
         if (part_ == Part::size)
-            state = readSize(body.size());
+            state = readSize();
         else if (part_ == Part::trailer)
             state = readTrailer();
         else if (line_.empty())
@@ -73,7 +74,7 @@ bool ChunkedBody::takeLine(std::string_view& bytes)
     return end != std::string_view::npos;
 }
 
-ChunkedBody::State ChunkedBody::readSize(std::size_t bodySize)
+ChunkedBody::State ChunkedBody::readSize()
 {
     std::uint64_t size = 0;
     const char* const begin = line_.data();
@@ -88,7 +89,7 @@ ChunkedBody::State ChunkedBody::readSize(std::size_t bodySize)
     extensionBytes_ += extension.size();
     if (extensionBytes_ > kMaxExtensionBytes)
         return refuse(400, "More than " + std::to_string(kMaxExtensionBytes) + " bytes of chunk extensions.");
-    if (size > bodyLimit_ - std::min<std::uint64_t>(bodyLimit_, bodySize))
+    if (size > bodyLimit_ - std::min(bodyLimit_, taken_))
         return refuse(413, "The body is longer than " + std::to_string(bodyLimit_) + " bytes.");
     left_ = size;
     part_ = size == 0 ? Part::trailer : Part::data;

@@ -24,8 +24,9 @@ public:
 
     explicit ChunkedBody(std::uint64_t bodyLimit) : bodyLimit_(bodyLimit) {}
 
-    /// Takes from the front of `bytes` what it can use, appending content to `body`; what follows the body stays in
-    /// `bytes`. Not to be called again once it answered anything but needMore.
+    /// Takes from the front of `bytes` what it can use, appending content to `body`, which the caller may empty between
+    /// two calls; what follows the body stays in `bytes`. Not to be called again once it answered anything but
+    /// needMore.
     State read(std::string_view& bytes, std::string& body);
 
     const Refused& refused() const noexcept { return refused_; }
@@ -41,12 +42,13 @@ private:
 
     State refuse(unsigned status, std::string text);
     bool takeLine(std::string_view& bytes);
-    State readSize(std::size_t bodySize);
+    State readSize();
     State readTrailer();
 
     std::uint64_t bodyLimit_;
     Part part_ = Part::size;
-    std::uint64_t left_ = 0; ///< of the current chunk
+    std::uint64_t left_ = 0;  ///< of the current chunk
+    std::uint64_t taken_ = 0; ///< of content
     std::size_t extensionBytes_ = 0;
     std::size_t trailerBytes_ = 0;
     std::string line_;

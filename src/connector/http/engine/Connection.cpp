@@ -2,12 +2,18 @@
 
 #include <array>
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
 #include <boost/asio/buffer.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/write.hpp>
 
 #include "connector/common/Log.h"
-#include "connector/http/engine/Answer.h"
+#include "connector/http/WebSocket.h"
+#include "connector/http/engine/PendingBody.h"
+#include "connector/http/engine/WebSocketSession.h"
 
 namespace connector::http::engine {
 
@@ -17,34 +23,80 @@ using boost::system::error_code;
 namespace {
 
 constexpr std::size_t kBodyReadBytes = 64u << 10;
+constexpr std::size_t kUploadReadBytes = 256u << 10;
+/// A large body that comes slower than this on the whole takes too long.
+constexpr std::uint64_t kSlowestUpload = 256u << 10;
 /// Pipelined bytes that are kept while a request is served; a client that sends more waits.
 constexpr std::size_t kPipelineBytes = 16u << 10;
 constexpr std::size_t kMaxLingerBytes = 4u << 20;
+constexpr unsigned kMaxInARow = 8;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+
+/// Numeric address and port of one end of a socket; "unix" and 0 for a Unix-domain socket, "" when it is gone.
+std::pair<std::string, std::uint16_t> describe(const sockaddr_storage& end)
+{
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    if (end.ss_family == AF_INET) {
+        const auto& four = reinterpret_cast<const sockaddr_in&>(end);
+        inet_ntop(AF_INET, &four.sin_addr, text.data(), text.size());
+        return {text.data(), ntohs(four.sin_port)};
+    }
+    if (end.ss_family == AF_INET6) {
+        const auto& six = reinterpret_cast<const sockaddr_in6&>(end);
+        inet_ntop(AF_INET6, &six.sin6_addr, text.data(), text.size());
+        return {text.data(), ntohs(six.sin6_port)};
+    }
+    return {end.ss_family == AF_UNIX ? "unix" : "", 0};
+}
 
 } // namespace
 
-Connection::Connection(asio::ip::tcp::socket socket, Loop& loop, std::unique_ptr<ConnectionCount> count)
-    : loop_(loop), core_(loop.core()), count_(std::move(count)), socket_(std::move(socket))
+Connection::Connection(Stream stream, Loop& loop, std::unique_ptr<ConnectionCount> count)
+    : loop_(loop), core_(loop.core()), count_(std::move(count)), stream_(std::move(stream)), writer_(stream_, *this)
 {
-    error_code ignored;
-    socket_.set_option(asio::ip::tcp::no_delay(true), ignored);
-    const auto remote = socket_.remote_endpoint(ignored);
-    if (!ignored)
-        peerAddress_ = remote.address().to_string();
-    const auto local = socket_.local_endpoint(ignored);
-    if (!ignored)
-        localPort_ = local.port();
+    const int socket = stream_.socket().native_handle();
+    sockaddr_storage end{};
+    socklen_t length = sizeof(end);
+    if (::getpeername(socket, reinterpret_cast<sockaddr*>(&end), &length) == 0)
+        peerAddress_ = describe(end).first;
+    end = {};
+    length = sizeof(end);
+    if (::getsockname(socket, reinterpret_cast<sockaddr*>(&end), &length) == 0)
+        localPort_ = describe(end).second;
+    if (localPort_ != 0) {
+        error_code ignored;
+        stream_.socket().set_option(asio::ip::tcp::no_delay(true), ignored);
+    }
 }
 
 Connection::~Connection() = default;
 
-void Connection::start() { nextRequest(); }
-
-void Connection::turnAway()
+void Connection::start(bool welcome)
 {
-    closing_ = true;
-    respond(refusal(false, 503, "Too many connections."));
+    if (!welcome) {
+        if (stream_.isTls())
+            return close();
+        closing_ = true;
+        respond(refusal(false, 503, "Too many connections."));
+    } else if (stream_.isTls()) {
+        shakeHands();
+    } else {
+        nextRequest();
+    }
+}
+
+void Connection::shakeHands()
+{
+    state_ = State::handshaking;
+    setDeadline(core_.settings.headTimeout);
+    stream_.handshake([self = self()](const error_code& error) {
+        if (self->state_ != State::handshaking)
+            return;
+        if (error)
+            self->close();
+        else
+            self->nextRequest();
+    });
 }
 
 void Connection::stop()
@@ -78,8 +130,8 @@ void Connection::close()
     if (direct_)
         direct_->revoke();
     bodyHold_.reset();
-    error_code ignored;
-    socket_.close(ignored);
+    writer_.abandon();
+    stream_.close();
     loop_.remove(*this);
     abandonExchange();
 }
@@ -88,7 +140,9 @@ bool Connection::isLate(Clock::time_point now) const noexcept
 {
     if (now >= deadline_)
         return true;
-    if (state_ != State::readingBody || now - bodyBegin_ < core_.settings.bodyRateGrace)
+    if (state_ == State::writing)
+        return writer_.isLate(now, core_.writeTimeout, core_.settings.minBodyRate);
+    if (!isReceiving() || now - bodyBegin_ < core_.settings.bodyRateGrace)
         return false;
     const auto seconds = std::chrono::duration<double>(now - bodyBegin_).count();
     return static_cast<double>(bodyBytes_) < seconds * static_cast<double>(core_.settings.minBodyRate);
@@ -100,6 +154,8 @@ void Connection::giveUp()
         refuse({408, "The request head took too long."});
     else if (state_ == State::readingBody)
         refuse({408, "The request body took too long."});
+    else if (upload_)
+        failUpload({408, "The request body took too long."});
     else
         close();
 }
@@ -110,7 +166,8 @@ void Connection::nextRequest()
     headBegun_ = false;
     isHead_ = false;
     reader_.emplace(core_.limits);
-    chunks_.reset();
+    body_.reset();
+    upgradeAsked_.reset();
     if (!readPending_)
         buffer_.shrink();
     setDeadline(requestNumber_ == 0 ? core_.settings.headTimeout : core_.idleTimeout);
@@ -125,6 +182,7 @@ void Connection::readHead()
     }
     switch (reader_->read(buffer_.view())) {
     case RequestHeadReader::State::needMore:
+        inARow_ = 0;
         watch(core_.limits.headBytes);
         break;
     case RequestHeadReader::State::complete:
@@ -146,8 +204,11 @@ void Connection::beginBody()
     const int perConnection = core_.settings.parameters->getMaxKeepAliveRequests();
     const bool last = perConnection > 0 && requestNumber_ >= static_cast<std::uint64_t>(perConnection);
     closing_ = !head.keepAlive || last;
-    keepAliveAsked_ = head.minorVersion == 0 && head.keepAlive;
+    http10_ = head.minorVersion == 0;
+    keepAliveAsked_ = http10_ && head.keepAlive;
     isHead_ = head.method == "HEAD";
+    continueAsked_ = head.expectsContinue && (head.chunked || head.contentLength > 0) && buffer_.size() == 0;
+    body_.emplace(head, core_.limits.bodyBytes);
 
     request_ = std::make_unique<HttpRequest>();
     request_->method = std::move(head.method);
@@ -158,16 +219,21 @@ void Connection::beginBody()
     request_->headers = std::move(head.headers);
     request_->peerAddress = peerAddress_;
     request_->localPort = localPort_;
+    request_->secure = stream_.isTls();
     request_->keepAlive = head.keepAlive;
+    if (asksForWebSocket(*request_))
+        upgradeAsked_ = UpgradeAsked{request_->target, request_->authority, request_->headers.get("Sec-WebSocket-Key"),
+                                     request_->headers.get("Sec-WebSocket-Extensions")};
 
-    bodyLeft_ = head.contentLength;
     bodyBytes_ = 0;
+    bodyComplete_ = false;
+    bodyBegun_.clear();
     bodyBegin_ = Clock::now();
-    if (head.chunked)
-        chunks_.emplace(core_.limits.bodyBytes);
     state_ = State::readingBody;
     deadline_ = bodyBegin_ + core_.settings.bodyTimeout;
-    if (head.expectsContinue && (head.chunked || head.contentLength > 0) && buffer_.size() == 0)
+    if (body_->announced().value_or(0) > core_.settings.memoryBodyBytes)
+        makeLarge();
+    else if (continueAsked_)
         sendContinue();
     else
         readBody();
@@ -176,11 +242,12 @@ void Connection::beginBody()
 void Connection::sendContinue()
 {
     state_ = State::sendingContinue;
-    asio::async_write(socket_, asio::buffer(kContinue), [self = shared_from_this()](const error_code& error, auto) {
+    asio::async_write(stream_, asio::buffer(kContinue), [self = self()](const error_code& error, auto) {
         if (self->state_ != State::sendingContinue)
             return;
         if (error)
             return self->close();
+        self->continueAsked_ = false;
         self->state_ = State::readingBody;
         if (self->loop_.isStopping())
             self->stop();
@@ -193,42 +260,152 @@ void Connection::readBody()
 {
     std::string_view bytes = buffer_.view();
     const auto before = bytes.size();
-    bool complete = false;
-    if (chunks_) {
-        const auto result = chunks_->read(bytes, request_->body);
-        if (result == ChunkedBody::State::refused)
-            return refuse(chunks_->refused());
-        complete = result == ChunkedBody::State::complete;
-    } else {
-        const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(bodyLeft_, bytes.size()));
-        std::string& body = request_->body;
-        // Room follows what has arrived, not what was announced; the last step is exact.
-        if (body.capacity() < body.size() + count)
-            body.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(
-                body.size() + bodyLeft_, std::max<std::uint64_t>(body.size() + count, body.capacity() * 2))));
-        body.append(bytes.substr(0, count));
-        bytes.remove_prefix(count);
-        bodyLeft_ -= count;
-        complete = bodyLeft_ == 0;
-    }
+    std::string_view content;
+    const auto result = body_->read(bytes, content);
     bodyBytes_ += before - bytes.size();
+    if (result == BodyReader::State::refused)
+        return refuse(body_->refused());
+    const bool kept = keepBody(content);
     buffer_.consume(before - bytes.size());
-    if (!holdBody())
+    bodyComplete_ = result == BodyReader::State::complete;
+    if (!kept)
         refuse({503, "Too many large requests at a time."});
-    else if (complete)
+    else if (request_->body.size() > core_.settings.memoryBodyBytes && !bodyComplete_)
+        makeLarge();
+    else if (bodyComplete_)
         serve();
     else
         watch(kBodyReadBytes);
 }
 
 /// Counts what has arrived of the body; false when all bodies together are too large.
-bool Connection::holdBody()
+bool Connection::keepBody(std::string_view content)
 {
-    if (request_->body.empty())
+    if (content.empty())
         return true;
+    std::string& body = request_->body;
+    // Room follows what has arrived, not what was announced; the last step is exact.
+    if (body.capacity() < body.size() + content.size() && body_->announced())
+        body.reserve(static_cast<std::size_t>(
+            std::min<std::uint64_t>(body.size() + content.size() + body_->left(),
+                                    std::max<std::uint64_t>(body.size() + content.size(), body.capacity() * 2))));
+    body.append(content);
     if (!bodyHold_)
         bodyHold_ = std::make_shared<BodyHold>(loop_.sharedCore());
-    return bodyHold_->growTo(request_->body.size());
+    return bodyHold_->growTo(body.size());
+}
+
+/// Has the request served before its body is there; who wants the body asks for it.
+void Connection::makeLarge()
+{
+    bodyBegun_ = std::move(request_->body);
+    request_->body.clear();
+    request_->largeBody =
+        std::make_shared<PendingBody>(self(), loop_.weak_from_this(), requestNumber_, body_->announced());
+    serve();
+}
+
+void Connection::receiveBody(std::uint64_t requestNumber, std::uint64_t maxBytes, Promise<SpooledBody> promise)
+{
+    const bool served = state_ == State::serving && requestNumber_ == requestNumber && !deferred_;
+    if (!served || upload_ || bodyComplete_)
+        promise.setException(FutureCancelled());
+    else if (body_->announced().value_or(0) > maxBytes)
+        promise.setException(HttpFault(413, "The request body is too large."));
+    else
+        beginUpload(std::move(promise), maxBytes);
+}
+
+void Connection::beginUpload(Promise<SpooledBody> promise, std::uint64_t maxBytes)
+{
+    upload_.emplace(Upload{std::move(promise), nullptr, maxBytes});
+    try {
+        upload_->file = std::make_shared<SpoolFile>(loop_.sharedCore());
+        upload_->file->append(bodyBegun_);
+    } catch (const HttpFault& fault) {
+        return failUpload({fault.status(), fault.what()});
+    }
+    bodyBegun_ = {};
+    bodyHold_.reset();
+    bodyBegin_ = Clock::now();
+    bodyBytes_ = 0;
+    const std::uint64_t most = body_->announced().value_or(std::min(maxBytes, core_.limits.bodyBytes));
+    setDeadline(core_.settings.bodyTimeout + std::chrono::seconds(most / kSlowestUpload));
+    if (continueAsked_)
+        sendContinueForUpload();
+    else
+        readUpload();
+}
+
+void Connection::sendContinueForUpload()
+{
+    continueAsked_ = false;
+    continuePending_ = true;
+    asio::async_write(stream_, asio::buffer(kContinue), [self = self()](const error_code& error, auto) {
+        self->continuePending_ = false;
+        if (self->state_ == State::closed)
+            return;
+        if (error)
+            return self->close();
+        if (self->deferred_)
+            return self->respond(std::move(self->deferred_));
+        if (self->upload_)
+            self->readUpload();
+    });
+}
+
+void Connection::readUpload()
+{
+    std::string_view bytes = buffer_.view();
+    const auto before = bytes.size();
+    std::string_view content;
+    const auto result = body_->read(bytes, content);
+    bodyBytes_ += before - bytes.size();
+    if (result == BodyReader::State::refused)
+        return failUpload(body_->refused());
+    if (upload_->file->size() + content.size() > upload_->maxBytes)
+        return failUpload({413, "The request body is too large."});
+    try {
+        upload_->file->append(content);
+    } catch (const HttpFault& fault) {
+        return failUpload({fault.status(), fault.what()});
+    }
+    buffer_.consume(before - bytes.size());
+    if (result == BodyReader::State::complete)
+        endUpload();
+    else
+        watch(kUploadReadBytes);
+}
+
+void Connection::endUpload()
+{
+    bodyComplete_ = true;
+    clearDeadline();
+    const auto file = upload_->file;
+    auto promise = std::move(upload_->promise);
+    upload_.reset();
+    buffer_.shrink();
+    watch(kPipelineBytes);
+    promise.setValue({std::shared_ptr<const common::FileDescriptor>(file, &file->descriptor()), file->size()});
+}
+
+void Connection::failUpload(const Refused& refused)
+{
+    ++core_.refusedRequests;
+    clearDeadline();
+    auto promise = std::move(upload_->promise);
+    upload_.reset();
+    promise.setException(HttpFault(refused.status, refused.text));
+}
+
+/// Nobody waits for the body any more, or it will not come.
+void Connection::dropUpload()
+{
+    if (!upload_)
+        return;
+    auto promise = std::move(upload_->promise);
+    upload_.reset();
+    promise.setException(FutureCancelled());
 }
 
 void Connection::serve()
@@ -243,6 +420,7 @@ void Connection::serve()
     }
 
     RequestTrace trace{request_->method + " " + request_->path, prefersJson(request_->headers)};
+    const bool large = request_->largeBody != nullptr;
     inFlight_ = true;
     ++core_.requests;
     ++core_.requestsInFlight;
@@ -253,8 +431,9 @@ void Connection::serve()
             response = takeResponse(exchange.answer, trace, core_);
         } else {
             cancellation_ = std::move(exchange.cancellation);
-            direct_ = std::make_shared<DirectAnswer>(
-                DirectAnswer::Terms{socket_.native_handle(), closing_, keepAliveAsked_, isHead_});
+            // The answer to a request whose body is still on its way depends on how much of it came.
+            if (!stream_.isTls() && !large)
+                direct_ = std::make_shared<DirectAnswer>(stream_.socket().native_handle(), terms());
             pending_ = exchange.answer.then(answerLater(trace));
         }
     } catch (...) {
@@ -263,7 +442,7 @@ void Connection::serve()
     if (response) {
         endExchange();
         respond(std::move(response));
-    } else {
+    } else if (!large) {
         watch(kPipelineBytes);
     }
 }
@@ -272,7 +451,7 @@ void Connection::serve()
 /// connection nor its loop when the server was closed meanwhile.
 std::function<bool(MessageFuture)> Connection::answerLater(const RequestTrace& trace)
 {
-    return [weak = weak_from_this(), weakLoop = loop_.weak_from_this(), direct = direct_, hold = bodyHold_,
+    return [weak = std::weak_ptr(self()), weakLoop = loop_.weak_from_this(), direct = direct_, hold = bodyHold_,
             number = requestNumber_, trace](MessageFuture settled) {
         const auto loop = weakLoop.lock();
         if (!loop)
@@ -280,7 +459,7 @@ std::function<bool(MessageFuture)> Connection::answerLater(const RequestTrace& t
         auto response = takeResponse(settled, trace, loop->core());
         if (hold)
             hold->release();
-        auto sent = direct->send(*response);
+        auto sent = direct ? direct->send(*response) : DirectAnswer::Sent();
         asio::post(loop->context(), [weak, number, response = std::move(response), sent = std::move(sent)]() mutable {
             const auto self = weak.lock();
             if (!self || self->state_ != State::serving || self->requestNumber_ != number)
@@ -300,16 +479,27 @@ void Connection::refuse(const Refused& refused)
     respond(refusal(false, refused.status, refused.text));
 }
 
+ResponseTerms Connection::terms() const noexcept { return {closing_, keepAliveAsked_, isHead_, http10_}; }
+
 void Connection::respond(std::unique_ptr<HttpResponse> response)
 {
+    if (continuePending_) {
+        deferred_ = std::move(response);
+        return;
+    }
     state_ = State::writing;
     bodyHold_.reset();
-    closing_ = closing_ || loop_.isStopping();
-    response_ = std::move(response);
-    head_ = writeHead(*response_, loop_.date(), closing_, keepAliveAsked_);
-    written_ = 0;
-    toWrite_ = head_.size() + bodyBytesToSend(*response_, isHead_);
-    writeSome();
+    dropUpload();
+    bodyBegun_ = {};
+    if (response->upgrade)
+        return upgrade(*response);
+    // What is left of a body that nobody wanted cannot be told from a next request without reading it.
+    const bool unread = body_ && !bodyComplete_;
+    const bool untilEnd = response->producer && http10_;
+    closing_ = closing_ || unread || untilEnd || loop_.isStopping();
+    keepAliveAsked_ = keepAliveAsked_ && !closing_;
+    auto head = writeHead(*response, loop_.date(), terms());
+    write(std::move(response), std::move(head), 0);
 }
 
 /// Goes on behind what the thread that had the answer has sent of it.
@@ -318,42 +508,106 @@ void Connection::answered(std::unique_ptr<HttpResponse> response, DirectAnswer::
     if (sent.bytes == 0)
         return respond(std::move(response));
     state_ = State::writing;
-    response_ = std::move(response);
     bodyHold_.reset();
-    head_ = std::move(sent.head);
-    written_ = sent.bytes;
-    toWrite_ = head_.size() + bodyBytesToSend(*response_, isHead_);
-    if (written_ == toWrite_)
+    write(std::move(response), std::move(sent.head), sent.bytes);
+}
+
+void Connection::write(std::unique_ptr<HttpResponse> response, std::string head, std::size_t alreadySent)
+{
+    clearDeadline();
+    const auto progress = writer_.start(std::move(response), std::move(head), terms(), alreadySent);
+    if (progress == ResponseWriter::Progress::done && ++inARow_ > kMaxInARow) {
+        inARow_ = 0;
+        asio::post(stream_.get_executor(), [self = self()] {
+            if (self->state_ == State::writing)
+                self->responseWritten();
+        });
+    } else if (progress != ResponseWriter::Progress::waiting) {
+        responseProgress(progress);
+    }
+}
+
+void Connection::responseProgress(ResponseWriter::Progress progress)
+{
+    if (state_ != State::writing)
+        return;
+    if (progress == ResponseWriter::Progress::done) {
         responseWritten();
-    else
-        writeSome();
+    } else {
+        stream_.reset();
+        close();
+    }
 }
 
 void Connection::responseWritten()
 {
-    response_.reset();
-    head_.clear();
     if (closing_ || loop_.isStopping())
         linger();
     else
         nextRequest();
 }
 
+/// Hands socket and place in the count to a WebSocket; this connection is over then.
+void Connection::upgrade(const HttpResponse& response)
+{
+    if (!upgradeAsked_ || loop_.isStopping() || http10_ || !bodyComplete_) {
+        closing_ = true;
+        return respond(refusal(false, 400, "The request does not ask for a WebSocket."));
+    }
+    if (readPending_) {
+        // One read is outstanding; what it brings belongs to the WebSocket.
+        deferred_ = std::make_unique<HttpResponse>(101);
+        deferred_->headers = response.headers;
+        deferred_->upgrade = response.upgrade;
+        error_code ignored;
+        stream_.socket().cancel(ignored);
+        return;
+    }
+    const auto self = shared_from_this();
+    state_ = State::closed;
+    stream_.putBack(buffer_.view());
+    loop_.remove(*this);
+    startWebSocket(std::move(stream_), loop_, std::move(count_), *upgradeAsked_, response);
+}
+
 /// Closes our side and waits for the client to close its own: a socket closed with unread bytes would tear down the
 /// answer on its way.
 void Connection::linger()
 {
-    error_code ignored;
-    socket_.shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
-    if (peerClosed_ || loop_.isStopping())
-        return close();
     state_ = State::lingering;
     bodyBytes_ = 0;
     setDeadline(core_.settings.lingerTimeout);
-    if (!readPending_) {
-        buffer_.consume(buffer_.size());
-        watch(kPipelineBytes);
-    }
+    stream_.finishSending([self = self()] {
+        if (self->state_ != State::lingering)
+            return;
+        if (self->peerClosed_ || self->loop_.isStopping())
+            return self->close();
+        if (self->stream_.isTls() && self->readPending_) {
+            error_code ignored;
+            self->stream_.socket().cancel(ignored);
+        } else if (!self->readPending_) {
+            self->drain();
+        }
+    });
+}
+
+/// Past TLS: what the client still sends does not matter.
+void Connection::drain()
+{
+    buffer_.consume(buffer_.size());
+    buffer_.makeRoom(kPipelineBytes);
+    readPending_ = true;
+    stream_.socket().async_read_some(asio::buffer(buffer_.room(), buffer_.roomBytes()),
+                                     [self = self()](const error_code& error, std::size_t count) {
+                                         self->readPending_ = false;
+                                         self->bodyBytes_ += count;
+                                         if (self->state_ != State::lingering)
+                                             return;
+                                         if (error || self->bodyBytes_ > kMaxLingerBytes)
+                                             self->close();
+                                         else
+                                             self->drain();
+                                     });
 }
 
 /// The answer is there: nobody is left to be told that the client goes.
@@ -373,6 +627,7 @@ void Connection::abandonExchange()
     inFlight_ = false;
     --core_.requestsInFlight;
     direct_.reset();
+    dropUpload();
     const auto token = std::move(cancellation_);
     auto pending = std::move(pending_);
     try {
@@ -391,16 +646,16 @@ void Connection::watch(std::size_t limit)
     if (readPending_)
         return;
     if (peerClosed_) {
-        if (state_ == State::readingHead || state_ == State::readingBody)
+        if (state_ == State::readingHead || isReceiving())
             close();
         return;
     }
     if (!buffer_.makeRoom(limit))
         return;
     readPending_ = true;
-    socket_.async_read_some(
+    stream_.async_read_some(
         asio::buffer(buffer_.room(), buffer_.roomBytes()),
-        [self = shared_from_this()](const error_code& error, std::size_t count) { self->onRead(error, count); });
+        [self = self()](const error_code& error, std::size_t count) { self->onRead(error, count); });
 }
 
 void Connection::onRead(const error_code& error, std::size_t count)
@@ -408,9 +663,15 @@ void Connection::onRead(const error_code& error, std::size_t count)
     readPending_ = false;
     if (state_ == State::closed)
         return;
+    if (!error)
+        buffer_.commit(count);
+    if (state_ == State::lingering) // with TLS, whose end may have ended this read
+        return drain();
+    if (state_ == State::writing && deferred_ && deferred_->upgrade &&
+        (!error || error == asio::error::operation_aborted))
+        return upgrade(*std::exchange(deferred_, nullptr));
     if (error)
-        return onPeerClosed(error != asio::error::eof);
-    buffer_.commit(count);
+        return onPeerClosed(error != asio::error::eof && error != asio::ssl::error::stream_truncated);
     switch (state_) {
     case State::readingHead:
         readHead();
@@ -419,13 +680,8 @@ void Connection::onRead(const error_code& error, std::size_t count)
         readBody();
         break;
     case State::serving:
-        watch(kPipelineBytes);
-        break;
-    case State::lingering:
-        bodyBytes_ += buffer_.size();
-        buffer_.consume(buffer_.size());
-        if (bodyBytes_ > kMaxLingerBytes)
-            close();
+        if (upload_)
+            readUpload();
         else
             watch(kPipelineBytes);
         break;
@@ -437,7 +693,7 @@ void Connection::onRead(const error_code& error, std::size_t count)
 void Connection::onPeerClosed(bool broken)
 {
     peerClosed_ = true;
-    const bool answering = state_ == State::serving || state_ == State::writing;
+    const bool answering = (state_ == State::serving && !upload_) || state_ == State::writing;
     if (broken || !answering)
         return close();
     if (state_ == State::serving) {
@@ -446,29 +702,6 @@ void Connection::onPeerClosed(bool broken)
         if (cancellation_)
             cancellation_->cancel();
     }
-}
-
-void Connection::writeSome()
-{
-    setDeadline(core_.writeTimeout);
-    std::array<asio::const_buffer, 2> buffers;
-    if (written_ < head_.size()) {
-        buffers[0] = asio::buffer(head_) + written_;
-        buffers[1] = asio::buffer(response_->body.data(), toWrite_ - head_.size());
-    } else {
-        buffers[0] = asio::buffer(response_->body.data(), toWrite_ - head_.size()) + (written_ - head_.size());
-    }
-    socket_.async_write_some(buffers, [self = shared_from_this()](const error_code& error, std::size_t count) {
-        if (self->state_ != State::writing)
-            return;
-        if (error)
-            return self->close();
-        self->written_ += count;
-        if (self->written_ < self->toWrite_)
-            self->writeSome();
-        else
-            self->responseWritten();
-    });
 }
 
 } // namespace connector::http::engine

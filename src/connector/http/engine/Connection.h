@@ -7,44 +7,48 @@
 #include <optional>
 #include <string>
 
-#include <boost/asio/ip/tcp.hpp>
-
 #include "connector/http/engine/Answer.h"
-#include "connector/http/engine/ChunkedBody.h"
+#include "connector/http/engine/BodyReader.h"
 #include "connector/http/engine/DirectAnswer.h"
 #include "connector/http/engine/Loop.h"
+#include "connector/http/engine/Peer.h"
 #include "connector/http/engine/ReadBuffer.h"
 #include "connector/http/engine/RequestHead.h"
+#include "connector/http/engine/ResponseWriter.h"
+#include "connector/http/engine/SpoolFile.h"
+#include "connector/http/engine/Stream.h"
+#include "connector/http/engine/UpgradeAsked.h"
 
 namespace connector::http::engine {
 
 /// One client's connection: reads a request, has it served, writes the answer, and starts anew; one request at a time,
 /// so that pipelined requests are answered in order. All of it runs on the thread of its loop, which outlives it; only
 /// the answer itself may be written by the thread that has it (DirectAnswer).
-class Connection final : public std::enable_shared_from_this<Connection>
+class Connection final : public Peer, public ResponseWriter::Owner
 {
 public:
-    using Clock = std::chrono::steady_clock;
+    Connection(Stream stream, Loop& loop, std::unique_ptr<ConnectionCount> count);
+    ~Connection() override;
 
-    Connection(boost::asio::ip::tcp::socket socket, Loop& loop, std::unique_ptr<ConnectionCount> count);
-    ~Connection();
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
+    /// One that is not welcome gets 503 without being read.
+    void start(bool welcome);
+    /// For the large body of request `requestNumber`, if that is still served.
+    void receiveBody(std::uint64_t requestNumber, std::uint64_t maxBytes, Promise<SpooledBody> promise);
 
-    void start();
-    /// Answers 503 without reading anything, and closes.
-    void turnAway();
-    /// The server stops: closes now, or after the answer to the request at work, which is 503.
-    void stop();
-    void close();
+    /// Closes now, or after the answer to the request at work, which is 503.
+    void stop() override;
+    void close() override;
+    bool isLate(Clock::time_point now) const noexcept override;
+    void giveUp() override;
 
-    bool isLate(Clock::time_point now) const noexcept;
-    /// What happens to a late one.
-    void giveUp();
+    std::shared_ptr<ResponseWriter::Owner> ownerPtr() override { return self(); }
+    std::weak_ptr<Loop> weakLoop() override { return loop_.weak_from_this(); }
+    void responseProgress(ResponseWriter::Progress progress) override;
 
 private:
     enum class State
     {
+        handshaking,
         readingHead,
         sendingContinue,
         readingBody,
@@ -54,26 +58,49 @@ private:
         closed
     };
 
+    /// Where a large body goes.
+    struct Upload
+    {
+        Promise<SpooledBody> promise;
+        std::shared_ptr<SpoolFile> file;
+        std::uint64_t maxBytes = 0;
+    };
+
+    std::shared_ptr<Connection> self() { return std::static_pointer_cast<Connection>(shared_from_this()); }
+    void shakeHands();
+
     void nextRequest();
     void readHead();
     void beginBody();
     void sendContinue();
     void readBody();
-    bool holdBody();
+    bool keepBody(std::string_view content);
+    void beginUpload(Promise<SpooledBody> promise, std::uint64_t maxBytes);
+    void sendContinueForUpload();
+    void readUpload();
+    void endUpload();
+    void failUpload(const Refused& refused);
+    void dropUpload();
+    bool isReceiving() const noexcept { return state_ == State::readingBody || upload_; }
+
     void serve();
+    void makeLarge();
     std::function<bool(MessageFuture)> answerLater(const RequestTrace& trace);
     void refuse(const Refused& refused);
     void respond(std::unique_ptr<HttpResponse> response);
     void answered(std::unique_ptr<HttpResponse> response, DirectAnswer::Sent sent);
+    void write(std::unique_ptr<HttpResponse> response, std::string head, std::size_t alreadySent);
     void responseWritten();
+    void upgrade(const HttpResponse& response);
+    ResponseTerms terms() const noexcept;
     void linger();
+    void drain();
     void endExchange();
     void abandonExchange();
 
     void watch(std::size_t limit);
     void onRead(const boost::system::error_code& error, std::size_t count);
     void onPeerClosed(bool broken);
-    void writeSome();
 
     void setDeadline(std::chrono::milliseconds fromNow) { deadline_ = Clock::now() + fromNow; }
     void clearDeadline() noexcept { deadline_ = Clock::time_point::max(); }
@@ -81,7 +108,7 @@ private:
     Loop& loop_;
     ServerCore& core_;
     std::unique_ptr<ConnectionCount> count_;
-    boost::asio::ip::tcp::socket socket_;
+    Stream stream_;
     std::string peerAddress_;
     std::uint16_t localPort_ = 0;
 
@@ -92,27 +119,32 @@ private:
     bool peerClosed_ = false; ///< sent its last byte
     bool headBegun_ = false;
     std::uint64_t requestNumber_ = 0;
+    unsigned inARow_ = 0; ///< responses written without leaving the stack
     ReadBuffer buffer_;
 
     std::optional<RequestHeadReader> reader_;
     std::unique_ptr<HttpRequest> request_;
-    std::optional<ChunkedBody> chunks_;
-    std::uint64_t bodyLeft_ = 0;
+    std::optional<BodyReader> body_;
+    bool bodyComplete_ = false;
+    bool continueAsked_ = false;
+    bool continuePending_ = false;       ///< "100 Continue" is being written while the request is served
     std::uint64_t bodyBytes_ = 0;        ///< as received, for the rate
-    std::shared_ptr<BodyHold> bodyHold_; ///< null for a request without a body
+    std::shared_ptr<BodyHold> bodyHold_; ///< null for a request without a body in memory
     Clock::time_point bodyBegin_;
+    std::string bodyBegun_; ///< what arrived of a chunked body before it became a large one
+    std::optional<Upload> upload_;
 
     bool isHead_ = false;
+    bool http10_ = false;
     bool keepAliveAsked_ = false;
     bool inFlight_ = false;
+    std::optional<UpgradeAsked> upgradeAsked_;
     std::shared_ptr<CancellationToken> cancellation_;
     std::shared_ptr<DirectAnswer> direct_;
-    Future<bool> pending_; ///< of the continuation that brings the answer
+    Future<bool> pending_;                   ///< of the continuation that brings the answer
+    std::unique_ptr<HttpResponse> deferred_; ///< waits for "100 Continue" to be written
 
-    std::unique_ptr<HttpResponse> response_;
-    std::string head_;
-    std::size_t written_ = 0;
-    std::size_t toWrite_ = 0;
+    ResponseWriter writer_;
 };
 
 } // namespace connector::http::engine

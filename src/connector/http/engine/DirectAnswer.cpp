@@ -6,22 +6,27 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
-#include "connector/http/engine/ResponseHead.h"
-
 namespace connector::http::engine {
 
-std::size_t bodyBytesToSend(const HttpResponse& response, bool withoutBody) noexcept
+namespace {
+
+bool isText(const HttpResponse& response) noexcept
 {
-    return withoutBody || !hasBody(response.status) ? 0 : response.body.size();
+    return response.parts.empty() && !response.producer && !response.upgrade;
 }
+
+} // namespace
 
 DirectAnswer::Sent DirectAnswer::send(const HttpResponse& response)
 {
+    if (!isText(response))
+        return {};
+    const bool withBody = !terms_.withoutBody && hasBody(response.status);
     Sent sent;
-    sent.head = writeHead(response, DateText().at(std::time(nullptr)), terms_.closing, terms_.keepAliveAsked);
+    sent.head = writeHead(response, DateText().at(std::time(nullptr)), terms_);
     std::array<iovec, 2> parts{{
         {sent.head.data(), sent.head.size()},
-        {const_cast<char*>(response.body.data()), bodyBytesToSend(response, terms_.withoutBody)},
+        {const_cast<char*>(response.body.data()), withBody ? response.body.size() : 0},
     }};
     msghdr message{};
     message.msg_iov = parts.data();
@@ -30,7 +35,7 @@ DirectAnswer::Sent DirectAnswer::send(const HttpResponse& response)
     std::lock_guard lock(mutex_);
     if (state_ != State::open)
         return {};
-    const auto count = ::sendmsg(terms_.socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    const auto count = ::sendmsg(socket_, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count <= 0)
         return {}; // the connection tries again, or finds out why not
     state_ = State::sent;

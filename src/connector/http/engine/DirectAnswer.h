@@ -5,6 +5,7 @@
 #include <string>
 
 #include "connector/http/HttpMessage.h"
+#include "connector/http/engine/ResponseHead.h"
 
 namespace connector::http::engine {
 
@@ -14,24 +15,16 @@ namespace connector::http::engine {
 class DirectAnswer
 {
 public:
-    /// What the head needs to know. `socket` stays open until `revoke`.
-    struct Terms
-    {
-        int socket;
-        bool closing;
-        bool keepAliveAsked;
-        bool withoutBody; ///< the request was HEAD
-    };
-
     struct Sent
     {
         std::string head;
         std::size_t bytes = 0; ///< of head and body; 0: nothing was sent, nor will be
     };
 
-    explicit DirectAnswer(Terms terms) : terms_(terms) {}
+    /// `socket` stays open until `revoke`, and is not one that speaks TLS.
+    DirectAnswer(int socket, const ResponseTerms& terms) : socket_(socket), terms_(terms) {}
 
-    /// Sends what the socket takes at once. Any thread, once.
+    /// Sends what the socket takes at once; nothing of a body that is not all text. Any thread, once.
     Sent send(const HttpResponse& response);
 
     /// The connection's thread: nothing is sent from now on. False when something was.
@@ -45,12 +38,10 @@ private:
         sent
     };
 
-    const Terms terms_;
+    const int socket_;
+    const ResponseTerms terms_;
     std::mutex mutex_; ///< held while sending, which does not block
     State state_ = State::open;
 };
-
-/// How many bytes of body go out with a response.
-std::size_t bodyBytesToSend(const HttpResponse& response, bool withoutBody) noexcept;
 
 } // namespace connector::http::engine

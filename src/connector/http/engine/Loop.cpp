@@ -2,6 +2,7 @@
 
 #include "connector/common/Log.h"
 #include "connector/http/engine/Connection.h"
+#include "connector/http/engine/Peer.h"
 
 namespace connector::http::engine {
 
@@ -40,22 +41,26 @@ void Loop::run()
     }
 }
 
-void Loop::adopt(asio::ip::tcp::socket socket, bool welcome, std::unique_ptr<ConnectionCount> count)
+void Loop::adopt(Stream::Socket socket, bool isUnix, bool welcome, std::unique_ptr<ConnectionCount> count)
 {
     if (stopping_)
         return;
-    auto connection = std::make_shared<Connection>(std::move(socket), *this, std::move(count));
-    connections_.emplace(connection.get(), connection);
-    if (welcome)
-        connection->start();
-    else
-        connection->turnAway();
+    Stream stream(std::move(socket), isUnix ? nullptr : core_->tls.get());
+    auto connection = std::make_shared<Connection>(std::move(stream), *this, std::move(count));
+    add(connection);
+    connection->start(welcome);
 }
 
-void Loop::remove(Connection& connection)
+void Loop::add(std::shared_ptr<Peer> peer)
 {
-    connections_.erase(&connection);
-    if (stopping_ && connections_.empty())
+    Peer* const key = peer.get();
+    peers_.emplace(key, std::move(peer));
+}
+
+void Loop::remove(Peer& peer)
+{
+    peers_.erase(&peer);
+    if (stopping_ && peers_.empty())
         stopTimer_.cancel();
 }
 
@@ -66,21 +71,21 @@ void Loop::stop()
     stopping_ = true;
     sweepTimer_.cancel();
 
-    std::vector<std::shared_ptr<Connection>> open;
-    open.reserve(connections_.size());
-    for (const auto& [key, connection] : connections_)
-        open.push_back(connection);
-    for (const auto& connection : open)
-        connection->stop();
+    std::vector<std::shared_ptr<Peer>> open;
+    open.reserve(peers_.size());
+    for (const auto& [key, peer] : peers_)
+        open.push_back(peer);
+    for (const auto& peer : open)
+        peer->stop();
 
-    if (!connections_.empty()) {
+    if (!peers_.empty()) {
         stopTimer_.expires_after(core_->settings.stopTimeout);
         stopTimer_.async_wait([this](const boost::system::error_code& error) {
             if (error)
                 return;
-            while (!connections_.empty()) {
-                const auto connection = connections_.begin()->second;
-                connection->close();
+            while (!peers_.empty()) {
+                const auto peer = peers_.begin()->second;
+                peer->close();
             }
         });
     }
@@ -101,13 +106,13 @@ void Loop::sweepLater()
 void Loop::sweep()
 {
     const auto now = std::chrono::steady_clock::now();
-    std::vector<std::shared_ptr<Connection>> late;
-    for (const auto& [key, connection] : connections_) {
-        if (connection->isLate(now))
-            late.push_back(connection);
+    std::vector<std::shared_ptr<Peer>> late;
+    for (const auto& [key, peer] : peers_) {
+        if (peer->isLate(now))
+            late.push_back(peer);
     }
-    for (const auto& connection : late)
-        connection->giveUp();
+    for (const auto& peer : late)
+        peer->giveUp();
 }
 
 } // namespace connector::http::engine

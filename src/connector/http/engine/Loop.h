@@ -7,17 +7,17 @@
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 #include "connector/http/engine/ResponseHead.h"
 #include "connector/http/engine/ServerCore.h"
+#include "connector/http/engine/Stream.h"
 
 namespace connector::http::engine {
 
-class Connection;
+class Peer;
 
-/// One I/O thread's share of the connections. A connection stays with its loop, so that none of its state is locked.
+/// One I/O thread's share of the clients. A client stays with its loop, so that none of its state is locked.
 /// Everything but `context` and `run` belongs to the loop's own thread.
 class Loop final : public std::enable_shared_from_this<Loop>
 {
@@ -37,8 +37,10 @@ public:
     bool isStopping() const noexcept { return stopping_; }
 
     /// `welcome` is false for a connection beyond the limit, which gets 503.
-    void adopt(boost::asio::ip::tcp::socket socket, bool welcome, std::unique_ptr<ConnectionCount> count);
-    void remove(Connection& connection);
+    void adopt(Stream::Socket socket, bool isUnix, bool welcome, std::unique_ptr<ConnectionCount> count);
+    /// A connection that became something else.
+    void add(std::shared_ptr<Peer> peer);
+    void remove(Peer& peer);
     void stop();
 
 private:
@@ -51,7 +53,7 @@ private:
     boost::asio::steady_timer sweepTimer_;
     boost::asio::steady_timer stopTimer_;
     std::chrono::milliseconds sweepInterval_;
-    std::unordered_map<Connection*, std::shared_ptr<Connection>> connections_;
+    std::unordered_map<Peer*, std::shared_ptr<Peer>> peers_;
     DateText date_;
     bool stopping_ = false;
 };

@@ -76,14 +76,15 @@ struct PocoHttpsServer::Run
 {
     std::shared_ptr<engine::ServerCore> core;
     std::vector<std::shared_ptr<engine::Loop>> loops;
-    std::shared_ptr<engine::Acceptor> acceptor;
+    std::vector<std::shared_ptr<engine::Acceptor>> acceptors;
     std::vector<std::thread> threads;
     std::uint16_t port = 0;
 
     void stop()
     {
-        if (acceptor)
-            asio::post(loops.front()->context(), [acceptor = std::move(acceptor)] { acceptor->stop(); });
+        for (auto& acceptor : acceptors)
+            asio::post(loops.front()->context(), [closing = std::move(acceptor)] { closing->stop(); });
+        acceptors.clear();
         for (const auto& loop : loops)
             asio::post(loop->context(), [weak = std::weak_ptr(loop)] {
                 if (const auto alive = weak.lock())
@@ -119,17 +120,17 @@ void PocoHttpsServer::open()
     const int threads = std::max(1, settings_.parameters->getMaxThreads());
     for (int i = 0; i < threads; ++i)
         run->loops.push_back(std::make_shared<engine::Loop>(run->core));
-    run->acceptor = std::make_shared<engine::Acceptor>(run->loops);
-    run->port = run->acceptor->listen();
+    run->acceptors = engine::listenAsSet(run->loops, run->port);
     try {
         for (const auto& loop : run->loops)
             run->threads.push_back(common::startThread("http-io", [loop] { loop->run(); }));
     } catch (...) {
-        run->acceptor.reset();
+        run->acceptors.clear();
         run->stop();
         throw;
     }
-    asio::post(run->loops.front()->context(), [acceptor = run->acceptor] { acceptor->start(); });
+    for (const auto& acceptor : run->acceptors)
+        asio::post(run->loops.front()->context(), [acceptor] { acceptor->start(); });
     run_ = std::move(run);
     OpenServers::instance().add(weak_from_this());
 }

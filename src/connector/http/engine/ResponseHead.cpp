@@ -40,10 +40,10 @@ const std::string& DateText::at(std::time_t now)
 
 bool hasBody(unsigned status) noexcept { return status >= 200 && status != 204 && status != 304; }
 
-std::string writeHead(const HttpResponse& response, const std::string& date, bool closing, bool keepAliveAsked)
+std::string writeHead(const HttpResponse& response, const std::string& date, const ResponseTerms& terms)
 {
     std::string head;
-    head.reserve(256);
+    head.reserve(768);
     head += "HTTP/1.1 ";
     head += std::to_string(response.status);
     head += ' ';
@@ -55,11 +55,15 @@ std::string writeHead(const HttpResponse& response, const std::string& date, boo
         if (!isOfTheEngine(name))
             head.append(name).append(": ").append(value).append("\r\n");
     }
-    if (hasBody(response.status))
-        head.append("Content-Length: ").append(std::to_string(response.body.size())).append("\r\n");
-    if (closing)
+    if (hasBody(response.status)) {
+        if (const auto length = response.contentLength())
+            head.append("Content-Length: ").append(std::to_string(*length)).append("\r\n");
+        else if (!terms.http10)
+            head += "Transfer-Encoding: chunked\r\n";
+    }
+    if (terms.closing)
         head += "Connection: close\r\n";
-    else if (keepAliveAsked)
+    else if (terms.keepAliveAsked)
         head += "Connection: keep-alive\r\n";
     head += "\r\n";
     return head;

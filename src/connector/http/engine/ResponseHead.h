@@ -22,10 +22,17 @@ private:
 /// Whether responses of this status have a body at all.
 bool hasBody(unsigned status) noexcept;
 
-/// The head of a response up to and with the empty line. `closing`: this is the connection's last response;
-/// `keepAliveAsked`: an HTTP/1.0 client that wants it kept. Content-Length, Transfer-Encoding, Date and Connection of
-/// the response itself are ignored.
-CONNECTOR_API std::string writeHead(const HttpResponse& response, const std::string& date, bool closing,
-                                    bool keepAliveAsked);
+/// How a response is sent.
+struct ResponseTerms
+{
+    bool closing = false;        ///< the connection's last response
+    bool keepAliveAsked = false; ///< by an HTTP/1.0 client
+    bool withoutBody = false;    ///< the request was HEAD
+    bool http10 = false;         ///< the client knows no chunks
+};
+
+/// The head of a response up to and with the empty line. Content-Length, Transfer-Encoding, Date and Connection of the
+/// response itself are ignored.
+CONNECTOR_API std::string writeHead(const HttpResponse& response, const std::string& date, const ResponseTerms& terms);
 
 } // namespace connector::http::engine

@@ -8,6 +8,7 @@
 
 #include "connector/http/PocoHttpsServer.h"
 #include "connector/http/engine/RequestHead.h"
+#include "connector/http/engine/TlsContext.h"
 
 namespace connector::http::engine {
 
@@ -31,6 +32,8 @@ struct ServerCore
     {
         limits.headBytes = settings.maxHeadBytes;
         limits.bodyBytes = settings.maxBodyBytes;
+        if (settings.tls)
+            tls = makeTlsContext(*settings.tls);
     }
 
     const ServerSettings settings;
@@ -40,7 +43,10 @@ struct ServerCore
     const std::size_t maxConnections;
     RequestLimits limits;
 
+    std::unique_ptr<boost::asio::ssl::context> tls; ///< null without TLS
+
     std::atomic<std::uint64_t> heldBodyBytes{0};
+    std::atomic<std::uint64_t> spooledBytes{0};
     std::atomic<std::uint64_t> connections{0};
     std::atomic<std::uint64_t> accepted{0};
     std::atomic<std::uint64_t> turnedAway{0};

@@ -1,0 +1,26 @@
+#include "connector/http/engine/PendingBody.h"
+
+#include <boost/asio/post.hpp>
+
+#include "connector/http/engine/Connection.h"
+
+namespace connector::http::engine {
+
+Future<SpooledBody> PendingBody::receive(std::uint64_t maxBytes)
+{
+    Promise<SpooledBody> promise;
+    auto received = promise.future();
+    if (const auto loop = loop_.lock())
+        boost::asio::post(loop->context(), [weak = connection_, number = requestNumber_, maxBytes,
+                                            promise = std::move(promise)]() mutable {
+            if (const auto connection = weak.lock())
+                connection->receiveBody(number, maxBytes, std::move(promise));
+            else
+                promise.setException(FutureCancelled());
+        });
+    else
+        promise.setException(FutureCancelled());
+    return received;
+}
+
+} // namespace connector::http::engine

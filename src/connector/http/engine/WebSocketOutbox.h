@@ -1,0 +1,85 @@
+#pragma once
+
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace connector::http::engine {
+
+/// The messages that wait to be sent on one WebSocket, filled by any thread and emptied by its loop. Bounded by bytes.
+class WebSocketOutbox
+{
+public:
+    struct Outgoing
+    {
+        std::string text;
+        bool binary = false;
+    };
+
+    enum class Pushed
+    {
+        queued,
+        queuedFirst, ///< the loop is to be told
+        overflow,    ///< nothing more is taken; the loop is to be told
+        closed
+    };
+
+    explicit WebSocketOutbox(std::size_t maxBytes) : maxBytes_(maxBytes) {}
+
+    Pushed push(std::string text, bool binary)
+    {
+        std::lock_guard lock(mutex_);
+        if (closed_)
+            return Pushed::closed;
+        if (bytes_ + text.size() + kOverhead > maxBytes_) {
+            closed_ = true;
+            return Pushed::overflow;
+        }
+        bytes_ += text.size() + kOverhead;
+        queue_.push_back({std::move(text), binary});
+        return queue_.size() == 1 ? Pushed::queuedFirst : Pushed::queued;
+    }
+
+    /// The next message; its bytes count until `written`.
+    std::optional<Outgoing> pop()
+    {
+        std::lock_guard lock(mutex_);
+        if (queue_.empty())
+            return std::nullopt;
+        Outgoing first = std::move(queue_.front());
+        queue_.pop_front();
+        return first;
+    }
+    void written(const Outgoing& message)
+    {
+        std::lock_guard lock(mutex_);
+        bytes_ -= message.text.size() + kOverhead;
+    }
+
+    /// Takes no more messages.
+    void close()
+    {
+        std::lock_guard lock(mutex_);
+        closed_ = true;
+    }
+
+    std::size_t bytes() const
+    {
+        std::lock_guard lock(mutex_);
+        return bytes_;
+    }
+
+private:
+    /// Of an entry itself, so that empty messages are bounded too.
+    static constexpr std::size_t kOverhead = 64;
+
+    const std::size_t maxBytes_;
+    mutable std::mutex mutex_;
+    std::deque<Outgoing> queue_;
+    std::size_t bytes_ = 0;
+    bool closed_ = false;
+};
+
+} // namespace connector::http::engine

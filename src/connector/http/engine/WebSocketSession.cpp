@@ -1,0 +1,303 @@
+#include "connector/http/engine/WebSocketSession.h"
+
+#include <optional>
+
+#include <boost/asio/post.hpp>
+#include <boost/beast/core/buffers_to_string.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/websocket/stream.hpp>
+
+#include "connector/http/engine/Peer.h"
+#include "connector/http/engine/WebSocketOutbox.h"
+
+namespace connector::http::engine {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace websocket = beast::websocket;
+using boost::system::error_code;
+
+/// How Beast ends a stream, found by its type: what it would do for a socket itself.
+template <class Handler>
+void async_teardown(beast::role_type, Stream& stream, Handler&& handler)
+{
+    stream.finishSending([&stream, taken = std::forward<Handler>(handler)]() mutable {
+        stream.close();
+        asio::post(stream.get_executor(), [taken = std::move(taken)]() mutable { taken(error_code()); });
+    });
+}
+
+inline void teardown(beast::role_type, Stream& stream, error_code&) { stream.close(); }
+
+inline void beast_close_socket(Stream& stream) { stream.close(); }
+
+namespace {
+
+constexpr std::chrono::seconds kHandshakeTime{10};
+constexpr std::chrono::seconds kIdleTime{60};
+constexpr std::chrono::seconds kCloseTime{2};
+/// Pings and pongs that a client may send in kControlWindow.
+constexpr unsigned kMaxControlFrames = 100;
+constexpr std::chrono::seconds kControlWindow{10};
+
+constexpr std::uint16_t kAbnormal = 1006;
+
+class WebSocketSession final : public Peer
+{
+public:
+    WebSocketSession(Stream stream, Loop& loop, std::unique_ptr<ConnectionCount> count, const WebSocketUpgrade& upgrade)
+        : loop_(loop), count_(std::move(count)), endpoint_(upgrade.endpoint), options_(upgrade.options),
+          outbox_(std::make_shared<WebSocketOutbox>(upgrade.options.maxQueuedBytes)), stream_(std::move(stream))
+    {}
+
+    void start(const UpgradeAsked& asked, const HttpResponse& response);
+    void writeNext();
+    /// After what is queued.
+    void closeInTurn(websocket::close_reason reason);
+    void closeNow(websocket::close_reason reason);
+
+    void stop() override { closeNow({websocket::close_code::going_away, "The connector is stopping."}); }
+    void close() override
+    {
+        if (closeSent_)
+            ended(closeSent_->code, std::string(closeSent_->reason.data(), closeSent_->reason.size()));
+        else
+            ended(kAbnormal, {});
+    }
+    bool isLate(Clock::time_point now) const noexcept override { return now >= deadline_; }
+    void giveUp() override { close(); }
+
+private:
+    std::shared_ptr<WebSocketSession> self() { return std::static_pointer_cast<WebSocketSession>(shared_from_this()); }
+    void setOptions(const HttpResponse& response);
+    void accepted();
+    void read();
+    void countControlFrame(websocket::frame_type kind);
+    void ended(std::uint16_t code, const std::string& reason);
+
+    Loop& loop_;
+    std::unique_ptr<ConnectionCount> count_;
+    std::shared_ptr<WebSocketEndpoint> endpoint_;
+    const WebSocketOptions options_;
+    const std::shared_ptr<WebSocketOutbox> outbox_;
+    websocket::stream<Stream, true> stream_;
+    beast::http::request<beast::http::empty_body> handshake_;
+    beast::flat_buffer incoming_;
+    Clock::time_point deadline_ = Clock::time_point::max();
+    Clock::time_point controlWindow_;
+    unsigned controlFrames_ = 0;
+    bool opened_ = false;
+    bool over_ = false;
+    std::optional<websocket::close_reason> closeSent_;
+    std::optional<websocket::close_reason> closeAfterQueue_;
+    std::optional<WebSocketOutbox::Outgoing> current_; ///< being written
+};
+
+/// What the endpoint holds: of the session no more than a name, so that it may outlive it.
+class Handle final : public WebSocketConnection
+{
+public:
+    Handle(std::weak_ptr<WebSocketSession> session, std::weak_ptr<Loop> loop, std::shared_ptr<WebSocketOutbox> outbox)
+        : session_(std::move(session)), loop_(std::move(loop)), outbox_(std::move(outbox))
+    {}
+
+    bool send(std::string message, bool binary) override
+    {
+        switch (outbox_->push(std::move(message), binary)) {
+        case WebSocketOutbox::Pushed::queued:
+            return true;
+        case WebSocketOutbox::Pushed::queuedFirst:
+            onLoop([](WebSocketSession& session) { session.writeNext(); });
+            return true;
+        case WebSocketOutbox::Pushed::overflow:
+            onLoop([](WebSocketSession& session) {
+                session.closeNow({websocket::close_code::policy_error, "The client does not read fast enough."});
+            });
+            return false;
+        default:
+            return false;
+        }
+    }
+
+    void close(std::uint16_t code, const std::string& reason) override
+    {
+        outbox_->close();
+        onLoop([why = websocket::close_reason(websocket::close_code(code), reason)](WebSocketSession& session) {
+            session.closeInTurn(why);
+        });
+    }
+
+    std::size_t queuedBytes() const override { return outbox_->bytes(); }
+
+private:
+    template <class Work>
+    void onLoop(Work work)
+    {
+        if (const auto loop = loop_.lock())
+            asio::post(loop->context(), [weak = session_, work = std::move(work)] {
+                if (const auto session = weak.lock())
+                    work(*session);
+            });
+    }
+
+    const std::weak_ptr<WebSocketSession> session_;
+    const std::weak_ptr<Loop> loop_;
+    const std::shared_ptr<WebSocketOutbox> outbox_;
+};
+
+void WebSocketSession::setOptions(const HttpResponse& response)
+{
+    stream_.set_option(websocket::stream_base::timeout{kHandshakeTime, kIdleTime, true});
+    websocket::permessage_deflate deflate;
+    deflate.server_enable = options_.compression;
+    deflate.server_no_context_takeover = true;
+    deflate.client_no_context_takeover = true;
+    stream_.set_option(deflate);
+    stream_.read_message_max(options_.maxMessageBytes);
+    stream_.auto_fragment(false);
+    stream_.set_option(websocket::stream_base::decorator(
+        [fields = response.headers.fields(), protocol = options_.protocol](websocket::response_type& answer) {
+            for (const auto& [name, value] : fields)
+                answer.insert(name, value);
+            if (!protocol.empty())
+                answer.set(beast::http::field::sec_websocket_protocol, protocol);
+        }));
+    stream_.control_callback([this](websocket::frame_type kind, beast::string_view) { countControlFrame(kind); });
+}
+
+void WebSocketSession::start(const UpgradeAsked& asked, const HttpResponse& response)
+{
+    setOptions(response);
+    handshake_.method(beast::http::verb::get);
+    handshake_.target(asked.target);
+    handshake_.version(11);
+    handshake_.set(beast::http::field::host, asked.host);
+    handshake_.set(beast::http::field::connection, "Upgrade");
+    handshake_.set(beast::http::field::upgrade, "websocket");
+    handshake_.set(beast::http::field::sec_websocket_key, asked.key);
+    handshake_.set(beast::http::field::sec_websocket_version, "13");
+    if (!asked.extensions.empty())
+        handshake_.set(beast::http::field::sec_websocket_extensions, asked.extensions);
+    stream_.async_accept(handshake_, [self = self()](const error_code& error) {
+        if (error || self->over_)
+            self->close();
+        else
+            self->accepted();
+    });
+}
+
+void WebSocketSession::accepted()
+{
+    opened_ = true;
+    endpoint_->opened(std::make_shared<Handle>(self(), loop_.weak_from_this(), outbox_));
+    if (!over_) {
+        writeNext();
+        read();
+    }
+}
+
+void WebSocketSession::read()
+{
+    stream_.async_read(incoming_, [self = self()](const error_code& error, std::size_t) {
+        if (self->over_)
+            return;
+        if (error) {
+            const auto& reason = self->stream_.reason();
+            const bool tooBig = error == websocket::error::message_too_big;
+            const bool told = error == websocket::error::closed && reason.code != websocket::close_code::none;
+            return self->ended(tooBig ? 1009
+                               : told ? static_cast<std::uint16_t>(reason.code)
+                                      : kAbnormal,
+                               told ? std::string(reason.reason.data(), reason.reason.size()) : std::string());
+        }
+        std::string message = beast::buffers_to_string(self->incoming_.data());
+        self->incoming_.consume(self->incoming_.size());
+        self->endpoint_->received(std::move(message), self->stream_.got_binary());
+        if (!self->over_)
+            self->read();
+    });
+}
+
+void WebSocketSession::countControlFrame(websocket::frame_type kind)
+{
+    if (kind == websocket::frame_type::close)
+        return;
+    const auto now = Clock::now();
+    if (now - controlWindow_ > kControlWindow) {
+        controlWindow_ = now;
+        controlFrames_ = 0;
+    }
+    if (++controlFrames_ == kMaxControlFrames) // not from within the read that calls this
+        asio::post(stream_.get_executor(), [self = self()] {
+            self->closeNow({websocket::close_code::policy_error, "Too many control frames."});
+        });
+}
+
+void WebSocketSession::writeNext()
+{
+    if (current_ || !opened_ || over_ || closeSent_)
+        return;
+    current_ = outbox_->pop();
+    if (!current_) {
+        if (closeAfterQueue_)
+            closeNow(*closeAfterQueue_);
+        return;
+    }
+    stream_.binary(current_->binary);
+    stream_.async_write(asio::buffer(current_->text), [self = self()](const error_code& error, std::size_t) {
+        self->outbox_->written(*self->current_);
+        self->current_.reset();
+        if (self->over_)
+            return;
+        if (error)
+            self->ended(kAbnormal, {});
+        else
+            self->writeNext();
+    });
+}
+
+void WebSocketSession::closeInTurn(websocket::close_reason reason)
+{
+    closeAfterQueue_ = std::move(reason);
+    writeNext();
+}
+
+/// Sends the close frame and gives the client a moment to answer it.
+void WebSocketSession::closeNow(websocket::close_reason reason)
+{
+    if (over_ || closeSent_)
+        return;
+    outbox_->close();
+    if (!opened_)
+        return close();
+    closeSent_ = reason;
+    deadline_ = Clock::now() + kCloseTime;
+    stream_.async_close(reason, [self = self()](const error_code&) { self->close(); });
+}
+
+void WebSocketSession::ended(std::uint16_t code, const std::string& reason)
+{
+    if (over_)
+        return;
+    const auto keep = self();
+    over_ = true;
+    outbox_->close();
+    stream_.next_layer().close();
+    count_.reset();
+    loop_.remove(*this);
+    const auto endpoint = std::move(endpoint_);
+    if (opened_)
+        endpoint->closed(code, reason);
+}
+
+} // namespace
+
+void startWebSocket(Stream stream, Loop& loop, std::unique_ptr<ConnectionCount> count, const UpgradeAsked& asked,
+                    const HttpResponse& response)
+{
+    auto session = std::make_shared<WebSocketSession>(std::move(stream), loop, std::move(count), *response.upgrade);
+    loop.add(session);
+    session->start(asked, response);
+}
+
+} // namespace connector::http::engine
