@@ -11,3 +11,6 @@ echo "== Framework and builtins"
 echo
 echo "== Eval over one kept-alive connection"
 "$build/bench/eval_bench" "$build/root/bin/vendra"
+echo
+echo "== HTTP beside nginx"
+/usr/bin/python3 bench/http.py "$build"

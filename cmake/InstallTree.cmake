@@ -21,3 +21,11 @@ foreach(folder ${CONNECTOR_MODULE_DIR}/connector_plugins ui remote toolbox/vendr
   file(MAKE_DIRECTORY "${CONNECTOR_ROOT}/${folder}")
   install(DIRECTORY DESTINATION ${folder})
 endforeach()
+
+# Content for browsers.
+set(CONNECTOR_DOCROOT toolbox/vendra/connector2/connector/docroot)
+file(GLOB docroot_files RELATIVE ${CMAKE_SOURCE_DIR}/content/docroot CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/content/docroot/*)
+foreach(name ${docroot_files})
+  configure_file(${CMAKE_SOURCE_DIR}/content/docroot/${name} ${CONNECTOR_ROOT}/${CONNECTOR_DOCROOT}/${name} COPYONLY)
+endforeach()
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/content/docroot/ DESTINATION ${CONNECTOR_DOCROOT})

@@ -1,0 +1,188 @@
+// A real browser at a real host, the executable that VENDRA names; CHROMIUM names another browser.
+
+import assert from "node:assert/strict";
+import {spawn} from "node:child_process";
+import {mkdtempSync, readFileSync, rmSync} from "node:fs";
+import http from "node:http";
+import {tmpdir} from "node:os";
+import {join} from "node:path";
+import {createInterface} from "node:readline";
+import {after, before, test} from "node:test";
+import {chromium} from "playwright-core";
+
+const executable = process.env.VENDRA;
+const folder = mkdtempSync(join(tmpdir(), "vendra-browser-"));
+const flags = ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
+               "--disable-component-update", "--disable-sync", "--host-resolver-rules=MAP rebound.example 127.0.0.1"];
+
+let host;
+let entry; // the printed address
+let origin;
+let discovery;
+let browser;
+
+async function startHost() {
+  const home = {HOME: folder, XDG_RUNTIME_DIR: folder, XDG_CONFIG_HOME: folder};
+  host = spawn(executable, ["--connector"], {env: {...process.env, ...home}, stdio: ["ignore", "pipe", "inherit"]});
+  for await (const line of createInterface({input: host.stdout})) {
+    if (line.startsWith("Connector: "))
+      entry = line.slice("Connector: ".length);
+    if (line.startsWith("Token file: ")) {
+      discovery = JSON.parse(readFileSync(line.slice("Token file: ".length), "utf8"));
+      break;
+    }
+  }
+  origin = new URL(entry).origin;
+}
+
+/// What a program with the token is answered.
+async function ask(message) {
+  const response = await fetch(origin + "/messageservice/container", {
+    method: "POST",
+    headers: {"Content-Type": "application/json", "Authorization": "Bearer " + discovery.token},
+    body: JSON.stringify({id: "1", ...message}),
+  });
+  return response.json();
+}
+
+async function freshEntry() {
+  const response = await fetch(origin + "/messageservice/nonce",
+                               {method: "POST", headers: {Authorization: "Bearer " + discovery.token}});
+  return (await response.json()).url;
+}
+
+async function profile(use) {
+  const context = await browser.newContext();
+  try {
+    const page = await context.newPage();
+    const complaints = [];
+    page.on("console", (message) => message.type() === "error" && complaints.push(message.text()));
+    page.on("pageerror", (error) => complaints.push(String(error)));
+    await use(page, context, complaints);
+  } finally {
+    await context.close();
+  }
+}
+
+before(async () => {
+  await startHost();
+  browser = await chromium.launch({executablePath: process.env.CHROMIUM ?? "/usr/bin/chromium", args: flags});
+});
+
+after(async () => {
+  await browser?.close();
+  const ended = new Promise((resolve) => host.once("exit", resolve));
+  host.kill("SIGTERM");
+  await ended;
+  rmSync(folder, {recursive: true});
+});
+
+test("the printed address lets one browser in, once", async () => {
+  assert.match(entry, /\/\?nonce=[0-9a-f]{64}$/);
+  await profile(async (page, context, complaints) => {
+    await page.goto(entry);
+    assert.equal(page.url(), origin + "/");
+    assert.equal(await page.textContent("h1"), "Connector");
+    const [cookie] = await context.cookies();
+    assert.equal(cookie.httpOnly, true);
+    assert.equal(cookie.sameSite, "Strict");
+
+    await page.fill("#code", "answer = 6 * 7\nprint('it is', answer)");
+    await page.press("#code", "Enter");
+    await page.waitForSelector("text=it is 42");
+    assert.equal((await ask({type: "Eval", code: "answer"})).value, 42);
+    await page.fill("#code", "int('three')");
+    await page.press("#code", "Enter");
+    await page.waitForSelector(".fault >> text=ValueError");
+    await page.fill("#code", "while True: pass");
+    await page.press("#code", "Enter");
+    await page.click("#interrupt");
+    await page.waitForSelector(".fault >> text=KeyboardInterrupt");
+
+    await page.reload();
+    assert.equal(await page.textContent("h1"), "Connector");
+    await page.goto(entry);
+    assert.equal(page.url(), origin + "/", "a used address of a browser that is in leads to the page");
+    assert.deepEqual(complaints, []);
+  });
+  await profile(async (page) => {
+    assert.equal((await page.goto(entry)).status(), 401, "used up");
+    assert.equal((await page.goto(origin + "/")).status(), 401, "another profile");
+    assert.equal(await page.$("h1"), null);
+  });
+});
+
+test("pages of another port neither read nor post nor open a socket", async () => {
+  const stranger = http.createServer((request, response) => {
+    response.setHeader("Content-Type", "text/html");
+    response.end("<!doctype html><title>stranger</title>");
+  });
+  await new Promise((resolve) => stranger.listen(0, "127.0.0.1", resolve));
+  try {
+    await profile(async (page) => {
+      await page.goto(await freshEntry()); // the browser holds a valid cookie
+      await page.goto(`http://127.0.0.1:${stranger.address().port}/`);
+      const seen = await page.evaluate(async (target) => {
+        const outcome = async (work) => {
+          try {
+            return await work();
+          } catch {
+            return "failed";
+          }
+        };
+        const body = JSON.stringify({type: "Eval", id: "1", code: "stolen = 1"});
+        const send = (mode, type) => outcome(async () => {
+          const response = await fetch(target + "/messageservice/container",
+                                       {method: "POST", mode, credentials: "include", body, headers: {"Content-Type": type}});
+          return response.type === "opaque" ? "opaque" : response.status;
+        });
+        const element = (name, property) => new Promise((resolve) => {
+          const made = document.createElement(name);
+          made.onload = () => resolve("loaded");
+          made.onerror = () => resolve("failed");
+          made[property] = target + (name === "script" ? "/console.js" : "/icon.svg");
+          document.body.append(made);
+        });
+        const socket = (path) => new Promise((resolve) => {
+          const made = new WebSocket(target.replace("http", "ws") + path);
+          made.onopen = () => resolve("open");
+          made.onerror = () => resolve("failed");
+        });
+        return {
+          read: await outcome(async () => (await fetch(target + "/", {credentials: "include"})).status),
+          posts: [await send("cors", "application/json"), await send("no-cors", "text/plain"),
+                  await send("no-cors", "application/json")],
+          script: await element("script", "src"),
+          picture: await element("img", "src"),
+          sockets: [await socket("/"), await socket("/messageservice/async"), await socket("/messageservice/container")],
+        };
+      }, origin);
+      assert.equal(seen.read, "failed");
+      assert.equal(seen.posts[0], "failed");
+      assert.ok(seen.posts.every((each) => each === "failed" || each === "opaque"));
+      assert.equal(seen.script, "failed");
+      assert.equal(seen.picture, "failed");
+      assert.deepEqual(seen.sockets, ["failed", "failed", "failed"]);
+
+      // Nor is the page shown within another.
+      await page.evaluate((target) => {
+        const frame = document.createElement("iframe");
+        frame.src = target + "/";
+        document.body.append(frame);
+        return new Promise((resolve) => (frame.onload = resolve));
+      }, origin);
+      const frame = page.frames().find((each) => each !== page.mainFrame());
+      assert.equal(await frame.$("h1"), null);
+    });
+    assert.equal((await ask({type: "Eval", code: "'stolen' in globals()"})).value, false);
+  } finally {
+    stranger.close();
+  }
+});
+
+test("a name that somebody leads to this machine is refused", async () => {
+  await profile(async (page) => {
+    const foreign = (await freshEntry()).replace("127.0.0.1", "rebound.example");
+    assert.equal((await page.goto(foreign)).status(), 421);
+  });
+});
