@@ -17,6 +17,11 @@ constexpr const char* kProgramHelp =
     "  (nothing)             a prompt when standard input is a terminal, else standard input;\n"
     "                        with --connector standard input is read only by a prompt\n";
 
+bool isNumber(const std::string& text)
+{
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
 /// Splits the command line: options before the program go to `flags`, the program and its arguments to the result.
 /// Throws CLI::ParseError when -c has no argument.
 Options splitProgram(const std::vector<std::string>& words, std::vector<std::string>& flags)
@@ -42,6 +47,8 @@ Options splitProgram(const std::vector<std::string>& words, std::vector<std::str
         }
         if (word.starts_with("--")) {
             flags.push_back(word);
+            if (word == "--url" && i + 1 < words.size() && isNumber(words[i + 1]))
+                flags.back() += "=" + words[++i];
             continue;
         }
         // Short options may stand together, and -c takes the rest of its word or the next one.
@@ -73,8 +80,19 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int& stat
     Options options;
     bool interactive = false;
     bool connector = false;
+    bool list = false;
+    std::string host;
     app.add_flag("-i", interactive, "Go on with a prompt after the program");
     app.add_flag("--connector", connector, "Start the connector first, say where it is, and serve after the program");
+    app.add_flag("--list", list, "List this user's hosts whose connector runs, and leave");
+    CLI::Option* url = app.add_option("--url", host, "Print a fresh one-time address of a host, the newest without PID")
+                           ->expected(0, 1)
+                           ->type_name("[PID]")
+                           ->check([](const std::string& text) {
+                               return text.empty() || (isNumber(text) && text.size() < 10)
+                                          ? std::string()
+                                          : "\"" + text + "\" is no process number";
+                           });
     app.set_version_flag("-V,--version", "vendra " VENDRA_VERSION " (Python " VENDRA_PYTHON_VERSION ")");
     app.footer(kProgramHelp);
 
@@ -82,6 +100,9 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int& stat
         std::vector<std::string> flags;
         options = splitProgram({argv + 1, argv + argc}, flags);
         app.parse(std::vector<std::string>(flags.rbegin(), flags.rend())); // it takes them last first
+        const bool asks = list || url->count() > 0;
+        if (asks && (options.program != Options::Program::none || flags.size() > 1))
+            throw CLI::ArgumentMismatch("--list and --url stand alone: they are about hosts that run already");
     } catch (const CLI::ParseError& error) {
         bool asked = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success);
         app.exit(error, std::cout, std::cerr);
@@ -90,6 +111,10 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int& stat
     }
     options.interactive = interactive;
     options.connector = connector;
+    options.list = list;
+    options.url = url->count() > 0;
+    if (!host.empty())
+        options.host = std::stoi(host);
     return options;
 }
 

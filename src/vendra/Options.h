@@ -22,6 +22,9 @@ struct Options
     std::vector<std::string> arguments; ///< sys.argv
     bool interactive = false;           ///< -i
     bool connector = false;             ///< --connector
+    bool list = false;                  ///< --list
+    bool url = false;                   ///< --url
+    std::optional<int> host;            ///< the process that --url is about
 };
 
 /// Reads the command line as the script language's own program reads it: options up to the script, -c CODE or "-"; what

@@ -4,6 +4,7 @@
 #include <exception>
 #include <iostream>
 #include <iterator>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -14,7 +15,9 @@
 #include "platform/rqe/ProcessSession.h"
 #include "platform/shutdown/ShutdownRegistry.h"
 #include "vendra/Announcement.h"
+#include "vendra/EntryUrl.h"
 #include "vendra/HostLoop.h"
+#include "vendra/Hosts.h"
 #include "vendra/Options.h"
 #include "vendra/python/PythonHost.h"
 
@@ -31,8 +34,31 @@ void announce()
         std::fputs("vendra: the connector has announced no address.\n", stderr);
         return;
     }
-    std::printf("Connector: %s\nToken file: %s\n", announcement->url.c_str(), announcement->file.c_str());
+    // The connector's own threads answer, so that this thread may wait.
+    std::string url = announcement->url;
+    try {
+        url = vendra::fetchEntryUrl(*announcement);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vendra: no one-time address: %s.\n", error.what());
+    }
+    std::printf("Connector: %s\nToken file: %s\n", url.c_str(), announcement->file.c_str());
     std::fflush(stdout);
+}
+
+/// --list and --url.
+int tellHosts(const Options& options)
+{
+    auto hosts = vendra::runningHosts(vendra::runtimeFolder());
+    try {
+        if (options.list)
+            std::fputs(vendra::hostTable(hosts).c_str(), stdout);
+        else
+            std::puts(vendra::fetchEntryUrl(vendra::chooseHost(hosts, options.host)).c_str());
+        return 0;
+    } catch (const std::runtime_error& error) {
+        std::fprintf(stderr, "vendra: %s.\n", error.what());
+        return 1;
+    }
 }
 
 PythonHost::Outcome runProgram(PythonHost& host, HostLoop& loop, const Options& options)
@@ -113,6 +139,8 @@ try {
     auto options = vendra::parseOptions(argc, argv, status);
     if (!options)
         return status;
+    if (options->list || options->url)
+        return tellHosts(*options);
 
     PythonHost host({options->arguments, options->interactive});
     auto engine = boost::make_shared<rqe::LocalRQE>(host);

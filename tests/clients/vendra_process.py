@@ -16,17 +16,20 @@ class Vendra:
     """`with Vendra(path) as host:` starts `vendra --connector` with folders of its own and ends it with SIGTERM."""
 
     def __init__(self, executable, *arguments, environment=None):
+        self._executable = executable
         self._command = [executable, "--connector", *arguments]
-        self._environment = environment or {}
         self._folder = tempfile.TemporaryDirectory(prefix="vendra-test-")
+        home = self._folder.name
+        self.environment = {**os.environ, "HOME": home, "XDG_RUNTIME_DIR": home, "XDG_CONFIG_HOME": home,
+                            **(environment or {})}
         self.process = None
 
     def __enter__(self):
-        home = self._folder.name
         self.process = subprocess.Popen(
             self._command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-            env={**os.environ, "HOME": home, "XDG_RUNTIME_DIR": home, "XDG_CONFIG_HOME": home, **self._environment})
-        self.url = self._announced("Connector: ")
+            env=self.environment)
+        self.entry_url = self._announced("Connector: ")
+        self.url = self.entry_url.partition("?")[0]
         self.token_file = self._announced("Token file: ")
         with open(self.token_file, encoding="utf-8") as file:
             self.discovery = json.load(file)
@@ -47,6 +50,11 @@ class Vendra:
             watchdog.cancel()
         self.process.kill()
         raise AssertionError(f"no '{label}' line: {self.process.stderr.read()}")
+
+    def command(self, *arguments):
+        """What the executable does with these arguments, as another process of the same user."""
+        return subprocess.run([self._executable, *arguments], env=self.environment, timeout=TIMEOUT, text=True,
+                              stdin=subprocess.DEVNULL, capture_output=True, check=False)
 
     def connection(self):
         where = urllib.parse.urlsplit(self.url)

@@ -1,5 +1,6 @@
 // The host's executable as people and other programs run it.
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -292,12 +293,85 @@ TEST_F(VendraTest, saysWhereTheConnectorIsAndServes)
         child->signal(c.signal);
         EXPECT_EQ(child->wait(), c.status);
         EXPECT_TRUE(child->output().ends_with("at exit\n"));
-        EXPECT_EQ(child->errors(), "hook ran\n");
+        // Nobody listens there.
+        EXPECT_TRUE(child->errors().starts_with(
+            "vendra: no one-time address: the host at http://127.0.0.1:1/ cannot be asked: Connection refused"))
+            << child->errors();
+        EXPECT_TRUE(child->errors().ends_with(".\nhook ran\n")) << child->errors();
+        EXPECT_EQ(child->errors().find("secret"), std::string::npos) << child->errors();
     }
     environment["TEST_SILENT"] = "1";
     Ended ended = run({"--connector", "-c", "exit(5)"});
     EXPECT_EQ(ended.status, 5);
     EXPECT_EQ(ended.errors, "vendra: the connector has announced no address.\nhook ran\n");
+}
+
+TEST_F(VendraTest, listsTheHostsThatRun)
+{
+    const std::string head = "PID  URL  STARTED\n";
+    EXPECT_EQ(run({"--list"}).output, head);
+    Ended ended = run({"--url"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.errors, "vendra: no host with a connector is running.\n");
+
+    auto child = begin({"-c", "print('up', flush=True); input()"});
+    ASSERT_TRUE(child->expect("up\n"));
+    std::string pid = std::to_string(child->pid());
+    fs::create_directory(folder / "vendra");
+    const auto announce = [&](const std::string& name, const std::string& text) { script("vendra/" + name, text); };
+    environment["TZ"] = "UTC";
+    announce(pid + ".json", R"({"url":"http://127.0.0.1:1/","started":86399})");
+    announce("1.json", R"({"url":"http://127.0.0.1:2/","startTicks":99999999999})"); // another process had the number
+    announce("2147483647.json", R"({"url":"http://127.0.0.1:3/"})");
+    announce("x.json", R"({"url":"http://127.0.0.1:4/"})");
+    std::string number = pid;
+    std::string label = "PID";
+    number.resize(std::max(pid.size(), label.size()), ' ');
+    label.resize(number.size(), ' ');
+    EXPECT_EQ(run({"--list"}).output,
+              label + "  URL                  STARTED\n" + number + "  http://127.0.0.1:1/  1970-01-01 23:59:59\n");
+    for (const char* text : {"", "{", "[]", R"({"url":3})", R"({"pid":1})", R"({"url":"u","started":"x"})"}) {
+        announce(pid + ".json", text);
+        EXPECT_EQ(run({"--list"}).status, 0) << text;
+    }
+
+    struct Case
+    {
+        Words words;
+        int status;
+        std::string errors;
+    };
+    const std::string ask = "vendra: the host at ";
+    const std::string url = R"({"token":"secret","url":")";
+    const std::pair<std::string, std::string> announced[] = {
+        {R"({"url":"http://127.0.0.1:1/"})", "vendra: the host keeps its token to itself.\n"},
+        {url + "http://127.0.0.1:1/\"}", ask + "http://127.0.0.1:1/ cannot be asked: Connection refused"},
+        {url + "https://127.0.0.1:1/\"}", "vendra: the host announces no certificate.\n"},
+        {url + "ftp://127.0.0.1:1/\"}", "vendra: the announced address ftp://127.0.0.1:1/ is none.\n"},
+        {url + "http:///\"}", "vendra: the announced address http:/// is none.\n"},
+    };
+    for (const auto& [text, errors] : announced) {
+        announce(pid + ".json", text);
+        for (const Words& words : {Words{"--url"}, Words{"--url", pid}, Words{"--url=" + pid}}) {
+            ended = run(words);
+            EXPECT_EQ(ended.status, 1);
+            EXPECT_TRUE(ended.errors.starts_with(errors)) << ended.errors;
+            EXPECT_EQ(ended.errors.find("secret"), std::string::npos) << ended.errors;
+        }
+    }
+    const Case cases[] = {
+        {{"--url", "1"}, 1, "vendra: no host with a connector is running as process 1.\n"},
+        {{"--url=x"}, 2, "\"x\" is no process number"},
+        {{"--url", "99999999999"}, 2, "is no process number"},
+        {{"--url", "x"}, 2, "stand alone"},
+        {{"--list", "--url"}, 2, "stand alone"},
+        {{"--list", "-c", "1"}, 2, "stand alone"},
+    };
+    for (const Case& c : cases) {
+        ended = run(c.words);
+        EXPECT_EQ(ended.status, c.status) << c.words.back();
+        EXPECT_NE(ended.errors.find(c.errors), std::string::npos) << ended.errors;
+    }
 }
 
 TEST_F(VendraTest, aSignalEndsARunningProgramInOrder)
@@ -317,7 +391,7 @@ TEST_F(VendraTest, aSignalEndsARunningProgramInOrder)
     EXPECT_TRUE(child->expect("1\n"));
     child->signal(SIGTERM);
     EXPECT_EQ(child->wait(), 143);
-    EXPECT_EQ(child->errors(), "abandoned\nhook ran\n");
+    EXPECT_TRUE(child->errors().ends_with("\nabandoned\nhook ran\n")) << child->errors();
 
     child = begin({"-c", "print('runs', flush=True)\nwhile True: pass"});
     EXPECT_TRUE(child->expect("runs\n"));

@@ -63,7 +63,7 @@ TEST_F(WiringTest, RoutesHaveTheirAddresses)
     auto& router = *slot<HttpRouterImpl>;
     const Address fallback{"connector/http/localhostFilter", "connector/http/pathFilter",
                            "connector/http/responseHeader", "connector/v1/httpNonce", "connector/http/staticContent"};
-    EXPECT_EQ(router.listRoutes().size(), 5u);
+    EXPECT_EQ(router.listRoutes().size(), 6u);
     EXPECT_EQ(router.findAddress("/connector/messagebroker/amf"), Address{"connector/http/serviceUnavailable"});
     EXPECT_EQ(router.findAddress("/"), fallback);
     EXPECT_EQ(router.findAddress("/vendra/toolboxes"), fallback);
@@ -89,7 +89,7 @@ TEST_F(WiringTest, InstallersMayRunAgain)
 
     EXPECT_EQ(slot<ConnectorImpl2>->listServiceProviders(), names);
     EXPECT_EQ(commandNames(), commands);
-    EXPECT_EQ(slot<HttpRouterImpl>->listRoutes().size(), 5u);
+    EXPECT_EQ(slot<HttpRouterImpl>->listRoutes().size(), 6u);
     EXPECT_TRUE(slot<connector::json::JsonSerializerImpl>->knows("Eval"));
     EXPECT_TRUE(slot<connector::json::JsonSerializerImpl>->knows("ContainerRequest"));
     EXPECT_EQ(ask("Interrupt"), "answered");

@@ -21,6 +21,7 @@ std::vector<Key> makeKeys()
         {"http.address", text("localhost"),
          "The address to listen on; beyond loopback only with TLS and an access key"},
         {"http.allowedHosts", List{}, "Host names besides the loopback ones that requests may name"},
+        {"http.allowedPeers", List{}, "Addresses and networks besides this machine that may connect"},
         {"http.bodyTimeoutSeconds", integer(60), "Time for a request's body to arrive", 1, kDaySeconds},
         {"http.certificateFile", text(""), "Certificate chain for TLS (PEM); empty for one of the installation's own"},
         {"http.headTimeoutSeconds", integer(10), "Time for a request's head to arrive", 1, kDaySeconds},
@@ -39,6 +40,11 @@ std::vector<Key> makeKeys()
         {"http.unixSocket", text(""), "Path of a Unix-domain socket to listen on as well"},
         {"interpreter.maxOutputBytes", integer(256 * kMiB), "Output kept of one evaluation", kMiB, kMaxBytes},
         {"interpreter.maxQueued", integer(1'000), "Requests that wait for the interpreter", 1, 1'000'000},
+        {"security.accessIdleMinutes", integer(720), "Time after which a browser that did nothing has to enter again",
+         1, 525'600},
+        {"security.accessKeyFile", text(""), "File with a secret that lets in like the token of the process"},
+        {"security.entryLifeSeconds", integer(600), "Time for which a one-time address works", 1, kDaySeconds},
+        {"security.maxBrowsers", integer(100), "Browsers that are let in at a time", 1, 1'000},
         {"security.tokenFile", true, "Whether the bearer token is written to a file that only the user can read"},
     };
     std::sort(keys.begin(), keys.end(), [](const Key& left, const Key& right) { return left.name < right.name; });

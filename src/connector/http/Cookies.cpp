@@ -28,4 +28,9 @@ std::vector<std::string_view> cookieValues(const Headers& headers, std::string_v
     return values;
 }
 
+std::string cookieNameOfPort(std::string_view name, std::uint16_t port)
+{
+    return port == 0 ? std::string(name) : std::string(name) + "_" + std::to_string(port);
+}
+
 } // namespace connector::http

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -11,5 +13,9 @@ namespace connector::http {
 /// The values of a request's cookies of this name (RFC 6265 §5.4: a browser may send several, of different paths), at
 /// most four, without quotes. They are valid as long as the headers.
 CONNECTOR_API std::vector<std::string_view> cookieValues(const Headers& headers, std::string_view name);
+
+/// The name of a cookie that is for one port ("NAME_8080"; "NAME" for port 0): browsers send cookies of one host to all
+/// of its ports, so that servers there would overwrite each other's.
+CONNECTOR_API std::string cookieNameOfPort(std::string_view name, std::uint16_t port);
 
 } // namespace connector::http

@@ -1,7 +1,13 @@
 #include "connector/http/DiscoveryFile.h"
 
 #include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstdint>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 
@@ -11,6 +17,8 @@
 
 #include <Poco/JSON/Object.h>
 
+#include "connector/common/FileDescriptor.h"
+#include "connector/http/ProcessStart.h"
 #include "connector/json/JsonText.h"
 
 namespace connector::http {
@@ -27,24 +35,6 @@ namespace {
     const int code = errno;
     fail(path, problem + ": " + std::generic_category().message(code));
 }
-
-/// Closes a descriptor.
-class Descriptor
-{
-public:
-    explicit Descriptor(int number) noexcept : number_(number) {}
-    ~Descriptor()
-    {
-        if (number_ >= 0)
-            ::close(number_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int number() const noexcept { return number_; }
-
-private:
-    int number_;
-};
 
 void makeFolder(const std::filesystem::path& folder)
 {
@@ -74,14 +64,72 @@ void writeAll(int descriptor, const std::string& text, const std::filesystem::pa
     }
 }
 
-std::string contentText(const std::string& url, const std::string& token)
+std::string contentText(const DiscoveryContent& content)
 {
     Poco::JSON::Object::Ptr object = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
-    object->set("url", url);
+    object->set("url", content.url);
     object->set("pid", static_cast<Poco::Int64>(::getpid()));
-    if (!token.empty())
-        object->set("token", token);
+    if (const auto ticks = processStartTicks(::getpid())) {
+        object->set("started", startSeconds(*ticks));
+        object->set("startTicks", *ticks);
+    }
+    if (!content.token.empty())
+        object->set("token", content.token);
+    if (!content.fingerprint.empty())
+        object->set("fingerprint", content.fingerprint);
     return json::write(object) + "\n";
+}
+
+/// The process that a file is about, by its name; none for other names.
+std::optional<pid_t> processOf(const std::filesystem::path& file)
+{
+    const std::string digits = file.stem().string();
+    pid_t pid = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), pid);
+    if (file.extension() != ".json" || error != std::errc() || end != digits.data() + digits.size() || pid <= 0)
+        return std::nullopt;
+    return pid;
+}
+
+/// What a file says of its process's start; none when it says nothing that can be read.
+std::optional<std::uint64_t> writtenStartTicks(const std::filesystem::path& file)
+{
+    try {
+        std::ifstream stream(file, std::ios::binary);
+        const std::string text{std::istreambuf_iterator<char>(stream), {}};
+        const auto object = json::parse(text).extract<Poco::JSON::Object::Ptr>();
+        return object->getValue<std::uint64_t>("startTicks");
+    } catch (const std::exception&) {
+        return std::nullopt; // of another version, or being written
+    }
+}
+
+bool isLeftBehind(const std::filesystem::path& file, pid_t pid)
+{
+    if (::kill(pid, 0) != 0 && errno == ESRCH)
+        return true;
+    const auto now = processStartTicks(pid);
+    const auto then = now ? writtenStartTicks(file) : std::nullopt;
+    return then && *then != *now;
+}
+
+/// Hosts that were killed leave their files. What cannot be removed stays; it does no harm.
+void removeLeftBehind(const std::filesystem::path& folder)
+{
+    constexpr int kMostLookedAt = 1'000;
+    constexpr off_t kMostBytes = 65'536;
+    std::error_code ignored;
+    int count = 0;
+    for (std::filesystem::directory_iterator entry(folder, ignored), end; entry != end && count < kMostLookedAt;
+         entry.increment(ignored), ++count) {
+        const auto& path = entry->path();
+        const auto pid = processOf(path);
+        struct stat status
+        {};
+        if (pid && *pid != ::getpid() && ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+            status.st_uid == ::geteuid() && status.st_size <= kMostBytes && isLeftBehind(path, *pid))
+            ::unlink(path.c_str());
+    }
 }
 
 } // namespace
@@ -96,20 +144,22 @@ std::filesystem::path DiscoveryFile::defaultFolder()
     return std::filesystem::path(home) / ".vendra" / "run";
 }
 
-DiscoveryFile::DiscoveryFile(const std::string& url, const std::string& token, const std::filesystem::path& folder)
+DiscoveryFile::DiscoveryFile(const DiscoveryContent& content, const std::filesystem::path& folder)
 {
     if (folder.filename() == "run")
         makeFolder(folder.parent_path());
     makeFolder(folder);
+    removeLeftBehind(folder);
 
     const std::filesystem::path target = folder / (std::to_string(::getpid()) + ".json");
     const std::filesystem::path temporary = folder / ("." + std::to_string(::getpid()) + ".json.new");
     ::unlink(temporary.c_str());
     {
-        const Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-        if (file.number() < 0)
+        const common::FileDescriptor file(
+            ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!file)
             failWithErrno(temporary, "cannot be made");
-        writeAll(file.number(), contentText(url, token), temporary);
+        writeAll(file.number(), contentText(content), temporary);
     }
     if (::rename(temporary.c_str(), target.c_str()) != 0) {
         const int code = errno;

@@ -2,8 +2,10 @@
 
 #include <arpa/inet.h>
 
+#include "connector/common/Log.h"
 #include "connector/core/Connector.h"
 #include "connector/http/HttpText.h"
+#include "connector/http/PeerList.h"
 #include "connector/http/WholeMatch.h"
 
 namespace connector::http {
@@ -11,9 +13,12 @@ namespace connector::http {
 namespace {
 
 constexpr const char* kAllowedHostsKey = "http.allowedHosts";
+constexpr const char* kAllowedPeersKey = "http.allowedPeers";
 
-bool isLoopback(const std::string& address)
+bool isThisMachine(const std::string& address)
 {
+    if (address == "unix")
+        return true;
     in_addr four{};
     if (inet_pton(AF_INET, address.c_str(), &four) == 1)
         return (ntohl(four.s_addr) >> 24) == 127;
@@ -25,6 +30,14 @@ bool isLoopback(const std::string& address)
 
 /// The port that a URL without one means.
 int defaultPort(std::string_view scheme) noexcept { return scheme == "https" ? 443 : 80; }
+
+/// Whether the request asks for the port that it came in on. Browsers and tools leave out the scheme's own port only.
+bool namesOwnPort(const HttpRequest& request, const Authority& asked)
+{
+    if (request.localPort == 0 || (asked.port < 0 && request.peerAddress == "unix"))
+        return true;
+    return request.localPort == (asked.port < 0 ? defaultPort(request.secure ? "https" : "http") : asked.port);
+}
 
 /// Where the browser may be led to from elsewhere: a folder's page or an index page.
 bool isEntryPage(std::string_view path) noexcept { return path.ends_with('/') || path.ends_with("/index.html"); }
@@ -44,52 +57,80 @@ bool isFromForeignPage(const HttpRequest& request)
 
 } // namespace
 
-/// The configured names, shared with the listener of the configuration.
-class HttpLocalHostFilterServiceProvider::AllowedHosts
+/// What the configuration allows besides this machine, shared with its listener.
+class HttpLocalHostFilterServiceProvider::Allowed
 {
 public:
-    void set(const std::vector<std::string>& hosts)
+    void setHosts(const std::vector<std::string>& hosts)
     {
         auto parsed = std::make_shared<std::vector<Authority>>();
         for (const auto& host : hosts) {
             Authority authority;
             if (Authority::parse(host, authority))
                 parsed->push_back(std::move(authority));
+            else
+                logBad(kAllowedHostsKey, host, "is no host");
         }
         std::lock_guard lock(mutex_);
         hosts_ = std::move(parsed);
     }
 
-    bool has(const Authority& asked) const
+    void setPeers(const std::vector<std::string>& peers)
     {
-        std::shared_ptr<const std::vector<Authority>> hosts;
-        {
-            std::lock_guard lock(mutex_);
-            hosts = hosts_;
-        }
-        return hosts && std::any_of(hosts->begin(), hosts->end(), [&asked](const Authority& allowed) {
-                   return allowed.host == asked.host && (allowed.port < 0 || allowed.port == asked.port);
-               });
+        auto parsed = std::make_shared<PeerList>();
+        for (const auto& peer : peers)
+            if (!parsed->add(peer))
+                logBad(kAllowedPeersKey, peer, "is neither an address nor a network");
+        std::lock_guard lock(mutex_);
+        peers_ = std::move(parsed);
     }
 
+    bool hasHost(const Authority& asked) const
+    {
+        const auto hosts = current(hosts_);
+        return std::any_of(hosts->begin(), hosts->end(), [&asked](const Authority& allowed) {
+            return allowed.host == asked.host && (allowed.port < 0 || allowed.port == asked.port);
+        });
+    }
+
+    bool hasPeer(const std::string& address) const { return current(peers_)->has(address); }
+
 private:
+    static void logBad(const char* key, const std::string& entry, const char* problem)
+    {
+        common::log("connector.http", common::LogLevel::warning,
+                    std::string(key) + ": \"" + printable(entry) + "\" " + problem + " and is left out.");
+    }
+
+    template <class T>
+    std::shared_ptr<const T> current(const std::shared_ptr<const T>& member) const
+    {
+        std::lock_guard lock(mutex_);
+        return member;
+    }
+
     mutable std::mutex mutex_;
-    std::shared_ptr<const std::vector<Authority>> hosts_;
+    std::shared_ptr<const std::vector<Authority>> hosts_ = std::make_shared<std::vector<Authority>>();
+    std::shared_ptr<const PeerList> peers_ = std::make_shared<PeerList>();
 };
 
 HttpLocalHostFilterServiceProvider::HttpLocalHostFilterServiceProvider(
     std::shared_ptr<configuration::Configuration> configuration, std::vector<boost::regex>&& whiteList,
     unsigned short status, std::string body)
     : configuration_(std::move(configuration)), whiteList_(std::move(whiteList)), status_(status),
-      body_(std::move(body)), allowedHosts_(std::make_shared<AllowedHosts>())
+      body_(std::move(body)), allowed_(std::make_shared<Allowed>())
 {
     // The listener comes first, so that no change between the two is missed.
     listener_ = configuration_->addListener(
-        kAllowedHostsKey, [hosts = allowedHosts_](const std::string&, const configuration::Value& value) {
-            if (const auto* list = std::get_if<std::vector<std::string>>(&value))
-                hosts->set(*list);
+        {}, [allowed = allowed_](const std::string& name, const configuration::Value& value) {
+            const auto* list = std::get_if<std::vector<std::string>>(&value);
+            if (list && name == kAllowedHostsKey)
+                allowed->setHosts(*list);
+            else if (list && name == kAllowedPeersKey)
+                allowed->setPeers(*list);
         });
-    allowedHosts_->set(configuration_->getList(kAllowedHostsKey));
+    allowed_->setHosts(configuration_->getList(kAllowedHostsKey));
+    allowed_->setPeers(configuration_->getList(kAllowedPeersKey));
 }
 
 HttpLocalHostFilterServiceProvider::~HttpLocalHostFilterServiceProvider() { configuration_->removeListener(listener_); }
@@ -110,17 +151,16 @@ MessageFuture HttpLocalHostFilterServiceProvider::handleHttp(std::unique_ptr<Htt
 
 std::unique_ptr<HttpResponse> HttpLocalHostFilterServiceProvider::check(const HttpRequest& request) const
 {
-    if (!isLoopback(request.peerAddress))
+    if (!isThisMachine(request.peerAddress) && !allowed_->hasPeer(request.peerAddress))
         return refusal(request, status_, body_);
 
     Authority asked;
     if (!Authority::parse(request.authority, asked))
         return refusal(request, 421, "The request names no host.");
-    const bool configured = allowedHosts_->has(asked);
-    const bool ownPort = request.localPort == 0 || asked.port < 0 || asked.port == request.localPort;
-    const bool whiteListed = ownPort && std::any_of(whiteList_.begin(), whiteList_.end(), [&asked](const auto& host) {
-                                 return matchesWhole(asked.host, host);
-                             });
+    const bool configured = allowed_->hasHost(asked);
+    const bool whiteListed = namesOwnPort(request, asked) &&
+                             std::any_of(whiteList_.begin(), whiteList_.end(),
+                                         [&asked](const auto& host) { return matchesWhole(asked.host, host); });
     if (!configured && !whiteListed)
         return refusal(request, 421, "This server does not answer for the host " + printable(request.authority) + ".");
 

@@ -9,10 +9,11 @@
 
 namespace connector::http {
 
-/// Lets through what comes from this machine, was meant for it, and was not sent by a foreign web page; see
-/// docs/http.md for the rules. Everything else is answered here:
-///   a peer that is not loopback                                the constructor's status and body
-///   a Host that is neither in the white list nor allowed       421
+/// Lets through what comes from this machine or a peer of http.allowedPeers, was meant for this server, and was not
+/// sent by a foreign web page; see docs/http.md for the rules. Everything else is answered here:
+///   another peer                                               the constructor's status and body
+///   a Host that is neither in the white list, with the port    421
+///   in use, nor allowed
 ///   a foreign or "null" Origin, or a request that another      403
 ///   site's page makes, other than by leading to an entry page
 class CONNECTOR_API HttpLocalHostFilterServiceProvider final : public HttpServiceProvider
@@ -31,7 +32,7 @@ public:
                              std::shared_ptr<Context>&& context) override;
 
 private:
-    class AllowedHosts;
+    class Allowed;
 
     std::unique_ptr<HttpResponse> check(const HttpRequest& request) const;
 
@@ -39,7 +40,7 @@ private:
     const std::vector<boost::regex> whiteList_;
     const unsigned short status_;
     const std::string body_;
-    const std::shared_ptr<AllowedHosts> allowedHosts_;
+    const std::shared_ptr<Allowed> allowed_;
     configuration::Configuration::ListenerId listener_ = 0;
 };
 

@@ -15,10 +15,15 @@ bool hasBearerToken(const HttpRequest& request)
     return authorization && equalsIgnoringCase(std::string_view(*authorization).substr(0, 7), "Bearer ");
 }
 
-std::string cookieText(const std::string& secret, bool secure)
+std::string cookieName(const HttpRequest& request)
 {
-    return std::string(HttpSessionServiceProvider::kCookieName) + "=" + secret + "; Path=/; HttpOnly; SameSite=Strict" +
-           (secure ? "; Secure" : "");
+    return cookieNameOfPort(HttpSessionServiceProvider::kCookieName, request.localPort);
+}
+
+std::string cookieText(const HttpRequest& request, const std::string& secret)
+{
+    return cookieName(request) + "=" + secret + "; Path=/; HttpOnly; SameSite=Strict" +
+           (request.secure ? "; Secure" : "");
 }
 
 } // namespace
@@ -38,7 +43,7 @@ MessageFuture HttpSessionServiceProvider::handleHttp(std::unique_ptr<HttpRequest
         return connector->handle(std::move(request), std::move(rest), std::move(context));
 
     context->setHttpSession(created->session);
-    const std::string cookie = cookieText(created->secret, request->secure);
+    const std::string cookie = cookieText(*request, created->secret);
     return connector->handle(std::move(request), std::move(rest), std::move(context))
         .then([sessions = sessions_, id = created->session->id(), cookie](MessageFuture settled) {
             try {
@@ -58,7 +63,7 @@ MessageFuture HttpSessionServiceProvider::handleHttp(std::unique_ptr<HttpRequest
 
 std::shared_ptr<HttpSession> HttpSessionServiceProvider::findSession(const HttpRequest& request) const
 {
-    for (const auto secret : cookieValues(request.headers, kCookieName)) {
+    for (const auto secret : cookieValues(request.headers, cookieName(request))) {
         if (auto session = sessions_->find(std::string(secret)))
             return session;
     }

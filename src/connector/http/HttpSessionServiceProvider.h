@@ -13,6 +13,7 @@ namespace connector::http {
 class CONNECTOR_API HttpSessionServiceProvider final : public HttpServiceProvider
 {
 public:
+    /// The cookie's name, before the port.
     static constexpr const char* kCookieName = "VENDRASESSION";
 
     explicit HttpSessionServiceProvider(std::shared_ptr<HttpSessionManager> sessions) : sessions_(std::move(sessions))

@@ -23,7 +23,9 @@
 #include "connector/json/JsonSerializerImpl.h"
 #include "connector/json/JsonSerializerServiceProvider.h"
 #include "connector/security/HttpNonceServiceProvider.h"
-#include "connector/security/NonceService.h"
+#include "connector/security/NonceGeneratorHttpServiceProvider.h"
+#include "connector/security/NonceJsonSerialization.h"
+#include "connector/security/NonceServiceProviderImpl.h"
 #include "wiring/core/Drivers.h"
 #include "wiring/core/Module.h"
 #include "wiring/core/Slot.h"
@@ -71,7 +73,10 @@ constexpr std::array<Step, 29> teardownGroups{{
     {"login"},
     {"pairing_key"},
     {"rest_vendra"},
-    {"security", release<security::v1::NonceServiceImpl, security::v1::HttpNonceServiceProvider>},
+    {"security", release<security::v1::NonceGeneratorHelperImpl, security::v1::NonceGeneratorHttpServiceProvider,
+                         security::NonceGeneratorHttpRouteProvider, security::v1::NonceServiceImpl,
+                         security::v1::NonceServiceProviderImpl, security::v1::NonceJsonSerialization,
+                         security::v1::HttpNonceServiceProvider>},
     {"session"},
     {"shadow_files"},
     {"worker"},

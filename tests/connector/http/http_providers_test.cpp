@@ -1,9 +1,12 @@
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <set>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "connector/administration/AdministrationImpl.h"
@@ -24,6 +27,7 @@
 #include "connector/http/HttpRouterServiceProvider.h"
 #include "connector/http/HttpSessionManagerImpl.h"
 #include "connector/http/HttpSessionServiceProvider.h"
+#include "connector/http/ProcessStart.h"
 #include "connector/http/http_client.h"
 #include "connector/json/JsonSerializerImpl.h"
 
@@ -227,10 +231,11 @@ protected:
 
 TEST_F(LocalHostFilter, answersForItsOwnNamesOnly)
 {
-    for (const char* host : {"localhost", "LocalHost:8080", "127.0.0.1:8080", "[::1]:8080"})
+    for (const char* host : {"localhost:8080", "LocalHost:8080", "127.0.0.1:8080", "[::1]:8080"})
         EXPECT_EQ(statusOfHost(host), 200u) << host;
     for (const char* host : {"", "localhost:8081", "localhost.evil.example:8080", "evil.example", "xlocalhost",
-                             "127.0.0.1.x", "127a0b0c1", "0.0.0.0:8080", "[::]:8080", "localhost:"})
+                             "127.0.0.1.x:8080", "127a0b0c1:8080", "0.0.0.0:8080", "0.0.0.0", "[::]:8080", "127.1:8080",
+                             "2130706433:8080", "localhost:", "localhost", "127.0.0.1", "[::1]"})
         EXPECT_EQ(statusOfHost(host), 421u) << host;
 
     configuration->set("http.allowedHosts", std::vector<std::string>{"lab.example", "proxy.example:443"});
@@ -240,6 +245,60 @@ TEST_F(LocalHostFilter, answersForItsOwnNamesOnly)
         EXPECT_EQ(statusOfHost(host), 421u) << host;
     configuration->unset("http.allowedHosts");
     EXPECT_EQ(statusOfHost("lab.example"), 421u);
+}
+
+TEST_F(LocalHostFilter, wantsThePortUnlessItGoesWithoutSaying)
+{
+    struct Case
+    {
+        unsigned status;
+        std::string host;
+        std::uint16_t port;
+        bool secure;
+        std::string peer;
+    };
+    const std::string local = "127.0.0.1";
+    const std::vector<Case> cases{
+        {200, "localhost", 80, false, local},       {421, "localhost", 80, true, local},
+        {200, "localhost", 443, true, local},       {421, "localhost", 443, false, local},
+        {200, "localhost:443", 443, true, local},   {421, "localhost", 8080, true, local},
+        {200, "localhost", 0, false, local},        {200, "localhost:7", 0, false, local},
+        {200, "localhost", 8080, false, "unix"},    {200, "localhost", 0, false, "unix"},
+        {421, "localhost:81", 8080, false, "unix"}, {421, "evil.example", 0, false, "unix"},
+        {404, "localhost", 80, false, "unix2"},
+    };
+    for (const auto& [status, host, port, secure, peer] : cases) {
+        auto asked = request("GET", "/");
+        asked->authority = host;
+        asked->localPort = port;
+        asked->secure = secure;
+        asked->peerAddress = peer;
+        EXPECT_EQ(statusOf(std::move(asked)), status) << host << " on " << port << " from " << peer;
+    }
+}
+
+TEST_F(LocalHostFilter, letsAllowedPeersPass)
+{
+    const auto statusOfPeer = [&](const std::string& peer) {
+        auto asked = request("GET", "/");
+        asked->peerAddress = peer;
+        return statusOf(std::move(asked));
+    };
+    configuration->set("http.allowedPeers",
+                       std::vector<std::string>{"10.1.2.3", "192.168.4.7/22", "fd00:1::/33", "2001:db8::5",
+                                                "172.16.0.0/", "172.16.0.0/33", "172.16.0.0/-1", "172.16.0.0/8x",
+                                                "172.16/12", "x", "", "fe80::/129", "/0"});
+    for (const char* peer : {"10.1.2.3", "::ffff:10.1.2.3", "192.168.4.0", "192.168.7.255", "::ffff:192.168.5.5",
+                             "fd00:1::1", "fd00:1:7fff::1", "2001:db8::5", "127.0.0.1"})
+        EXPECT_EQ(statusOfPeer(peer), 200u) << peer;
+    for (const char* peer : {"10.1.2.4", "::10.1.2.3", "192.168.3.255", "192.168.8.0", "fd00:1:8000::1", "fd00:2::1",
+                             "2001:db8::6", "172.16.0.1", "fe80::1", "", "x"})
+        EXPECT_EQ(statusOfPeer(peer), 404u) << peer;
+    configuration->set("http.allowedPeers", std::vector<std::string>{"0.0.0.0/0"});
+    EXPECT_EQ(statusOfPeer("8.8.8.8"), 200u);
+    EXPECT_EQ(statusOfPeer("2001:db8::5"), 404u) << "of the other family";
+    configuration->unset("http.allowedPeers");
+    EXPECT_EQ(statusOfPeer("8.8.8.8"), 404u);
 }
 
 TEST_F(LocalHostFilter, hidesFromOtherMachines)
@@ -321,17 +380,20 @@ TEST_F(Sessions, knowsAClientByItsCookie)
 {
     const auto first = send({});
     const std::string cookie = first->headers.get("Set-Cookie");
-    ASSERT_EQ(cookie.find("VENDRASESSION="), 0u);
+    ASSERT_EQ(cookie.find("VENDRASESSION_8080="), 0u);
     EXPECT_NE(cookie.find("; Path=/; HttpOnly; SameSite=Strict"), std::string::npos);
     const std::string pair = cookie.substr(0, cookie.find(';'));
-    EXPECT_GE(pair.size() - 14, 32u) << "at least 128 bits";
+    EXPECT_GE(pair.size() - 19, 32u) << "at least 128 bits";
 
     const auto second = send({{"Cookie", "a=b; " + pair}});
     EXPECT_EQ(second->headers.get("Session"), first->headers.get("Session"));
     EXPECT_EQ(second->headers.count("Set-Cookie"), 0u);
-    const auto third = send({{"Cookie", "VENDRASESSION=" + first->headers.get("Session")}});
+    const auto third = send({{"Cookie", "VENDRASESSION_8080=" + first->headers.get("Session")}});
     EXPECT_NE(third->headers.get("Session"), first->headers.get("Session")) << "the id is no secret";
-    EXPECT_EQ(manager->size(), 2u);
+    const auto fourth =
+        send({{"Cookie", "VENDRASESSION" + pair.substr(18) + "; VENDRASESSION_8081" + pair.substr(18)}});
+    EXPECT_NE(fourth->headers.get("Session"), first->headers.get("Session")) << "of other ports";
+    EXPECT_EQ(manager->size(), 3u);
 
     manager->end(first->headers.get("Session"));
     EXPECT_NE(send({{"Cookie", pair}})->headers.get("Session"), first->headers.get("Session"));
@@ -445,13 +507,17 @@ std::string contentOf(const fs::path& path)
 TEST(DiscoveryFile, tellsItsOwnerOnly)
 {
     const RuntimeFolder runtime;
+    const auto ticks = processStartTicks(::getpid());
+    ASSERT_TRUE(ticks);
+    EXPECT_LE(std::abs(startSeconds(*ticks) - std::time(nullptr)), 3'600) << "this test runs for a short while";
     fs::path path;
     {
-        const DiscoveryFile file("http://127.0.0.1:1/", "abc");
+        const DiscoveryFile file({"http://127.0.0.1:1/", "abc", "f00d"});
         path = file.path();
         EXPECT_EQ(path, runtime.path / "vendra" / (std::to_string(::getpid()) + ".json"));
-        EXPECT_EQ(contentOf(path),
-                  R"({"url":"http://127.0.0.1:1/","pid":)" + std::to_string(::getpid()) + ",\"token\":\"abc\"}\n");
+        EXPECT_EQ(contentOf(path), R"({"url":"http://127.0.0.1:1/","pid":)" + std::to_string(::getpid()) +
+                                       ",\"started\":" + std::to_string(startSeconds(*ticks)) + ",\"startTicks\":" +
+                                       std::to_string(*ticks) + ",\"token\":\"abc\",\"fingerprint\":\"f00d\"}\n");
         struct stat status
         {};
         ASSERT_EQ(::stat(path.c_str(), &status), 0);
@@ -463,7 +529,7 @@ TEST(DiscoveryFile, tellsItsOwnerOnly)
 
     const auto refusal = [&] {
         try {
-            const DiscoveryFile file("u", "t");
+            const DiscoveryFile file({"u", "t", ""});
             return std::string("made");
         } catch (const std::runtime_error& error) {
             return std::string(error.what());
@@ -475,6 +541,44 @@ TEST(DiscoveryFile, tellsItsOwnerOnly)
     fs::remove(folder);
     fs::create_directory_symlink(runtime.path, folder);
     EXPECT_EQ(refusal(), "Discovery file: " + folder + " is not a folder");
+}
+
+TEST(DiscoveryFile, removesWhatOthersLeftBehind)
+{
+    const RuntimeFolder runtime;
+    const fs::path folder = runtime.path / "vendra";
+    fs::create_directory(folder);
+    fs::permissions(folder, fs::perms::owner_all);
+    const auto write = [&](const std::string& name, const std::string& text) { std::ofstream(folder / name) << text; };
+    const pid_t gone = ::fork();
+    if (gone == 0)
+        ::_exit(0);
+    ASSERT_EQ(::waitpid(gone, nullptr, 0), gone);
+    const std::string parent = std::to_string(::getppid());
+    const std::string parentStart = std::to_string(processStartTicks(::getppid()).value());
+    const std::string dead = std::to_string(gone);
+    const std::string own = std::to_string(::getpid());
+
+    write(dead + ".json", "{}");
+    write("1.json", R"({"startTicks":99999999999})");
+    write(parent + ".json", R"({"startTicks":)" + parentStart + "}");
+    write(own + ".json", R"({"url":"of a process that had the number before"})");
+    write("." + dead + ".json", "");
+    write(dead + ".txt", "");
+    write("x" + dead + ".json", "");
+    write("-" + dead + ".json", "");
+    fs::create_directory(folder / "999999999.json");
+    const DiscoveryFile file({"u", "t", ""});
+
+    std::set<std::string> left;
+    for (const auto& entry : fs::directory_iterator(folder))
+        left.insert(entry.path().filename());
+    EXPECT_EQ(left, (std::set<std::string>{own + ".json", parent + ".json", "." + dead + ".json", dead + ".txt",
+                                           "x" + dead + ".json", "-" + dead + ".json", "999999999.json"}));
+    EXPECT_TRUE(contentOf(file.path()).starts_with("{\"url\":\"u\""));
+    write(parent + ".json", "not json");
+    const DiscoveryFile again({"u", "t", ""});
+    EXPECT_TRUE(fs::exists(folder / (parent + ".json"))) << "its process runs";
 }
 
 TEST(AccessToken, matchesItselfOnly)

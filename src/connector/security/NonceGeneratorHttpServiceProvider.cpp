@@ -1,0 +1,51 @@
+#include "connector/security/NonceGeneratorHttpServiceProvider.h"
+
+#include <stdexcept>
+
+#include "connector/json/JsonFields.h"
+#include "connector/json/JsonText.h"
+
+namespace connector::security {
+namespace v1 {
+
+NonceGeneratorHttpServiceProvider::NonceGeneratorHttpServiceProvider(
+    std::shared_ptr<NonceGeneratorHelper> helper, std::shared_ptr<configuration::Configuration> configuration)
+    : helper_(std::move(helper)), configuration_(std::move(configuration)),
+      credentials_(*configuration_, false) // the guard logs what is wrong with the access key
+{}
+
+std::vector<std::string> NonceGeneratorHttpServiceProvider::methods() const { return {"POST"}; }
+
+MessageFuture NonceGeneratorHttpServiceProvider::post(Request&& request, Address&&, std::shared_ptr<Context>&&)
+{
+    if (!credentials_.areIn(*request))
+        return makeReadyFuture<std::unique_ptr<Message>>(unauthorized(*request));
+
+    const auto life = std::chrono::seconds(configuration_->getInteger("security.entryLifeSeconds"));
+    std::string nonce;
+    try {
+        nonce = helper_->makeEntryNonce(life);
+    } catch (const std::runtime_error& error) {
+        return makeReadyFuture<std::unique_ptr<Message>>(http::refusal(*request, 503, error.what()));
+    }
+    // The localhost filter let only our own names through.
+    const std::string base = (request->secure ? "https://" : "http://") + request->authority + "/";
+    auto object = json::makeObject();
+    object->set("nonce", nonce);
+    object->set("url", helper_->makeUrl(base, nonce));
+    object->set("expiresInSeconds", static_cast<std::int64_t>(life.count()));
+    auto response = std::make_unique<http::HttpResponse>(200, "application/json", json::write(object));
+    response->headers.set("Cache-Control", "no-store");
+    return makeReadyFuture<std::unique_ptr<Message>>(std::move(response));
+}
+
+} // namespace v1
+
+NonceGeneratorHttpRouteProvider::NonceGeneratorHttpRouteProvider(std::shared_ptr<http::HttpRouter> router,
+                                                                 Address address)
+    : HttpRouteProvider(std::move(router))
+{
+    add(kPath, std::move(address));
+}
+
+} // namespace connector::security

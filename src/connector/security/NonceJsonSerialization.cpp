@@ -1,0 +1,73 @@
+#include "connector/security/NonceJsonSerialization.h"
+
+#include "connector/json/JsonFields.h"
+#include "connector/security/NonceMessages.h"
+
+namespace connector::security::v1 {
+
+namespace {
+
+using json::Object;
+
+template <class Value>
+Object::Ptr objectWith(const char* name, const Value& value)
+{
+    auto object = json::makeObject();
+    object->set(name, value);
+    return object;
+}
+
+} // namespace
+
+NonceJsonSerialization::NonceJsonSerialization(std::shared_ptr<json::JsonSerializer> serializer)
+    : JsonSerialization(std::move(serializer))
+{
+    add<CreateNonce>(
+        "CreateNonce",
+        [](const CreateNonce& message) {
+            auto object = objectWith("purpose", message.purpose);
+            object->set("lifeSeconds", message.lifeSeconds);
+            return object;
+        },
+        [](const Object& object) {
+            auto message = std::make_unique<CreateNonce>();
+            message->purpose = json::requireString(object, "purpose");
+            message->lifeSeconds = json::optionalInteger(object, "lifeSeconds", message->lifeSeconds);
+            return message;
+        });
+    add<CreateNonceResponse>("CreateNonceResponse",
+                             [](const CreateNonceResponse& message) { return objectWith("nonce", message.nonce); }, {});
+    add<RedeemNonce>(
+        "RedeemNonce",
+        [](const RedeemNonce& message) {
+            auto object = objectWith("nonce", message.nonce);
+            object->set("purpose", message.purpose);
+            return object;
+        },
+        [](const Object& object) {
+            auto message = std::make_unique<RedeemNonce>();
+            message->nonce = json::requireString(object, "nonce");
+            message->purpose = json::requireString(object, "purpose");
+            return message;
+        });
+    add<RedeemNonceResponse>("RedeemNonceResponse",
+                             [](const RedeemNonceResponse& message) { return objectWith("valid", message.valid); }, {});
+    add<CreateEntryUrl>(
+        "CreateEntryUrl",
+        [](const CreateEntryUrl& message) {
+            auto object = objectWith("baseUrl", message.baseUrl);
+            object->set("lifeSeconds", message.lifeSeconds);
+            return object;
+        },
+        [](const Object& object) {
+            auto message = std::make_unique<CreateEntryUrl>();
+            message->baseUrl = json::requireString(object, "baseUrl");
+            message->lifeSeconds = json::optionalInteger(object, "lifeSeconds", message->lifeSeconds);
+            return message;
+        });
+    add<CreateEntryUrlResponse>("CreateEntryUrlResponse",
+                                [](const CreateEntryUrlResponse& message) { return objectWith("url", message.url); },
+                                {});
+}
+
+} // namespace connector::security::v1

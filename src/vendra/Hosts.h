@@ -1,0 +1,22 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "vendra/Announcement.h"
+
+namespace vendra {
+
+/// What the user's hosts in `folder` announce, the longest running first. Files that a host left behind are skipped,
+/// also when another process has its number now.
+std::vector<Announcement> runningHosts(const std::filesystem::path& folder);
+
+/// A table with a head: number, address and local time of the start of each host.
+std::string hostTable(const std::vector<Announcement>& hosts);
+
+/// The host with this number, the newest without one. Throws std::runtime_error when there is none.
+Announcement chooseHost(const std::vector<Announcement>& hosts, std::optional<int> pid);
+
+} // namespace vendra
