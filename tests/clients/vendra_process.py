@@ -19,8 +19,9 @@ class Vendra:
         self._executable = executable
         self._command = [executable, "--connector", *arguments]
         self._folder = tempfile.TemporaryDirectory(prefix="vendra-test-")
-        home = self._folder.name
-        self.environment = {**os.environ, "HOME": home, "XDG_RUNTIME_DIR": home, "XDG_CONFIG_HOME": home,
+        self.home = self._folder.name
+        self.environment = {**os.environ, "HOME": self.home, "XDG_RUNTIME_DIR": self.home,
+                            "XDG_CONFIG_HOME": self.home,
                             **(environment or {})}
         self.process = None
 
@@ -56,8 +57,11 @@ class Vendra:
         return subprocess.run([self._executable, *arguments], env=self.environment, timeout=TIMEOUT, text=True,
                               stdin=subprocess.DEVNULL, capture_output=True, check=False)
 
-    def connection(self):
+    def connection(self, context=None):
+        """`context`: for a host that speaks TLS."""
         where = urllib.parse.urlsplit(self.url)
+        if context:
+            return http.client.HTTPSConnection(where.hostname, where.port, timeout=TIMEOUT, context=context)
         return http.client.HTTPConnection(where.hostname, where.port, timeout=TIMEOUT)
 
     def headers(self):

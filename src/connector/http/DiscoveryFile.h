@@ -12,8 +12,8 @@ struct DiscoveryContent
 {
     std::string url;
     std::string token; ///< empty: left out
-    std::string
-        fingerprint; ///< of the server's certificate: SHA-256 of its DER, 64 hexadecimal digits; empty: left out
+    /// SHA-256 of the DER form of the server's certificate, 64 hexadecimal digits; empty: left out.
+    std::string fingerprint;
 };
 
 /// Tells programs of the same user where this process listens and what lets them in: `<folder>/<pid>.json`, mode 0600,

@@ -5,6 +5,7 @@
 #include "connector/common/Log.h"
 #include "connector/http/AccessToken.h"
 #include "connector/http/HttpConfiguration.h"
+#include "connector/http/TlsIdentity.h"
 
 namespace connector::http {
 
@@ -153,6 +154,8 @@ HttpManagerServiceProviderImpl::Port HttpManagerServiceProviderImpl::open(std::o
     port.server->open();
     port.number = port.server->port();
     port.url = urlText(settings, port.number);
+    if (settings.tls)
+        port.fingerprint = certificateFingerprint(settings.tls->certificate);
     bool listed = false;
     {
         std::lock_guard lock(mutex_);
@@ -190,7 +193,8 @@ void HttpManagerServiceProviderImpl::announce()
         const auto connector = connector_.lock();
         const bool withToken = connector && readTokenFileWanted(*connector);
         discovery_.emplace(
-            DiscoveryContent{open.front().url, withToken ? AccessToken::ofProcess().text() : std::string(), {}});
+            DiscoveryContent{open.front().url, withToken ? AccessToken::ofProcess().text() : std::string(),
+                             open.front().fingerprint});
     } catch (const std::exception& error) {
         common::log("connector.http", common::LogLevel::error,
                     std::string("Programs of this user cannot find this server: ") + error.what());

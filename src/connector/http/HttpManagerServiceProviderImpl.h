@@ -31,6 +31,7 @@ private:
     {
         std::uint16_t number = 0;
         std::string url;
+        std::string fingerprint; ///< of its certificate; empty without TLS
         std::shared_ptr<PocoHttpsServer> server;
     };
 
