@@ -22,6 +22,7 @@ std::vector<Key> makeKeys()
         {"http.address", text("127.0.0.1"), "The address to listen on; beyond loopback only with TLS"},
         {"http.allowedHosts", List{}, "Host names besides the loopback ones that requests may name"},
         {"http.bodyTimeoutSeconds", integer(60), "Time for a request's body to arrive", 1, kDaySeconds},
+        {"http.contentRoots", List{}, "More folders to serve files from, each as prefix=folder"},
         {"http.headTimeoutSeconds", integer(10), "Time for a request's head to arrive", 1, kDaySeconds},
         {"http.idleTimeoutSeconds", integer(120), "Time a connection may be silent between requests", 1, kDaySeconds},
         {"http.ioThreads", integer(2), "Threads that serve connections", 1, 16},

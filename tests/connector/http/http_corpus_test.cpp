@@ -16,10 +16,10 @@ void run(const std::string& bytes)
 }
 
 /// The target ends the process at a broken promise.
-TEST(HttpHeadCorpus, keepsItsPromises)
+TEST(HttpCorpus, keepsItsPromises)
 {
     int files = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(HTTP_HEAD_CORPUS)) {
+    for (const auto& entry : std::filesystem::directory_iterator(HTTP_CORPUS)) {
         std::ifstream file(entry.path(), std::ios::binary);
         std::string bytes{std::istreambuf_iterator<char>(file), {}};
         run(bytes);
