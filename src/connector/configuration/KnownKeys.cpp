@@ -24,6 +24,7 @@ std::vector<Key> makeKeys()
         {"http.allowedPeers", List{}, "Addresses and networks besides this machine that may connect"},
         {"http.bodyTimeoutSeconds", integer(60), "Time for a request's body to arrive", 1, kDaySeconds},
         {"http.certificateFile", text(""), "Certificate chain for TLS (PEM); empty for one of the installation's own"},
+        {"http.contentRoots", List{}, "More folders to serve files from, each as prefix=folder"},
         {"http.headTimeoutSeconds", integer(10), "Time for a request's head to arrive", 1, kDaySeconds},
         {"http.idleTimeoutSeconds", integer(120), "Time a connection may be silent between requests", 1, kDaySeconds},
         {"http.ioThreads", integer(2), "Threads that serve connections", 1, 16},

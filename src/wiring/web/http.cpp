@@ -11,7 +11,13 @@
 #include "connector/http/HttpRouterServiceProvider.h"
 #include "connector/http/HttpSessionManagerImpl.h"
 #include "connector/http/HttpSessionServiceProvider.h"
+#include "connector/http/StaticContentManagerJsonSerialization.h"
+#include "connector/http/StaticContentManagerServiceProviderImpl.h"
+#include "connector/http/StaticContentServiceImpl.h"
+#include "connector/http/StaticContentServiceProvider.h"
+#include "connector/http/VendraToolboxStaticContentServiceProvider.h"
 #include "connector/json/JsonSerializerImpl.h"
+#include "platform/fl/filesystem.h"
 #include "wiring/core/Installers.h"
 #include "wiring/core/Slot.h"
 
@@ -42,10 +48,33 @@ std::vector<std::pair<std::string, Address>> routes()
     };
 }
 
+// An installation whose place is not known has relative folders here, which have no files.
+StaticContentServiceImpl::Roots contentRoots()
+{
+    using fl::filesystem::detail::concatenate_pathname;
+    auto root = fl::filesystem::get_install_path();
+    if (!root.empty())
+        root = fl::filesystem::detail::make_native_form(root);
+    const auto folder = [&root](std::initializer_list<const wchar_t*> pieces) {
+        auto path = root;
+        for (const wchar_t* piece : pieces)
+            path = concatenate_pathname(path, piece);
+        return path;
+    };
+    return {
+        {"/ui", folder({L"ui"})},
+        {"/remote", folder({L"remote"})},
+        {"/toolbox", folder({L"toolbox"})},
+        {"/vendra/toolbox", folder({L"toolbox"})},
+        {"/derived", folder({L"derived"})},
+        {"/test", folder({L"test"})},
+        {"", folder({L"toolbox", L"vendra", L"connector2", L"connector", L"docroot"})},
+    };
+}
+
 } // namespace
 
-// Static content, the toolbox content and the outgoing client are not built yet: the routes that name them are answered
-// with 503.
+// The outgoing client is not built yet.
 void installHttpServices()
 {
     construct<HttpCommandProvider>(slot<ConnectorImpl2>, slot<AdministrationImpl>, Address{"connector/http/manager"});
@@ -59,16 +88,25 @@ void installHttpServices()
     construct<HttpManagerServiceProviderImpl>(slot<ConnectorImpl2>);
     construct<HttpSessionManagerImpl>();
     construct<HttpSessionServiceProvider>(slot<HttpSessionManagerImpl>);
+    construct<VendraToolboxStaticContentServiceProvider>();
     construct<HttpLocalHostFilterServiceProvider>(slot<ConfigurationImpl>,
                                                   HttpLocalHostFilterServiceProvider::defaultWhiteList(),
                                                   static_cast<unsigned short>(404), std::string("Not Found."));
+    construct<StaticContentServiceImpl>(slot<ConfigurationImpl>, contentRoots(), StaticContentServiceImpl::Flags(),
+                                        false);
+    construct<StaticContentServiceProvider>(slot<StaticContentServiceImpl>);
+    construct<StaticContentManagerServiceProviderImpl>(slot<StaticContentServiceImpl>);
+    construct<StaticContentManagerJsonSerialization>(slot<JsonSerializerImpl>);
 
     serve<HttpManagerServiceProviderImpl>("connector/http/manager");
     serve<HttpRouterServiceProvider>("connector/http/router");
+    serve<StaticContentManagerServiceProviderImpl>("connector/http/staticContentManager");
+    serve<StaticContentServiceProvider>("connector/http/staticContent");
     serve<HttpPathFilterServiceProvider>("connector/http/pathFilter");
     serve<HttpLocalHostFilterServiceProvider>("connector/http/localhostFilter");
     serve<HttpResponseHeaderServiceProvider>("connector/http/responseHeader");
     serve<HttpConstantServiceProvider>("connector/http/serviceUnavailable");
+    serve<VendraToolboxStaticContentServiceProvider>("connector/http/vendraToolbox");
     serve<HttpSessionServiceProvider>("connector/http/session");
 }
 

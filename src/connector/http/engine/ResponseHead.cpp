@@ -1,8 +1,7 @@
 #include "connector/http/engine/ResponseHead.h"
 
-#include <array>
-
 #include "connector/http/HttpText.h"
+#include "connector/http/content/HttpDate.h"
 
 namespace connector::http::engine {
 
@@ -21,18 +20,7 @@ bool isOfTheEngine(std::string_view name) noexcept
 const std::string& DateText::at(std::time_t now)
 {
     if (now != second_) {
-        std::tm parts{};
-        gmtime_r(&now, &parts);
-        // Not strftime: names of days and months must not follow the host's locale.
-        static constexpr std::array<const char*, 7> kDays{"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-        static constexpr std::array<const char*, 12> kMonths{"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                                             "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-        std::array<char, 64> text{};
-        std::snprintf(text.data(), text.size(), "%s, %02d %s %04d %02d:%02d:%02d GMT",
-                      kDays[static_cast<std::size_t>(parts.tm_wday)], parts.tm_mday,
-                      kMonths[static_cast<std::size_t>(parts.tm_mon)], parts.tm_year + 1900, parts.tm_hour,
-                      parts.tm_min, parts.tm_sec);
-        text_ = text.data();
+        text_ = content::formatHttpDate(now);
         second_ = now;
     }
     return text_;
