@@ -17,6 +17,7 @@
 #include "connector/http/HttpRouterServiceProvider.h"
 #include "connector/http/HttpSessionManagerImpl.h"
 #include "connector/http/HttpSessionServiceProvider.h"
+#include "connector/http/PocoHttpClientServiceProvider.h"
 #include "connector/information/ClientTypeServiceProvider.h"
 #include "connector/interpreter/InterpreterServiceProvider.h"
 #include "connector/interpreter/InterpreterWire.h"
@@ -53,11 +54,11 @@ constexpr std::array<Step, 29> teardownGroups{{
     {"registry", release<ConnectorImpl2>},
     {"gds"},
     {"hitchhiker"},
-    {"http",
-     release<http::HttpCommandProvider, http::HttpConstantServiceProvider, http::HttpPathFilterServiceProvider,
-             http::HttpResponseHeaderServiceProvider, http::HttpRouterImpl, http::HttpRouterServiceProvider,
-             http::HttpManagerJsonSerialization, http::HttpManagerServiceProviderImpl, http::HttpSessionManagerImpl,
-             http::HttpSessionServiceProvider, http::HttpLocalHostFilterServiceProvider>},
+    {"http", release<http::HttpCommandProvider, http::HttpConstantServiceProvider, http::HttpPathFilterServiceProvider,
+                     http::HttpResponseHeaderServiceProvider, http::HttpRouterImpl, http::HttpRouterServiceProvider,
+                     http::HttpManagerJsonSerialization, http::HttpManagerServiceProviderImpl,
+                     http::HttpSessionManagerImpl, http::HttpSessionServiceProvider,
+                     http::PocoHttpClientServiceProvider, http::HttpLocalHostFilterServiceProvider>},
     {"information", release<information::v1::ClientTypeServiceProvider>},
     {"interpreter",
      release<interpreter::v1::InterpreterJsonSerialization, interpreter::v1::InterpreterMessageMapProvider,

@@ -11,6 +11,7 @@
 #include "connector/http/HttpRouterServiceProvider.h"
 #include "connector/http/HttpSessionManagerImpl.h"
 #include "connector/http/HttpSessionServiceProvider.h"
+#include "connector/http/PocoHttpClientServiceProvider.h"
 #include "connector/json/JsonSerializerImpl.h"
 #include "wiring/core/Installers.h"
 #include "wiring/core/Slot.h"
@@ -44,8 +45,7 @@ std::vector<std::pair<std::string, Address>> routes()
 
 } // namespace
 
-// Static content, the toolbox content and the outgoing client are not built yet: the routes that name them are answered
-// with 503.
+// Static content and the toolbox content are not built yet: the routes that name them are answered with 503.
 void installHttpServices()
 {
     construct<HttpCommandProvider>(slot<ConnectorImpl2>, slot<AdministrationImpl>, Address{"connector/http/manager"});
@@ -59,6 +59,7 @@ void installHttpServices()
     construct<HttpManagerServiceProviderImpl>(slot<ConnectorImpl2>);
     construct<HttpSessionManagerImpl>();
     construct<HttpSessionServiceProvider>(slot<HttpSessionManagerImpl>);
+    construct<PocoHttpClientServiceProvider>();
     construct<HttpLocalHostFilterServiceProvider>(slot<ConfigurationImpl>,
                                                   HttpLocalHostFilterServiceProvider::defaultWhiteList(),
                                                   static_cast<unsigned short>(404), std::string("Not Found."));
@@ -70,6 +71,7 @@ void installHttpServices()
     serve<HttpResponseHeaderServiceProvider>("connector/http/responseHeader");
     serve<HttpConstantServiceProvider>("connector/http/serviceUnavailable");
     serve<HttpSessionServiceProvider>("connector/http/session");
+    serve<PocoHttpClientServiceProvider>("connector/http/client");
 }
 
 } // namespace wiring
