@@ -192,9 +192,8 @@ void HttpManagerServiceProviderImpl::announce()
     try {
         const auto connector = connector_.lock();
         const bool withToken = connector && readTokenFileWanted(*connector);
-        discovery_.emplace(
-            DiscoveryContent{open.front().url, withToken ? AccessToken::ofProcess().text() : std::string(),
-                             open.front().fingerprint});
+        discovery_.emplace(DiscoveryContent{
+            open.front().url, withToken ? AccessToken::ofProcess().text() : std::string(), open.front().fingerprint});
     } catch (const std::exception& error) {
         common::log("connector.http", common::LogLevel::error,
                     std::string("Programs of this user cannot find this server: ") + error.what());

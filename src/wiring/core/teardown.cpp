@@ -17,6 +17,7 @@
 #include "connector/http/HttpRouterServiceProvider.h"
 #include "connector/http/HttpSessionManagerImpl.h"
 #include "connector/http/HttpSessionServiceProvider.h"
+#include "connector/http/PocoHttpClientServiceProvider.h"
 #include "connector/http/StaticContentManagerJsonSerialization.h"
 #include "connector/http/StaticContentManagerServiceProviderImpl.h"
 #include "connector/http/StaticContentServiceImpl.h"
@@ -60,13 +61,14 @@ constexpr std::array<Step, 29> teardownGroups{{
     {"registry", release<ConnectorImpl2>},
     {"gds"},
     {"hitchhiker"},
-    {"http", release<http::HttpCommandProvider, http::HttpConstantServiceProvider, http::HttpPathFilterServiceProvider,
-                     http::HttpResponseHeaderServiceProvider, http::HttpRouterImpl, http::HttpRouterServiceProvider,
-                     http::HttpManagerJsonSerialization, http::HttpManagerServiceProviderImpl,
-                     http::HttpSessionManagerImpl, http::HttpSessionServiceProvider,
-                     http::VendraToolboxStaticContentServiceProvider, http::StaticContentServiceProvider,
-                     http::StaticContentManagerServiceProviderImpl, http::HttpLocalHostFilterServiceProvider,
-                     http::StaticContentServiceImpl, http::StaticContentManagerJsonSerialization>},
+    {"http",
+     release<http::HttpCommandProvider, http::HttpConstantServiceProvider, http::HttpPathFilterServiceProvider,
+             http::HttpResponseHeaderServiceProvider, http::HttpRouterImpl, http::HttpRouterServiceProvider,
+             http::HttpManagerJsonSerialization, http::HttpManagerServiceProviderImpl, http::HttpSessionManagerImpl,
+             http::HttpSessionServiceProvider, http::VendraToolboxStaticContentServiceProvider,
+             http::PocoHttpClientServiceProvider, http::StaticContentServiceProvider,
+             http::StaticContentManagerServiceProviderImpl, http::HttpLocalHostFilterServiceProvider,
+             http::StaticContentServiceImpl, http::StaticContentManagerJsonSerialization>},
     {"information", release<information::v1::ClientTypeServiceProvider>},
     {"interpreter",
      release<interpreter::v1::InterpreterJsonSerialization, interpreter::v1::InterpreterMessageMapProvider,

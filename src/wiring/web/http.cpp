@@ -11,6 +11,7 @@
 #include "connector/http/HttpRouterServiceProvider.h"
 #include "connector/http/HttpSessionManagerImpl.h"
 #include "connector/http/HttpSessionServiceProvider.h"
+#include "connector/http/PocoHttpClientServiceProvider.h"
 #include "connector/http/StaticContentManagerJsonSerialization.h"
 #include "connector/http/StaticContentManagerServiceProviderImpl.h"
 #include "connector/http/StaticContentServiceImpl.h"
@@ -74,7 +75,6 @@ StaticContentServiceImpl::Roots contentRoots()
 
 } // namespace
 
-// The outgoing client is not built yet.
 void installHttpServices()
 {
     construct<HttpCommandProvider>(slot<ConnectorImpl2>, slot<AdministrationImpl>, Address{"connector/http/manager"});
@@ -89,6 +89,7 @@ void installHttpServices()
     construct<HttpSessionManagerImpl>();
     construct<HttpSessionServiceProvider>(slot<HttpSessionManagerImpl>);
     construct<VendraToolboxStaticContentServiceProvider>();
+    construct<PocoHttpClientServiceProvider>();
     construct<HttpLocalHostFilterServiceProvider>(slot<ConfigurationImpl>,
                                                   HttpLocalHostFilterServiceProvider::defaultWhiteList(),
                                                   static_cast<unsigned short>(404), std::string("Not Found."));
@@ -108,6 +109,7 @@ void installHttpServices()
     serve<HttpConstantServiceProvider>("connector/http/serviceUnavailable");
     serve<VendraToolboxStaticContentServiceProvider>("connector/http/vendraToolbox");
     serve<HttpSessionServiceProvider>("connector/http/session");
+    serve<PocoHttpClientServiceProvider>("connector/http/client");
 }
 
 } // namespace wiring
