@@ -13,4 +13,4 @@ echo "== Eval over one kept-alive connection"
 "$build/bench/eval_bench" "$build/root/bin/vendra"
 echo
 echo "== HTTP beside nginx"
-/usr/bin/python3 bench/http.py "$build"
+/usr/bin/python3 bench/http_bench.py "$build"

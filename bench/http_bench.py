@@ -1,6 +1,6 @@
 """HTTP beside nginx, in one run: small files, large files both ways, idle connections.
 
-Usage: http.py BUILD_FOLDER. Needs nginx, wrk and curl.
+Usage: http_bench.py BUILD_FOLDER. Needs nginx, wrk and curl.
 """
 
 import http.client
@@ -111,7 +111,8 @@ def idle(url, token, pid):
 
 def main():
     build = os.path.abspath(sys.argv[1])
-    resource.setrlimit(resource.RLIMIT_NOFILE, (40_000, max(40_000, resource.getrlimit(resource.RLIMIT_NOFILE)[1])))
+    most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
     folder = tempfile.TemporaryDirectory(prefix="bench-http-", dir="/var/tmp")
     base = folder.name
     os.chmod(base, 0o755)

@@ -1,0 +1,227 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <Poco/Dynamic/Var.h>
+#include <Poco/JSON/Object.h>
+
+#include "connector/Export.h"
+#include "connector/core/Future.h"
+
+namespace connector::bayeux {
+
+/// A message as it stands on a channel: built once, whatever the number of its receivers. Immutable, shared.
+class CONNECTOR_API BayeuxEvent
+{
+public:
+    BayeuxEvent(std::string channel, const Poco::Dynamic::Var& data, bool lazy = false);
+
+    const std::string& channel() const noexcept { return channel_; }
+    /// {"channel":…,"data":…}
+    const std::string& text() const noexcept { return text_; }
+    bool isLazy() const noexcept { return lazy_; }
+
+private:
+    std::string channel_;
+    std::string text_;
+    bool lazy_;
+};
+using EventPtr = std::shared_ptr<const BayeuxEvent>;
+
+/// A client of the bus, remote or of this process. Threads: any.
+class CONNECTOR_API BayeuxSession
+{
+public:
+    virtual ~BayeuxSession() = default;
+    /// The clientId of a remote session (a secret of its client); a name for a local one.
+    virtual const std::string& id() const noexcept = 0;
+    virtual bool isLocal() const noexcept = 0;
+    /// The HTTP session it was born in; "" without one.
+    virtual const std::string& httpSessionId() const noexcept = 0;
+    /// Sends one event to this session only, whether or not it subscribed. False when the session is over, and when its
+    /// queue is full, which ends it.
+    virtual bool deliver(EventPtr event) = 0;
+    /// Ends the session; a remote client is told with "reconnect":"none".
+    virtual void disconnect() = 0;
+    virtual bool isOver() const = 0;
+};
+using SessionPtr = std::shared_ptr<BayeuxSession>;
+
+/// What came in on a channel, for handlers and listeners.
+struct BayeuxMessage
+{
+    std::string channel;
+    Poco::Dynamic::Var data; ///< a JSON value; empty for none
+    Poco::JSON::Object::Ptr ext; ///< null for none
+    SessionPtr sender; ///< null when it came from `publish`
+};
+
+/// Who may do what. Answers "" for yes, else the reason, which goes to the client ("403:…:reason"). Threads: any; must
+/// not block, nor call back into the server.
+class CONNECTOR_API BayeuxSecurityPolicy
+{
+public:
+    virtual ~BayeuxSecurityPolicy() = default;
+    virtual std::string mayHandshake(const BayeuxSession& session, const Poco::JSON::Object& message);
+    /// A channel that does not exist yet.
+    virtual std::string mayCreate(const BayeuxSession& session, const std::string& channel);
+    virtual std::string maySubscribe(const BayeuxSession& session, const std::string& channel);
+    virtual std::string mayPublish(const BayeuxSession& session, const std::string& channel);
+};
+
+class CONNECTOR_API BayeuxListener
+{
+public:
+    virtual ~BayeuxListener() = default;
+    virtual void sessionAdded(const SessionPtr& session) { (void)session; }
+    /// `timedOut`: nobody said goodbye.
+    virtual void sessionRemoved(const SessionPtr& session, bool timedOut) { (void)session, (void)timedOut; }
+    virtual void subscribed(const SessionPtr& session, const std::string& channel) { (void)session, (void)channel; }
+    virtual void unsubscribed(const SessionPtr& session, const std::string& channel) { (void)session, (void)channel; }
+    virtual void channelAdded(const std::string& channel) { (void)channel; }
+    virtual void channelRemoved(const std::string& channel) { (void)channel; }
+};
+
+/// What a channel (no pattern) does besides passing messages on. Options make the channel and keep it.
+struct ChannelOptions
+{
+    bool retain = false;   ///< a new subscriber gets the last event at once
+    bool presence = false; ///< joins and leaves are published on "/presence" + channel
+    bool lazy = false;     ///< events wait for company, at most `Limits::lazyDelay`
+    bool serverPublishesOnly = false; ///< remote clients may not publish
+};
+
+struct BayeuxLimits
+{
+    std::chrono::milliseconds timeout{30'000};  ///< how long a connect is held
+    std::chrono::milliseconds interval{0};      ///< what clients wait between connects
+    std::chrono::milliseconds maxInterval{60'000}; ///< how long a session lives without a connect
+    std::chrono::milliseconds lazyDelay{5'000};
+    std::size_t queueMessages = 10'000; ///< of one session
+    std::size_t queueBytes = 4u << 20;
+    std::size_t messageBytes = 1u << 20; ///< of one request or WebSocket message
+    std::size_t sessions = 20'000;
+    std::size_t subscriptions = 1'000; ///< of one session
+    std::size_t channels = 100'000;
+    std::size_t batch = 1'000; ///< messages in one array
+    unsigned pollsOfOneBrowser = 2; ///< held connects of one HTTP session; more get "multiple-clients" advice
+};
+
+struct BayeuxCounters
+{
+    std::uint64_t sessions = 0; ///< now
+    std::uint64_t channels = 0; ///< now
+    std::uint64_t subscriptions = 0; ///< now
+    std::uint64_t published = 0;
+    std::uint64_t delivered = 0; ///< handed to a connection
+    std::uint64_t droppedLazy = 0;
+    std::uint64_t overflows = 0; ///< sessions that ended because they read too slowly
+    std::uint64_t expired = 0;
+};
+
+/// The open WebSocket of a client, as the server sees it: takes events and replies whole, each one text that is a JSON
+/// array. Threads: any.
+class CONNECTOR_API BayeuxChannelSink
+{
+public:
+    virtual ~BayeuxChannelSink() = default;
+    /// One frame. `frame` is shared by all receivers, so that it is framed once. False when the connection is over or
+    /// takes no more.
+    virtual bool send(const std::shared_ptr<const std::string>& frame) = 0;
+    virtual std::size_t queuedBytes() const = 0;
+    virtual void close() = 0;
+};
+
+/// One request's or frame's way in.
+struct BayeuxOrigin
+{
+    std::string httpSessionId;                   ///< "" without one
+    std::shared_ptr<BayeuxChannelSink> webSocket; ///< null for long polling
+    std::string peerAddress;
+};
+
+/// A Bayeux 1.0 server: channels, sessions, and the protocol between. Threads: any; callbacks (handlers, listeners,
+/// subscribers) are called on the thread that caused them, without a lock held, and must not block.
+class CONNECTOR_API BayeuxServer : public std::enable_shared_from_this<BayeuxServer>
+{
+public:
+    using Subscriber = std::function<void(const BayeuxMessage&)>;
+    /// What it answers is sent to the sender as the data of a message on the service channel; empty for no answer.
+    using ServiceHandler = std::function<Poco::Dynamic::Var(const BayeuxMessage&)>;
+
+    /// Ends what it stands for when it dies; does not wait for a call that is running.
+    class CONNECTOR_API Registration
+    {
+    public:
+        Registration() = default;
+        explicit Registration(std::function<void()> undo) : undo_(std::move(undo)) {}
+        Registration(Registration&& other) noexcept : undo_(std::exchange(other.undo_, nullptr)) {}
+        Registration& operator=(Registration&& other) noexcept
+        {
+            std::swap(undo_, other.undo_);
+            return *this;
+        }
+        ~Registration() { reset(); }
+        void reset()
+        {
+            if (auto undo = std::exchange(undo_, nullptr))
+                undo();
+        }
+
+    private:
+        std::function<void()> undo_;
+    };
+
+    virtual ~BayeuxServer() = default;
+
+    /// A request's body or a frame's text. Answers the reply: a JSON array, or "" when a WebSocket client is to get no
+    /// reply (yet): its replies may come later through `origin.webSocket`. A long-polling connect is held by the future,
+    /// which occupies no thread; cancelling it (the client went away) leaves the queue for the next connect. Fails with
+    /// http::HttpFault 400 for what is no JSON array or object, 413 beyond messageBytes.
+    virtual Future<std::string> handle(std::string body, const BayeuxOrigin& origin) = 0;
+    /// The WebSocket closed: sessions that lived on it go on living for maxInterval.
+    virtual void webSocketClosed(const std::shared_ptr<BayeuxChannelSink>& webSocket) = 0;
+
+    /// To every subscriber of the channel; throws std::invalid_argument for a pattern, a "/meta" channel and bad names,
+    /// json::JsonError for data without a JSON form.
+    virtual void publish(const std::string& channel, const Poco::Dynamic::Var& data) = 0;
+    virtual void publish(EventPtr event) = 0;
+    /// In this process: `channel` may be a pattern ("/a/*", "/a/**").
+    [[nodiscard]] virtual Registration subscribe(const std::string& channel, Subscriber subscriber) = 0;
+    /// For messages that clients send to "/service/…" (a pattern is allowed); without a handler they are refused.
+    [[nodiscard]] virtual Registration handleService(const std::string& channel, ServiceHandler handler) = 0;
+    /// A session of this process, which others can address by its id: it subscribes with `subscribe`d functions of its
+    /// own, publishes under its name, and ends with `disconnect` or when nobody holds it.
+    virtual SessionPtr openLocalSession(const std::string& name, Subscriber deliveries) = 0;
+    virtual void publishAs(const BayeuxSession& sender, const std::string& channel, const Poco::Dynamic::Var& data) = 0;
+
+    virtual SessionPtr findSession(const std::string& id) const = 0;
+    virtual std::vector<SessionPtr> sessions() const = 0;
+    /// Subscribers of the channel itself, not of patterns that match it.
+    virtual std::vector<SessionPtr> subscribers(const std::string& channel) const = 0;
+
+    /// Null sets the default policy: remote clients subscribe and publish anywhere but below /meta; /service goes to
+    /// handlers. A change takes effect with the next message; `recheck` also ends subscriptions that it forbids.
+    virtual void setPolicy(std::shared_ptr<BayeuxSecurityPolicy> policy, bool recheck = false) = 0;
+    virtual void setChannelOptions(const std::string& channel, const ChannelOptions& options) = 0;
+    virtual void setLimits(const BayeuxLimits& limits) = 0;
+    virtual BayeuxLimits limits() const = 0;
+    [[nodiscard]] virtual Registration addListener(std::shared_ptr<BayeuxListener> listener) = 0;
+    virtual BayeuxCounters counters() const = 0;
+
+    /// Starts the sweeping of sessions, which the tick manager drives.
+    virtual void start() = 0;
+    /// Ends all sessions: held connects are answered ("reconnect":"handshake", so that clients come back to a successor),
+    /// WebSockets closed. Requests fail with "unavailable" until `start`.
+    virtual void stop() = 0;
+
+    virtual std::shared_ptr<BayeuxServer> getPtr() = 0;
+};
+
+} // namespace connector::bayeux
