@@ -57,9 +57,9 @@ using SessionPtr = std::shared_ptr<BayeuxSession>;
 struct BayeuxMessage
 {
     std::string channel;
-    Poco::Dynamic::Var data; ///< a JSON value; empty for none
+    Poco::Dynamic::Var data;     ///< a JSON value; empty for none
     Poco::JSON::Object::Ptr ext; ///< null for none
-    SessionPtr sender; ///< null when it came from `publish`
+    SessionPtr sender;           ///< null when it came from `publish`
 };
 
 /// Who may do what. Answers "" for yes, else the reason, which goes to the client ("403:…:reason"). Threads: any; must
@@ -91,16 +91,16 @@ public:
 /// What a channel (no pattern) does besides passing messages on. Options make the channel and keep it.
 struct ChannelOptions
 {
-    bool retain = false;   ///< a new subscriber gets the last event at once
-    bool presence = false; ///< joins and leaves are published on "/presence" + channel
-    bool lazy = false;     ///< events wait for company, at most `Limits::lazyDelay`
+    bool retain = false;              ///< a new subscriber gets the last event at once
+    bool presence = false;            ///< joins and leaves are published on "/presence" + channel
+    bool lazy = false;                ///< events wait for company, at most `Limits::lazyDelay`
     bool serverPublishesOnly = false; ///< remote clients may not publish
 };
 
 struct BayeuxLimits
 {
-    std::chrono::milliseconds timeout{30'000};  ///< how long a connect is held
-    std::chrono::milliseconds interval{0};      ///< what clients wait between connects
+    std::chrono::milliseconds timeout{30'000};     ///< how long a connect is held
+    std::chrono::milliseconds interval{0};         ///< what clients wait between connects
     std::chrono::milliseconds maxInterval{60'000}; ///< how long a session lives without a connect
     std::chrono::milliseconds lazyDelay{5'000};
     std::size_t queueMessages = 10'000; ///< of one session
@@ -109,14 +109,14 @@ struct BayeuxLimits
     std::size_t sessions = 20'000;
     std::size_t subscriptions = 1'000; ///< of one session
     std::size_t channels = 100'000;
-    std::size_t batch = 1'000; ///< messages in one array
+    std::size_t batch = 1'000;      ///< messages in one array
     unsigned pollsOfOneBrowser = 2; ///< held connects of one HTTP session; more get "multiple-clients" advice
 };
 
 struct BayeuxCounters
 {
-    std::uint64_t sessions = 0; ///< now
-    std::uint64_t channels = 0; ///< now
+    std::uint64_t sessions = 0;      ///< now
+    std::uint64_t channels = 0;      ///< now
     std::uint64_t subscriptions = 0; ///< now
     std::uint64_t published = 0;
     std::uint64_t delivered = 0; ///< handed to a connection
@@ -141,7 +141,7 @@ public:
 /// One request's or frame's way in.
 struct BayeuxOrigin
 {
-    std::string httpSessionId;                   ///< "" without one
+    std::string httpSessionId;                    ///< "" without one
     std::shared_ptr<BayeuxChannelSink> webSocket; ///< null for long polling
     std::string peerAddress;
 };
@@ -181,9 +181,9 @@ public:
     virtual ~BayeuxServer() = default;
 
     /// A request's body or a frame's text. Answers the reply: a JSON array, or "" when a WebSocket client is to get no
-    /// reply (yet): its replies may come later through `origin.webSocket`. A long-polling connect is held by the future,
-    /// which occupies no thread; cancelling it (the client went away) leaves the queue for the next connect. Fails with
-    /// http::HttpFault 400 for what is no JSON array or object, 413 beyond messageBytes.
+    /// reply (yet): its replies may come later through `origin.webSocket`. A long-polling connect is held by the
+    /// future, which occupies no thread; cancelling it (the client went away) leaves the queue for the next connect.
+    /// Fails with http::HttpFault 400 for what is no JSON array or object, 413 beyond messageBytes.
     virtual Future<std::string> handle(std::string body, const BayeuxOrigin& origin) = 0;
     /// The WebSocket closed: sessions that lived on it go on living for maxInterval.
     virtual void webSocketClosed(const std::shared_ptr<BayeuxChannelSink>& webSocket) = 0;
@@ -217,8 +217,8 @@ public:
 
     /// Starts the sweeping of sessions, which the tick manager drives.
     virtual void start() = 0;
-    /// Ends all sessions: held connects are answered ("reconnect":"handshake", so that clients come back to a successor),
-    /// WebSockets closed. Requests fail with "unavailable" until `start`.
+    /// Ends all sessions: held connects are answered ("reconnect":"handshake", so that clients come back to a
+    /// successor), WebSockets closed. Requests fail with "unavailable" until `start`.
     virtual void stop() = 0;
 
     virtual std::shared_ptr<BayeuxServer> getPtr() = 0;

@@ -17,6 +17,8 @@ public:
     /// Queues a message: UTF-8 text, or bytes. False when the connection is over, and when the queue is full: such a
     /// client is closed with 1008.
     virtual bool send(std::string message, bool binary = false) = 0;
+    /// The same for text that many connections get: it is shared and framed where it stands.
+    virtual bool send(std::shared_ptr<const std::string> text) = 0;
     /// Closes in order, after what is queued. `reason`: UTF-8, at most 123 bytes.
     virtual void close(std::uint16_t code = 1000, const std::string& reason = {}) = 0;
     /// Bytes that wait to be sent.

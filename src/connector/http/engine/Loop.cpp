@@ -1,5 +1,7 @@
 #include "connector/http/engine/Loop.h"
 
+#include <boost/asio/post.hpp>
+
 #include "connector/common/Log.h"
 #include "connector/http/engine/Connection.h"
 #include "connector/http/engine/Peer.h"
@@ -62,6 +64,26 @@ void Loop::remove(Peer& peer)
     peers_.erase(&peer);
     if (stopping_ && peers_.empty())
         stopTimer_.cancel();
+}
+
+void Loop::wake(std::weak_ptr<Peer> peer)
+{
+    {
+        std::lock_guard lock(wakeMutex_);
+        woken_.push_back(std::move(peer));
+        if (woken_.size() > 1)
+            return; // they are about to be called
+    }
+    asio::post(context_, [this] {
+        std::vector<std::weak_ptr<Peer>> woken;
+        {
+            std::lock_guard lock(wakeMutex_);
+            woken.swap(woken_);
+        }
+        for (const auto& weak : woken)
+            if (const auto alive = weak.lock())
+                alive->woken();
+    });
 }
 
 void Loop::stop()

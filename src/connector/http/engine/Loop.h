@@ -2,8 +2,10 @@
 
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <unordered_map>
+#include <vector>
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -18,7 +20,7 @@ namespace connector::http::engine {
 class Peer;
 
 /// One I/O thread's share of the clients. A client stays with its loop, so that none of its state is locked.
-/// Everything but `context` and `run` belongs to the loop's own thread.
+/// Everything but `context`, `run` and `wake` belongs to the loop's own thread.
 class Loop final : public std::enable_shared_from_this<Loop>
 {
 public:
@@ -35,6 +37,9 @@ public:
     const std::shared_ptr<ServerCore>& sharedCore() const noexcept { return core_; }
     const std::string& date() { return date_.at(std::time(nullptr)); }
     bool isStopping() const noexcept { return stopping_; }
+
+    /// Has `woken` called on the loop's thread, once for all who are woken meanwhile. Any thread.
+    void wake(std::weak_ptr<Peer> peer);
 
     /// `welcome` is false for a connection beyond the limit, which gets 503.
     void adopt(Stream::Socket socket, bool isUnix, bool welcome, std::unique_ptr<ConnectionCount> count);
@@ -56,6 +61,9 @@ private:
     std::unordered_map<Peer*, std::shared_ptr<Peer>> peers_;
     DateText date_;
     bool stopping_ = false;
+
+    std::mutex wakeMutex_;
+    std::vector<std::weak_ptr<Peer>> woken_;
 };
 
 } // namespace connector::http::engine

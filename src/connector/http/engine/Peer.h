@@ -16,6 +16,8 @@ public:
     Peer(const Peer&) = delete;
     Peer& operator=(const Peer&) = delete;
 
+    /// Somebody has something for it; see Loop::wake.
+    virtual void woken() {}
     /// The server stops: closes now or soon.
     virtual void stop() = 0;
     /// Now; to be called any number of times.

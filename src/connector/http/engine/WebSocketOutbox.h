@@ -1,6 +1,7 @@
 #pragma once
 
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -14,7 +15,7 @@ class WebSocketOutbox
 public:
     struct Outgoing
     {
-        std::string text;
+        std::shared_ptr<const std::string> payload;
         bool binary = false;
     };
 
@@ -28,17 +29,17 @@ public:
 
     explicit WebSocketOutbox(std::size_t maxBytes) : maxBytes_(maxBytes) {}
 
-    Pushed push(std::string text, bool binary)
+    Pushed push(std::shared_ptr<const std::string> payload, bool binary)
     {
         std::lock_guard lock(mutex_);
         if (closed_)
             return Pushed::closed;
-        if (bytes_ + text.size() + kOverhead > maxBytes_) {
+        if (bytes_ + payload->size() + kOverhead > maxBytes_) {
             closed_ = true;
             return Pushed::overflow;
         }
-        bytes_ += text.size() + kOverhead;
-        queue_.push_back({std::move(text), binary});
+        bytes_ += payload->size() + kOverhead;
+        queue_.push_back({std::move(payload), binary});
         return queue_.size() == 1 ? Pushed::queuedFirst : Pushed::queued;
     }
 
@@ -52,10 +53,10 @@ public:
         queue_.pop_front();
         return first;
     }
-    void written(const Outgoing& message)
+    void written(std::size_t payloadBytes)
     {
         std::lock_guard lock(mutex_);
-        bytes_ -= message.text.size() + kOverhead;
+        bytes_ -= payloadBytes + kOverhead;
     }
 
     /// Takes no more messages.

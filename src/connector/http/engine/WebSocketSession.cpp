@@ -7,6 +7,7 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/websocket/stream.hpp>
 
+#include "connector/http/engine/FrameStream.h"
 #include "connector/http/engine/Peer.h"
 #include "connector/http/engine/WebSocketOutbox.h"
 
@@ -17,37 +18,28 @@ namespace beast = boost::beast;
 namespace websocket = beast::websocket;
 using boost::system::error_code;
 
-/// How Beast ends a stream, found by its type: what it would do for a socket itself.
-template <class Handler>
-void async_teardown(beast::role_type, Stream& stream, Handler&& handler)
-{
-    stream.finishSending([&stream, taken = std::forward<Handler>(handler)]() mutable {
-        stream.close();
-        asio::post(stream.get_executor(), [taken = std::move(taken)]() mutable { taken(error_code()); });
-    });
-}
-
-inline void teardown(beast::role_type, Stream& stream, error_code&) { stream.close(); }
-
-inline void beast_close_socket(Stream& stream) { stream.close(); }
-
 namespace {
 
 constexpr std::chrono::seconds kHandshakeTime{10};
 constexpr std::chrono::seconds kIdleTime{60};
 constexpr std::chrono::seconds kCloseTime{2};
+constexpr std::size_t kFramesAhead = 32;
+/// Room kept for the next message; what a large one took is given back.
+constexpr std::size_t kKeptReadBytes = 4u << 10;
 /// Pings and pongs that a client may send in kControlWindow.
 constexpr unsigned kMaxControlFrames = 100;
 constexpr std::chrono::seconds kControlWindow{10};
 
 constexpr std::uint16_t kAbnormal = 1006;
 
-class WebSocketSession final : public Peer
+using Handshake = beast::http::request<beast::http::empty_body>;
+
+class WebSocketSession final : public Peer, public FrameStream::Owner
 {
 public:
     WebSocketSession(Stream stream, Loop& loop, std::unique_ptr<ConnectionCount> count, const WebSocketUpgrade& upgrade)
         : loop_(loop), count_(std::move(count)), endpoint_(upgrade.endpoint), options_(upgrade.options),
-          outbox_(std::make_shared<WebSocketOutbox>(upgrade.options.maxQueuedBytes)), stream_(std::move(stream))
+          outbox_(std::make_shared<WebSocketOutbox>(upgrade.options.maxQueuedBytes)), stream_(std::move(stream), *this)
     {}
 
     void start(const UpgradeAsked& asked, const HttpResponse& response);
@@ -56,6 +48,7 @@ public:
     void closeInTurn(websocket::close_reason reason);
     void closeNow(websocket::close_reason reason);
 
+    void woken() override { writeNext(); }
     void stop() override { closeNow({websocket::close_code::going_away, "The connector is stopping."}); }
     void close() override
     {
@@ -67,11 +60,17 @@ public:
     bool isLate(Clock::time_point now) const noexcept override { return now >= deadline_; }
     void giveUp() override { close(); }
 
+    std::shared_ptr<void> ownerPtr() override { return self(); }
+    void messageSent(const Frame& frame) override { outbox_->written(frame.payload().size()); }
+    void flushed() override { writeNext(); }
+    void sendingFailed() override { close(); }
+
 private:
     std::shared_ptr<WebSocketSession> self() { return std::static_pointer_cast<WebSocketSession>(shared_from_this()); }
     void setOptions(const HttpResponse& response);
     void accepted();
     void read();
+    void pack(WebSocketOutbox::Outgoing message);
     void countControlFrame(websocket::frame_type kind);
     void ended(std::uint16_t code, const std::string& reason);
 
@@ -80,8 +79,8 @@ private:
     std::shared_ptr<WebSocketEndpoint> endpoint_;
     const WebSocketOptions options_;
     const std::shared_ptr<WebSocketOutbox> outbox_;
-    websocket::stream<Stream, true> stream_;
-    beast::http::request<beast::http::empty_body> handshake_;
+    websocket::stream<FrameStream, true> stream_;
+    std::unique_ptr<Handshake> handshake_; ///< until it was answered
     beast::flat_buffer incoming_;
     Clock::time_point deadline_ = Clock::time_point::max();
     Clock::time_point controlWindow_;
@@ -90,7 +89,8 @@ private:
     bool over_ = false;
     std::optional<websocket::close_reason> closeSent_;
     std::optional<websocket::close_reason> closeAfterQueue_;
-    std::optional<WebSocketOutbox::Outgoing> current_; ///< being written
+    bool compressing_ = false; ///< agreed upon
+    bool packing_ = false;     ///< a message is being compressed
 };
 
 /// What the endpoint holds: of the session no more than a name, so that it may outlive it.
@@ -103,21 +103,9 @@ public:
 
     bool send(std::string message, bool binary) override
     {
-        switch (outbox_->push(std::move(message), binary)) {
-        case WebSocketOutbox::Pushed::queued:
-            return true;
-        case WebSocketOutbox::Pushed::queuedFirst:
-            onLoop([](WebSocketSession& session) { session.writeNext(); });
-            return true;
-        case WebSocketOutbox::Pushed::overflow:
-            onLoop([](WebSocketSession& session) {
-                session.closeNow({websocket::close_code::policy_error, "The client does not read fast enough."});
-            });
-            return false;
-        default:
-            return false;
-        }
+        return push(std::make_shared<const std::string>(std::move(message)), binary);
     }
+    bool send(std::shared_ptr<const std::string> text) override { return push(std::move(text), false); }
 
     void close(std::uint16_t code, const std::string& reason) override
     {
@@ -130,6 +118,25 @@ public:
     std::size_t queuedBytes() const override { return outbox_->bytes(); }
 
 private:
+    bool push(std::shared_ptr<const std::string> payload, bool binary)
+    {
+        switch (outbox_->push(std::move(payload), binary)) {
+        case WebSocketOutbox::Pushed::queued:
+            return true;
+        case WebSocketOutbox::Pushed::queuedFirst:
+            if (const auto loop = loop_.lock())
+                loop->wake(session_);
+            return true;
+        case WebSocketOutbox::Pushed::overflow:
+            onLoop([](WebSocketSession& session) {
+                session.closeNow({websocket::close_code::policy_error, "The client does not read fast enough."});
+            });
+            return false;
+        default:
+            return false;
+        }
+    }
+
     template <class Work>
     void onLoop(Work work)
     {
@@ -156,7 +163,8 @@ void WebSocketSession::setOptions(const HttpResponse& response)
     stream_.read_message_max(options_.maxMessageBytes);
     stream_.auto_fragment(false);
     stream_.set_option(websocket::stream_base::decorator(
-        [fields = response.headers.fields(), protocol = options_.protocol](websocket::response_type& answer) {
+        [this, fields = response.headers.fields(), protocol = options_.protocol](websocket::response_type& answer) {
+            compressing_ = answer.count(beast::http::field::sec_websocket_extensions) > 0;
             for (const auto& [name, value] : fields)
                 answer.insert(name, value);
             if (!protocol.empty())
@@ -168,17 +176,16 @@ void WebSocketSession::setOptions(const HttpResponse& response)
 void WebSocketSession::start(const UpgradeAsked& asked, const HttpResponse& response)
 {
     setOptions(response);
-    handshake_.method(beast::http::verb::get);
-    handshake_.target(asked.target);
-    handshake_.version(11);
-    handshake_.set(beast::http::field::host, asked.host);
-    handshake_.set(beast::http::field::connection, "Upgrade");
-    handshake_.set(beast::http::field::upgrade, "websocket");
-    handshake_.set(beast::http::field::sec_websocket_key, asked.key);
-    handshake_.set(beast::http::field::sec_websocket_version, "13");
+    handshake_ = std::make_unique<Handshake>(beast::http::verb::get, asked.target, 11);
+    handshake_->set(beast::http::field::host, asked.host);
+    handshake_->set(beast::http::field::connection, "Upgrade");
+    handshake_->set(beast::http::field::upgrade, "websocket");
+    handshake_->set(beast::http::field::sec_websocket_key, asked.key);
+    handshake_->set(beast::http::field::sec_websocket_version, "13");
     if (!asked.extensions.empty())
-        handshake_.set(beast::http::field::sec_websocket_extensions, asked.extensions);
-    stream_.async_accept(handshake_, [self = self()](const error_code& error) {
+        handshake_->set(beast::http::field::sec_websocket_extensions, asked.extensions);
+    stream_.async_accept(*handshake_, [self = self()](const error_code& error) {
+        self->handshake_.reset();
         if (error || self->over_)
             self->close();
         else
@@ -212,6 +219,8 @@ void WebSocketSession::read()
         }
         std::string message = beast::buffers_to_string(self->incoming_.data());
         self->incoming_.consume(self->incoming_.size());
+        if (self->incoming_.capacity() > kKeptReadBytes)
+            self->incoming_.shrink_to_fit();
         self->endpoint_->received(std::move(message), self->stream_.got_binary());
         if (!self->over_)
             self->read();
@@ -233,25 +242,44 @@ void WebSocketSession::countControlFrame(websocket::frame_type kind)
         });
 }
 
+/// Moves messages from the outbox to the stream, never more than a few ahead of the socket: what waits stays where it
+/// is counted, and where control frames need not wait behind it.
 void WebSocketSession::writeNext()
 {
-    if (current_ || !opened_ || over_ || closeSent_)
+    if (!opened_ || over_ || closeSent_ || packing_)
         return;
-    current_ = outbox_->pop();
-    if (!current_) {
-        if (closeAfterQueue_)
-            closeNow(*closeAfterQueue_);
-        return;
+    FrameStream& frames = stream_.next_layer();
+    bool moved = false;
+    while (frames.queued() < kFramesAhead) {
+        auto next = outbox_->pop();
+        if (!next) {
+            if (closeAfterQueue_ && frames.queued() == 0)
+                return closeNow(*closeAfterQueue_);
+            break;
+        }
+        if (compressing_)
+            return pack(std::move(*next));
+        frames.enqueue(Frame(std::move(next->payload), next->binary));
+        moved = true;
     }
-    stream_.binary(current_->binary);
-    stream_.async_write(asio::buffer(current_->text), [self = self()](const error_code& error, std::size_t) {
-        self->outbox_->written(*self->current_);
-        self->current_.reset();
+    if (moved)
+        frames.flush();
+}
+
+/// Compressed, a message is this client's own.
+void WebSocketSession::pack(WebSocketOutbox::Outgoing message)
+{
+    packing_ = true;
+    stream_.binary(message.binary);
+    const auto payload = message.payload;
+    stream_.async_write(asio::buffer(*payload), [self = self(), payload](const error_code& error, std::size_t) {
+        self->packing_ = false;
+        self->outbox_->written(payload->size());
         if (self->over_)
             return;
         if (error)
-            self->ended(kAbnormal, {});
-        else
+            self->close();
+        else if (self->stream_.next_layer().queued() == 0) // else `flushed` goes on
             self->writeNext();
     });
 }

@@ -1,0 +1,124 @@
+#include "connector/http/engine/FrameStream.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+namespace connector::http::engine {
+
+namespace {
+
+constexpr std::size_t kFramesAtOnce = 32;
+constexpr unsigned char kFinal = 0x80;
+
+iovec partOf(std::string_view bytes) noexcept { return {const_cast<char*>(bytes.data()), bytes.size()}; }
+
+} // namespace
+
+Frame::Frame(std::shared_ptr<const std::string> payload, bool binary) : payload_(std::move(payload))
+{
+    const std::uint64_t size = payload_->size();
+    const auto put = [this](std::uint64_t value) { head_[headBytes_++] = static_cast<char>(value & 0xff); };
+    put(kFinal | (binary ? 2u : 1u));
+    if (size < 126) {
+        put(size);
+    } else {
+        const int bytes = size <= 0xffff ? 2 : 8;
+        put(bytes == 2 ? 126 : 127);
+        for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8)
+            put(size >> shift);
+    }
+}
+
+void FrameStream::flush()
+{
+    if (waiting_ || flushing_)
+        return;
+    const auto keep = owner_.ownerPtr();
+    flushing_ = true;
+    // Whoever is told that the queue is empty may fill it anew.
+    do {
+        send();
+        if (!waiting_ && !failed_)
+            owner_.flushed();
+    } while (!waiting_ && !failed_ && !queue_.empty());
+    flushing_ = false;
+    if (failed_)
+        owner_.sendingFailed();
+    if (!waiting_ && whenFlushed_)
+        std::exchange(whenFlushed_, nullptr)();
+}
+
+void FrameStream::send()
+{
+    while (!queue_.empty() && !failed_) {
+        std::array<iovec, 2 * kFramesAtOnce> parts;
+        std::size_t used = 0;
+        const std::size_t frames = std::min(queue_.size(), kFramesAtOnce);
+        for (std::size_t i = 0; i < frames; ++i) {
+            std::string_view head = queue_[i].head();
+            std::string_view payload = queue_[i].payload();
+            if (i == 0) {
+                payload.remove_prefix(offset_ > head.size() ? offset_ - head.size() : 0);
+                head.remove_prefix(std::min(offset_, head.size()));
+            }
+            parts[used++] = partOf(head);
+            parts[used++] = partOf(payload);
+        }
+
+        if (stream_.isTls()) {
+            waiting_ = true;
+            // TLS takes one buffer at a time.
+            const auto& part = parts[0].iov_len > 0 ? parts[0] : parts[1];
+            stream_.async_write_some(boost::asio::buffer(part.iov_base, part.iov_len),
+                                     [this, keep = owner_.ownerPtr()](const Error& error, std::size_t count) {
+                                         waiting_ = false;
+                                         sent(count);
+                                         failed_ = failed_ || error;
+                                         flush();
+                                     });
+            return;
+        }
+
+        msghdr message{};
+        message.msg_iov = parts.data();
+        message.msg_iovlen = used;
+        const auto count = ::sendmsg(stream_.socket().native_handle(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (count >= 0) {
+            sent(static_cast<std::size_t>(count));
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            waiting_ = true;
+            stream_.socket().async_wait(Stream::Socket::wait_write,
+                                        [this, keep = owner_.ownerPtr()](const Error& error) {
+                                            waiting_ = false;
+                                            failed_ = failed_ || error;
+                                            flush();
+                                        });
+            return;
+        } else if (errno != EINTR) {
+            failed_ = true;
+        }
+    }
+}
+
+void FrameStream::sent(std::size_t count)
+{
+    offset_ += count;
+    while (!queue_.empty() && offset_ >= queue_.front().size()) {
+        const Frame done = std::move(queue_.front());
+        queue_.pop_front();
+        offset_ -= done.size();
+        if (done.isMessage())
+            owner_.messageSent(done);
+    }
+}
+
+void FrameStream::close()
+{
+    failed_ = true;
+    stream_.close();
+}
+
+} // namespace connector::http::engine

@@ -1,0 +1,128 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include <boost/beast/core/role.hpp>
+
+#include "connector/http/engine/Stream.h"
+
+namespace connector::http::engine {
+
+/// One message as a server's frame (RFC 6455 §5.2): not masked, not fragmented. The payload is shared by all who get
+/// it.
+class Frame
+{
+public:
+    Frame() = default;
+    Frame(std::shared_ptr<const std::string> payload, bool binary);
+    /// Bytes of a frame made elsewhere.
+    explicit Frame(std::string bytes) : payload_(std::make_shared<const std::string>(std::move(bytes))) {}
+
+    std::string_view head() const noexcept { return {head_.data(), headBytes_}; }
+    const std::string& payload() const noexcept { return *payload_; }
+    std::size_t size() const noexcept { return headBytes_ + payload_->size(); }
+    bool isMessage() const noexcept { return headBytes_ > 0; }
+
+private:
+    std::array<char, 10> head_{};
+    std::uint8_t headBytes_ = 0;
+    std::shared_ptr<const std::string> payload_;
+};
+
+/// The stream below a WebSocket. What the protocol writes (the handshake's answer, control frames) is taken whole, and
+/// goes out in turn with messages that were framed once for many receivers. Its loop's thread.
+class FrameStream
+{
+public:
+    using executor_type = Stream::executor_type;
+    using Error = boost::system::error_code;
+
+    class Owner
+    {
+    public:
+        virtual ~Owner() = default;
+        /// Keeps owner and stream alive meanwhile.
+        virtual std::shared_ptr<void> ownerPtr() = 0;
+        virtual void messageSent(const Frame& frame) = 0;
+        virtual void flushed() = 0;
+        virtual void sendingFailed() = 0;
+    };
+
+    FrameStream(Stream stream, Owner& owner) : stream_(std::move(stream)), owner_(owner) {}
+
+    executor_type get_executor() { return stream_.get_executor(); }
+
+    template <class Buffers, class Handler>
+    void async_read_some(const Buffers& buffers, Handler&& handler)
+    {
+        stream_.async_read_some(buffers, std::forward<Handler>(handler));
+    }
+
+    template <class Buffers, class Handler>
+    void async_write_some(const Buffers& buffers, Handler&& handler)
+    {
+        std::string bytes(boost::asio::buffers_begin(buffers), boost::asio::buffers_end(buffers));
+        const std::size_t count = bytes.size();
+        if (!failed_)
+            enqueue(Frame(std::move(bytes)));
+        boost::asio::post(get_executor(), [taken = std::forward<Handler>(handler), count, broken = failed_]() mutable {
+            if (broken)
+                taken(Error(boost::asio::error::broken_pipe), 0);
+            else
+                taken(Error(), count);
+        });
+        flush();
+    }
+
+    void enqueue(Frame frame) { queue_.push_back(std::move(frame)); }
+    std::size_t queued() const noexcept { return queue_.size(); }
+    /// Sends what the socket takes.
+    void flush();
+
+    /// After everything queued has gone out, or cannot.
+    template <class Handler>
+    void finish(Handler&& handler)
+    {
+        auto end = [this, taken = std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler))] {
+            stream_.finishSending([this, taken] {
+                stream_.close();
+                boost::asio::post(get_executor(), [taken] { (*taken)(Error()); });
+            });
+        };
+        if (queue_.empty() || failed_)
+            end();
+        else
+            whenFlushed_ = std::move(end);
+    }
+    void close();
+
+private:
+    void send();
+    void sent(std::size_t count);
+
+    Stream stream_;
+    Owner& owner_;
+    std::deque<Frame> queue_;
+    std::size_t offset_ = 0; ///< sent of the first frame
+    bool waiting_ = false;   ///< for the socket to take more
+    bool flushing_ = false;
+    bool failed_ = false;
+    std::function<void()> whenFlushed_;
+};
+
+/// How Beast ends a stream, found by its type.
+template <class Handler>
+void async_teardown(boost::beast::role_type, FrameStream& stream, Handler&& handler)
+{
+    stream.finish(std::forward<Handler>(handler));
+}
+inline void teardown(boost::beast::role_type, FrameStream& stream, boost::system::error_code&) { stream.close(); }
+inline void beast_close_socket(FrameStream& stream) { stream.close(); }
+
+} // namespace connector::http::engine
