@@ -269,13 +269,14 @@ void Connection::readBody()
     buffer_.consume(before - bytes.size());
     bodyComplete_ = result == BodyReader::State::complete;
     if (!kept)
-        refuse({503, "Too many large requests at a time."});
-    else if (request_->body.size() > core_.settings.memoryBodyBytes && !bodyComplete_)
-        makeLarge();
-    else if (bodyComplete_)
-        serve();
-    else
-        watch(kBodyReadBytes);
+        return refuse({503, "Too many large requests at a time."});
+    if (bodyComplete_)
+        return serve();
+    if (request_->body.size() > core_.settings.memoryBodyBytes)
+        return makeLarge();
+    if (request_->body.size() > kBodyReadBytes)
+        buffer_.growTo(kBodyReadBytes);
+    watch(kBodyReadBytes);
 }
 
 /// Counts what has arrived of the body; false when all bodies together are too large.
@@ -327,6 +328,8 @@ void Connection::beginUpload(Promise<SpooledBody> promise, std::uint64_t maxByte
     }
     bodyBegun_ = {};
     bodyHold_.reset();
+    if (!readPending_)
+        buffer_.growTo(kUploadReadBytes);
     bodyBegin_ = Clock::now();
     bodyBytes_ = 0;
     const std::uint64_t most = body_->announced().value_or(std::min(maxBytes, core_.limits.bodyBytes));

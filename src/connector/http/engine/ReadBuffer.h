@@ -34,6 +34,13 @@ public:
         return true;
     }
 
+    /// For a read of up to so many bytes at a time, until `shrink`.
+    void growTo(std::size_t capacity)
+    {
+        if (capacity_ < capacity)
+            resize(capacity);
+    }
+
     char* room() noexcept { return bytes_.get() + end_; }
     std::size_t roomBytes() const noexcept { return capacity_ - end_; }
     void commit(std::size_t count) noexcept { end_ += count; }
