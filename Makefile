@@ -2,19 +2,19 @@
 
 JOBS ?= $(shell nproc)
 
-.PHONY: run test bench build deps sanitize format clean
+.PHONY: run test bench build deps bench-deps node-modules sanitize format clean
 
 run: PRESET = release
 run: build
 	exec build/release/root/bin/vendra --connector $(ARGS)
 
 test: PRESET = dev
-test: build
+test: build node-modules
 	ctest --test-dir build/dev --output-on-failure -j $(JOBS)
 
 # The benchmarks, side by side in one run; see bench/README.md.
 bench: PRESET = release
-bench: build
+bench: bench-deps build
 	bench/run.sh build/release
 
 # Address and thread sanitizers over the tests they are for.
@@ -27,6 +27,15 @@ build: deps
 
 deps:
 	@tools/install-deps.sh
+
+bench-deps:
+	@tools/install-deps.sh bench-packages.txt
+
+# The packages of the tests that act as browsers and as other people's clients.
+node-modules: $(patsubst %/package-lock.json,%/node_modules/.package-lock.json,$(wildcard tests/*/package-lock.json))
+
+%/node_modules/.package-lock.json: %/package-lock.json | deps
+	cd $* && npm ci --no-audit --no-fund
 
 format:
 	tools/check_format.sh --fix

@@ -14,3 +14,6 @@ echo "== Eval over one kept-alive connection"
 echo
 echo "== HTTP beside nginx"
 /usr/bin/python3 bench/http_bench.py "$build"
+echo
+echo "== Normal requests among slow ones"
+/usr/bin/python3 bench/slow_clients.py "$build"

@@ -1,12 +1,19 @@
 #!/bin/sh
-# Installs the Debian packages of tools/packages.txt that are missing; does nothing when all are there.
+# Installs what is missing of the packages that lists in tools/ name (tools/packages.txt without arguments); does nothing
+# when all are there. A line "PACKAGE (COMMAND)" is satisfied by the command, wherever it came from.
 set -eu
 here=$(dirname "$0")
+[ $# -gt 0 ] || set -- packages.txt
 missing=
-for package in $(grep -v '^#' "$here/packages.txt"); do
+while read -r package command; do
+    command=${command#(}
+    command=${command%)}
+    [ -z "$command" ] || ! command -v "$command" >/dev/null || continue
     status=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)
     [ "$status" = installed ] || missing="$missing $package"
-done
+done <<EOF
+$(for list in "$@"; do grep -v '^#' "$here/$list"; done)
+EOF
 [ -n "$missing" ] || exit 0
 
 echo "Installing:$missing"
