@@ -12,6 +12,9 @@ echo
 echo "== Eval over one kept-alive connection"
 "$build/bench/eval_bench" "$build/root/bin/vendra"
 echo
+echo "== The guards of a route"
+"$build/bench/guard_bench" --benchmark_min_time=1
+echo
 echo "== HTTP beside nginx"
 /usr/bin/python3 bench/http_bench.py "$build"
 echo

@@ -10,4 +10,4 @@ for preset in asan tsan; do
     cmake --build --preset $preset -j "$jobs"
 done
 ctest --test-dir build/asan --output-on-failure -j "$jobs"
-ctest --test-dir build/tsan --output-on-failure -j "$jobs" -E '^(clients\.|vendra)'
+TSAN_OPTIONS="suppressions=$PWD/tools/tsan.supp" ctest --test-dir build/tsan --output-on-failure -j "$jobs" -E '^(clients\.|vendra)'

@@ -9,6 +9,7 @@
 
 #include "platform/fl/filesystem.h"
 #include "vendra/BuiltinTable.h"
+#include "vendra/python/Bus.h"
 #include "vendra/python/Conversion.h"
 #include "vendra/python/Object.h"
 
@@ -107,6 +108,7 @@ try {
     auto table = std::make_unique<BuiltinTable>(BuiltinTable::load(paths::toNative(file)));
     check(PyModule_AddStringConstant(module, "VERSION", table->version().c_str()));
     check(PyModule_AddStringConstant(module, "BUILD_DATE", table->buildDate().c_str()));
+    addBusFunctions(module);
     stateOf(module).table = table.release();
     return 0;
 } catch (const ModuleError& error) {

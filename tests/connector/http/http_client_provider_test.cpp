@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <mutex>
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -316,10 +317,19 @@ TEST_F(HttpClient, readsBodiesToTheirEndOnly)
          "", "answer of"},
         {head + "X: =?utf-8?Q?a=0D=0Ab?=\r\nContent-Length: 1\r\n\r\na", "", "Control character"},
     };
+    std::mutex mutex;
     std::string wire;
-    TestServer server([&](Peer& peer, const std::string&) { peer.send(wire); });
+    TestServer server([&](Peer& peer, const std::string&) {
+        std::unique_lock lock(mutex);
+        const std::string sent = wire;
+        lock.unlock();
+        peer.send(sent);
+    });
     for (const auto& [bytes, body, expected] : cases) {
-        wire = bytes;
+        {
+            std::lock_guard lock(mutex);
+            wire = bytes;
+        }
         auto asked = request(server.url("/x?secret"));
         asked->maxBytes = 100;
         try {

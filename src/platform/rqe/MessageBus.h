@@ -1,0 +1,50 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/Export.h"
+
+namespace rqe {
+
+/// Channels of messages between the host's scripts and whoever else is on the bus. Implemented by the connector.
+/// Threads: any.
+class VENDRA_PLATFORM_API MessageBus
+{
+public:
+    /// `json`: the message's data, one JSON value. Called on the thread that published; must not block.
+    using Receiver = std::function<void(const std::string& channel, const std::string& json)>;
+
+    virtual ~MessageBus();
+    /// To all subscribers; waits a moment for those that are behind, unless on a thread that serves them. Throws
+    /// std::invalid_argument for a channel that cannot be published to and for text that is not JSON.
+    virtual void publish(const std::string& channel, const std::string& json) = 0;
+    /// `channel`: a name, or a pattern ("/a/*", "/a/**"). Calling the result ends the subscription. Throws
+    /// std::invalid_argument for what is neither.
+    virtual std::function<void()> subscribe(const std::string& channel, Receiver receiver) = 0;
+};
+
+/// The one bus of this process, which comes and goes with the connector; subscriptions stay. Threads: any.
+class VENDRA_PLATFORM_API ProcessBus
+{
+public:
+    /// For the connector; null takes the bus away.
+    static void setBus(std::shared_ptr<MessageBus> bus);
+    /// Takes the bus away if it is this one.
+    static void clearBus(const MessageBus* bus);
+
+    /// As MessageBus::publish; throws std::runtime_error when there is no bus.
+    static void publish(const std::string& channel, const std::string& json);
+
+    /// Ends when it dies. A receiver that is being called meanwhile is not waited for.
+    class VENDRA_PLATFORM_API Subscription
+    {
+    public:
+        virtual ~Subscription();
+    };
+    /// On the bus of now and every later one. Throws as MessageBus::subscribe when there is a bus.
+    static std::unique_ptr<Subscription> subscribe(const std::string& channel, MessageBus::Receiver receiver);
+};
+
+} // namespace rqe

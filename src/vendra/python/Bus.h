@@ -1,0 +1,11 @@
+#pragma once
+
+#include "vendra/python/Object.h"
+
+namespace vendra::python {
+
+/// Adds `publish`, `subscribe` and `unsubscribe` to the module `connector`: the message bus for scripts. With the
+/// language's lock; throws ErrorSet.
+void addBusFunctions(PyObject* module);
+
+} // namespace vendra::python
