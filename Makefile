@@ -14,7 +14,7 @@ test: build node-modules
 
 # The benchmarks, side by side in one run; see bench/README.md.
 bench: PRESET = release
-bench: bench-deps build
+bench: bench-deps build bench/faye/node_modules/.package-lock.json
 	bench/run.sh build/release
 
 # Address and thread sanitizers over the tests they are for.

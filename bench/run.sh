@@ -20,3 +20,6 @@ echo "== HTTP beside nginx"
 echo
 echo "== Normal requests among slow ones"
 /usr/bin/python3 bench/slow_clients.py "$build"
+echo
+echo "== The message bus beside Faye"
+/usr/bin/python3 bench/bayeux_bench.py "$build"
