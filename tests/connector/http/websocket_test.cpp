@@ -312,6 +312,29 @@ TEST_F(WebSocketServer, boundsWhatAClientDoesNotRead)
     EXPECT_TRUE(echo->endedOnce(1008));
 }
 
+TEST_F(WebSocketServer, letsASenderWaitForASlowClient)
+{
+    WireClient client = open();
+    EXPECT_TRUE(eventually([&] { return echo->connection() != nullptr; }));
+    const auto connection = echo->connection();
+    const std::string message(64u << 10, 'x');
+    constexpr int kMessages = 1'000; // 64 MiB, far more than the queue takes
+    std::thread sender([&] {
+        for (int i = 0; i < kMessages; ++i) {
+            EXPECT_TRUE(connection->waitForRoom(std::chrono::seconds(10)));
+            EXPECT_TRUE(connection->send(message));
+        }
+    });
+    for (int i = 0; i < kMessages; ++i)
+        EXPECT_EQ(receive(client).payload.size(), message.size());
+    sender.join();
+    while (connection->waitForRoom(std::chrono::milliseconds(0)))
+        connection->send(message);
+    EXPECT_FALSE(connection->waitForRoom(std::chrono::milliseconds(20))) << "nobody reads";
+    client.abort();
+    EXPECT_TRUE(connection->waitForRoom(std::chrono::seconds(10))) << "nobody to wait for";
+}
+
 TEST_F(WebSocketServer, takesMessagesOfManyThreads)
 {
     WireClient client = open();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -57,6 +59,8 @@ public:
     {
         std::lock_guard lock(mutex_);
         bytes_ -= payloadBytes + kOverhead;
+        if (waiting_ > 0 && bytes_ <= maxBytes_ / 2)
+            room_.notify_all();
     }
 
     /// Takes no more messages.
@@ -64,6 +68,17 @@ public:
     {
         std::lock_guard lock(mutex_);
         closed_ = true;
+        room_.notify_all();
+    }
+
+    /// Until half of it is free, or it is closed; false when that takes longer.
+    bool waitForRoom(std::chrono::milliseconds patience)
+    {
+        std::unique_lock lock(mutex_);
+        ++waiting_;
+        const bool room = room_.wait_for(lock, patience, [this] { return closed_ || bytes_ <= maxBytes_ / 2; });
+        --waiting_;
+        return room;
     }
 
     std::size_t bytes() const
@@ -81,6 +96,8 @@ private:
     std::deque<Outgoing> queue_;
     std::size_t bytes_ = 0;
     bool closed_ = false;
+    unsigned waiting_ = 0;
+    std::condition_variable room_;
 };
 
 } // namespace connector::http::engine

@@ -115,6 +115,8 @@ public:
         });
     }
 
+    bool waitForRoom(std::chrono::milliseconds patience) override { return outbox_->waitForRoom(patience); }
+
     std::size_t queuedBytes() const override { return outbox_->bytes(); }
 
 private:
