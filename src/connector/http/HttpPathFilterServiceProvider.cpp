@@ -18,10 +18,11 @@ std::vector<boost::regex> HttpPathFilterServiceProvider::defaultWhiteList()
     const std::string segments = "(?:/[^./][^/]*+)*+";
     const std::string kinds = "html?|css|m?js|json|map|txt|md|csv|xml|svg|png|jpe?g|gif|webp|avif|ico|woff2?|ttf|otf|"
                               "wasm|pdf|mp4|webm|mp3|ogg|wav";
+    // The commonest first.
     return {
+        boost::regex("(?=.*\\.(?:" + kinds + ")$)" + segments, boost::regex::icase),
         boost::regex(segments + "/"),              // folders
         boost::regex("(?=.*/[^./]+$)" + segments), // names without a kind
-        boost::regex("(?=.*\\.(?:" + kinds + ")$)" + segments, boost::regex::icase),
     };
 }
 
