@@ -1,0 +1,27 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+
+#include "connector/bayeux/BayeuxServer.h"
+#include "platform/rqe/MessageBus.h"
+
+namespace connector::bayeux {
+
+/// The bus as the host's scripts have it. Who publishes faster than subscribers read is made to wait, at most
+/// `kPatience` for each that stands still: then that one is on its own.
+class CONNECTOR_API ScriptBus final : public rqe::MessageBus
+{
+public:
+    static constexpr std::chrono::milliseconds kPatience{1'000};
+
+    explicit ScriptBus(std::shared_ptr<BayeuxServer> server) : server_(std::move(server)) {}
+
+    void publish(const std::string& channel, const std::string& json) override;
+    std::function<void()> subscribe(const std::string& channel, Receiver receiver) override;
+
+private:
+    const std::shared_ptr<BayeuxServer> server_;
+};
+
+} // namespace connector::bayeux
