@@ -6,6 +6,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include <Poco/Dynamic/Var.h>
@@ -20,16 +22,19 @@ namespace connector::bayeux {
 class CONNECTOR_API BayeuxEvent
 {
 public:
+    /// Throws json::JsonError for data without a JSON form.
     BayeuxEvent(std::string channel, const Poco::Dynamic::Var& data, bool lazy = false);
 
     const std::string& channel() const noexcept { return channel_; }
     /// {"channel":…,"data":…}
-    const std::string& text() const noexcept { return text_; }
+    std::string_view text() const noexcept { return std::string_view(*frame_).substr(1, frame_->size() - 2); }
+    /// The text as an array of one, which all WebSocket receivers share.
+    const std::shared_ptr<const std::string>& frame() const noexcept { return frame_; }
     bool isLazy() const noexcept { return lazy_; }
 
 private:
     std::string channel_;
-    std::string text_;
+    std::shared_ptr<const std::string> frame_;
     bool lazy_;
 };
 using EventPtr = std::shared_ptr<const BayeuxEvent>;
@@ -57,9 +62,9 @@ using SessionPtr = std::shared_ptr<BayeuxSession>;
 struct BayeuxMessage
 {
     std::string channel;
-    Poco::Dynamic::Var data; ///< a JSON value; empty for none
+    Poco::Dynamic::Var data;     ///< a JSON value; empty for none
     Poco::JSON::Object::Ptr ext; ///< null for none
-    SessionPtr sender; ///< null when it came from `publish`
+    SessionPtr sender;           ///< null when it came from `publish`
 };
 
 /// Who may do what. Answers "" for yes, else the reason, which goes to the client ("403:…:reason"). Threads: any; must
@@ -69,12 +74,13 @@ class CONNECTOR_API BayeuxSecurityPolicy
 public:
     virtual ~BayeuxSecurityPolicy() = default;
     virtual std::string mayHandshake(const BayeuxSession& session, const Poco::JSON::Object& message);
-    /// A channel that does not exist yet.
+    /// Before the first subscription of a channel, and before a message to a channel nobody knows.
     virtual std::string mayCreate(const BayeuxSession& session, const std::string& channel);
     virtual std::string maySubscribe(const BayeuxSession& session, const std::string& channel);
     virtual std::string mayPublish(const BayeuxSession& session, const std::string& channel);
 };
 
+/// Hears of remote sessions and of channels.
 class CONNECTOR_API BayeuxListener
 {
 public:
@@ -91,16 +97,16 @@ public:
 /// What a channel (no pattern) does besides passing messages on. Options make the channel and keep it.
 struct ChannelOptions
 {
-    bool retain = false;   ///< a new subscriber gets the last event at once
-    bool presence = false; ///< joins and leaves are published on "/presence" + channel
-    bool lazy = false;     ///< events wait for company, at most `Limits::lazyDelay`
+    bool retain = false;              ///< a new subscriber gets the last event at once
+    bool presence = false;            ///< joins and leaves are published on "/presence" + channel
+    bool lazy = false;                ///< events wait for company, at most `Limits::lazyDelay`
     bool serverPublishesOnly = false; ///< remote clients may not publish
 };
 
 struct BayeuxLimits
 {
-    std::chrono::milliseconds timeout{30'000};  ///< how long a connect is held
-    std::chrono::milliseconds interval{0};      ///< what clients wait between connects
+    std::chrono::milliseconds timeout{30'000};     ///< how long a connect is held
+    std::chrono::milliseconds interval{0};         ///< what clients wait between connects
     std::chrono::milliseconds maxInterval{60'000}; ///< how long a session lives without a connect
     std::chrono::milliseconds lazyDelay{5'000};
     std::size_t queueMessages = 10'000; ///< of one session
@@ -109,14 +115,14 @@ struct BayeuxLimits
     std::size_t sessions = 20'000;
     std::size_t subscriptions = 1'000; ///< of one session
     std::size_t channels = 100'000;
-    std::size_t batch = 1'000; ///< messages in one array
+    std::size_t batch = 1'000;      ///< messages in one array
     unsigned pollsOfOneBrowser = 2; ///< held connects of one HTTP session; more get "multiple-clients" advice
 };
 
 struct BayeuxCounters
 {
-    std::uint64_t sessions = 0; ///< now
-    std::uint64_t channels = 0; ///< now
+    std::uint64_t sessions = 0;      ///< now
+    std::uint64_t channels = 0;      ///< now
     std::uint64_t subscriptions = 0; ///< now
     std::uint64_t published = 0;
     std::uint64_t delivered = 0; ///< handed to a connection
@@ -126,7 +132,8 @@ struct BayeuxCounters
 };
 
 /// The open WebSocket of a client, as the server sees it: takes events and replies whole, each one text that is a JSON
-/// array. Threads: any.
+/// array. Threads: any. `send` and `queuedBytes` are called with a session's lock held, which keeps the order: they
+/// must neither block nor call the server.
 class CONNECTOR_API BayeuxChannelSink
 {
 public:
@@ -141,7 +148,7 @@ public:
 /// One request's or frame's way in.
 struct BayeuxOrigin
 {
-    std::string httpSessionId;                   ///< "" without one
+    std::string httpSessionId;                    ///< "" without one
     std::shared_ptr<BayeuxChannelSink> webSocket; ///< null for long polling
     std::string peerAddress;
 };
@@ -181,15 +188,15 @@ public:
     virtual ~BayeuxServer() = default;
 
     /// A request's body or a frame's text. Answers the reply: a JSON array, or "" when a WebSocket client is to get no
-    /// reply (yet): its replies may come later through `origin.webSocket`. A long-polling connect is held by the future,
-    /// which occupies no thread; cancelling it (the client went away) leaves the queue for the next connect. Fails with
-    /// http::HttpFault 400 for what is no JSON array or object, 413 beyond messageBytes.
+    /// reply (yet): its replies may come later through `origin.webSocket`. A long-polling connect is held by the
+    /// future, which occupies no thread; cancelling it (the client went away) leaves the queue for the next connect.
+    /// Fails with http::HttpFault 400 for what is no JSON array or object, 413 beyond messageBytes.
     virtual Future<std::string> handle(std::string body, const BayeuxOrigin& origin) = 0;
     /// The WebSocket closed: sessions that lived on it go on living for maxInterval.
     virtual void webSocketClosed(const std::shared_ptr<BayeuxChannelSink>& webSocket) = 0;
 
-    /// To every subscriber of the channel; throws std::invalid_argument for a pattern, a "/meta" channel and bad names,
-    /// json::JsonError for data without a JSON form.
+    /// To every subscriber of the channel; throws std::invalid_argument for a pattern, a "/meta" or "/service" channel
+    /// and bad names, json::JsonError for data without a JSON form.
     virtual void publish(const std::string& channel, const Poco::Dynamic::Var& data) = 0;
     virtual void publish(EventPtr event) = 0;
     /// In this process: `channel` may be a pattern ("/a/*", "/a/**").
@@ -197,7 +204,8 @@ public:
     /// For messages that clients send to "/service/…" (a pattern is allowed); without a handler they are refused.
     [[nodiscard]] virtual Registration handleService(const std::string& channel, ServiceHandler handler) = 0;
     /// A session of this process, which others can address by its id: it subscribes with `subscribe`d functions of its
-    /// own, publishes under its name, and ends with `disconnect` or when nobody holds it.
+    /// own, publishes under its name, and ends with `disconnect` or when nobody holds it. Throws std::invalid_argument
+    /// for a name that is empty or taken.
     virtual SessionPtr openLocalSession(const std::string& name, Subscriber deliveries) = 0;
     virtual void publishAs(const BayeuxSession& sender, const std::string& channel, const Poco::Dynamic::Var& data) = 0;
 
@@ -217,8 +225,8 @@ public:
 
     /// Starts the sweeping of sessions, which the tick manager drives.
     virtual void start() = 0;
-    /// Ends all sessions: held connects are answered ("reconnect":"handshake", so that clients come back to a successor),
-    /// WebSockets closed. Requests fail with "unavailable" until `start`.
+    /// Ends all sessions: held connects are answered ("reconnect":"handshake", so that clients come back to a
+    /// successor), WebSockets closed. Requests fail with "unavailable" until `start`.
     virtual void stop() = 0;
 
     virtual std::shared_ptr<BayeuxServer> getPtr() = 0;
