@@ -6,6 +6,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include <Poco/Dynamic/Var.h>
@@ -20,16 +22,19 @@ namespace connector::bayeux {
 class CONNECTOR_API BayeuxEvent
 {
 public:
+    /// Throws json::JsonError for data without a JSON form.
     BayeuxEvent(std::string channel, const Poco::Dynamic::Var& data, bool lazy = false);
 
     const std::string& channel() const noexcept { return channel_; }
     /// {"channel":…,"data":…}
-    const std::string& text() const noexcept { return text_; }
+    std::string_view text() const noexcept { return std::string_view(*frame_).substr(1, frame_->size() - 2); }
+    /// The text as an array of one, which all WebSocket receivers share.
+    const std::shared_ptr<const std::string>& frame() const noexcept { return frame_; }
     bool isLazy() const noexcept { return lazy_; }
 
 private:
     std::string channel_;
-    std::string text_;
+    std::shared_ptr<const std::string> frame_;
     bool lazy_;
 };
 using EventPtr = std::shared_ptr<const BayeuxEvent>;
@@ -69,12 +74,13 @@ class CONNECTOR_API BayeuxSecurityPolicy
 public:
     virtual ~BayeuxSecurityPolicy() = default;
     virtual std::string mayHandshake(const BayeuxSession& session, const Poco::JSON::Object& message);
-    /// A channel that does not exist yet.
+    /// Before the first subscription of a channel, and before a message to a channel nobody knows.
     virtual std::string mayCreate(const BayeuxSession& session, const std::string& channel);
     virtual std::string maySubscribe(const BayeuxSession& session, const std::string& channel);
     virtual std::string mayPublish(const BayeuxSession& session, const std::string& channel);
 };
 
+/// Hears of remote sessions and of channels.
 class CONNECTOR_API BayeuxListener
 {
 public:
@@ -126,7 +132,8 @@ struct BayeuxCounters
 };
 
 /// The open WebSocket of a client, as the server sees it: takes events and replies whole, each one text that is a JSON
-/// array. Threads: any.
+/// array. Threads: any. `send` and `queuedBytes` are called with a session's lock held, which keeps the order: they
+/// must neither block nor call the server.
 class CONNECTOR_API BayeuxChannelSink
 {
 public:
@@ -188,8 +195,8 @@ public:
     /// The WebSocket closed: sessions that lived on it go on living for maxInterval.
     virtual void webSocketClosed(const std::shared_ptr<BayeuxChannelSink>& webSocket) = 0;
 
-    /// To every subscriber of the channel; throws std::invalid_argument for a pattern, a "/meta" channel and bad names,
-    /// json::JsonError for data without a JSON form.
+    /// To every subscriber of the channel; throws std::invalid_argument for a pattern, a "/meta" or "/service" channel
+    /// and bad names, json::JsonError for data without a JSON form.
     virtual void publish(const std::string& channel, const Poco::Dynamic::Var& data) = 0;
     virtual void publish(EventPtr event) = 0;
     /// In this process: `channel` may be a pattern ("/a/*", "/a/**").
@@ -197,7 +204,8 @@ public:
     /// For messages that clients send to "/service/…" (a pattern is allowed); without a handler they are refused.
     [[nodiscard]] virtual Registration handleService(const std::string& channel, ServiceHandler handler) = 0;
     /// A session of this process, which others can address by its id: it subscribes with `subscribe`d functions of its
-    /// own, publishes under its name, and ends with `disconnect` or when nobody holds it.
+    /// own, publishes under its name, and ends with `disconnect` or when nobody holds it. Throws std::invalid_argument
+    /// for a name that is empty or taken.
     virtual SessionPtr openLocalSession(const std::string& name, Subscriber deliveries) = 0;
     virtual void publishAs(const BayeuxSession& sender, const std::string& channel, const Poco::Dynamic::Var& data) = 0;
 

@@ -1,0 +1,97 @@
+// The first byte says whether the rest comes over HTTP or a WebSocket; "CLIENT" in it stands for the id of a client
+// that is there. Every answer is an array of objects or none, and whatever came, the server welcomes the next client.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include <Poco/JSON/Array.h>
+
+#include "connector/bayeux/BayeuxServerImpl.h"
+#include "connector/http/HttpBody.h"
+#include "connector/json/JsonFields.h"
+#include "connector/json/JsonText.h"
+
+namespace {
+
+using namespace connector;
+using bayeux::BayeuxOrigin;
+
+void require(bool condition)
+{
+    if (!condition)
+        std::abort();
+}
+
+/// An array of at least one object.
+json::Array::Ptr readReplies(const std::string& text)
+{
+    const auto array = json::asArray(json::parse(text));
+    require(array->size() > 0);
+    for (const auto& reply : *array)
+        json::asObject(reply);
+    return array;
+}
+
+class Sink final : public bayeux::BayeuxChannelSink
+{
+public:
+    bool send(const std::shared_ptr<const std::string>& frame) override
+    {
+        readReplies(*frame);
+        return true;
+    }
+    std::size_t queuedBytes() const override { return 0; }
+    void close() override {}
+};
+
+std::string handshake(bayeux::BayeuxServer& server, const BayeuxOrigin& origin)
+{
+    const auto replies = readReplies(server
+                                         .handle(R"({"channel":"/meta/handshake","version":"1.0",)"
+                                                 R"("supportedConnectionTypes":["long-polling"]})",
+                                                 origin)
+                                         .get());
+    const auto reply = json::asObject(replies->get(0));
+    require(json::requireBool(*reply, "successful"));
+    return json::requireString(*reply, "clientId");
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    if (size == 0)
+        return 0;
+    const auto server = std::make_shared<bayeux::BayeuxServerImpl>();
+    server->start();
+    BayeuxOrigin origin;
+    if (data[0] % 2 == 0)
+        origin.webSocket = std::make_shared<Sink>();
+    const std::string client = handshake(*server, origin);
+
+    std::string body(reinterpret_cast<const char*>(data) + 1, size - 1);
+    constexpr std::string_view kPlace = "CLIENT";
+    for (auto at = body.find(kPlace); at != std::string::npos; at = body.find(kPlace, at + client.size()))
+        body.replace(at, kPlace.size(), client);
+    // Twice, since a first connect is answered at once and a second is held.
+    for (int turn = 0; turn < 2; ++turn) {
+        auto answer = server->handle(body, origin);
+        if (!answer.isReady())
+            continue;
+        try {
+            const std::string replies = answer.get();
+            require(!replies.empty() || origin.webSocket);
+            if (!replies.empty())
+                readReplies(replies);
+        } catch (const http::HttpFault& fault) {
+            require(fault.status() == 400 || fault.status() == 413);
+        }
+    }
+    server->publish("/a/b", std::string("news"));
+    handshake(*server, origin);
+    server->stop();
+    require(server->sessions().empty());
+    return 0;
+}

@@ -1,0 +1,39 @@
+#include "connector/bayeux/Receiver.h"
+
+#include "connector/common/Log.h"
+#include "connector/json/JsonFields.h"
+#include "connector/json/JsonText.h"
+
+namespace connector::bayeux {
+
+BayeuxEvent::BayeuxEvent(std::string channel, const Poco::Dynamic::Var& data, bool lazy)
+    : channel_(std::move(channel)), lazy_(lazy)
+{
+    frame_ = std::make_shared<const std::string>("[{\"channel\":" + json::write(channel_) +
+                                                 ",\"data\":" + json::write(data) + "}]");
+}
+
+const BayeuxMessage& Publication::message() const
+{
+    if (!message_) {
+        // An event keeps its text only; the depth is that of what was written.
+        json::Limits limits;
+        limits.bytes = event_->text().size();
+        limits.depth = json::kMaxWriteDepth + 1;
+        const auto object = json::asObject(json::parse(event_->text(), limits));
+        message_ = BayeuxMessage{event_->channel(), object->get("data"), nullptr, nullptr};
+    }
+    return *message_;
+}
+
+void FunctionReceiver::receive(const Publication& publication, Burst&)
+{
+    try {
+        function_(publication.message());
+    } catch (const std::exception& error) {
+        common::log("connector.bayeux", common::LogLevel::error,
+                    "A subscriber of " + publication.event()->channel() + " failed: " + error.what());
+    }
+}
+
+} // namespace connector::bayeux

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "connector/bayeux/BayeuxServer.h"
+
+namespace connector::bayeux {
+
+/// Takes requests from `start` on. Ends its sessions when it dies.
+class CONNECTOR_API BayeuxServerImpl final : public BayeuxServer
+{
+public:
+    BayeuxServerImpl();
+    ~BayeuxServerImpl() override;
+    BayeuxServerImpl(const BayeuxServerImpl&) = delete;
+    BayeuxServerImpl& operator=(const BayeuxServerImpl&) = delete;
+
+    Future<std::string> handle(std::string body, const BayeuxOrigin& origin) override;
+    void webSocketClosed(const std::shared_ptr<BayeuxChannelSink>& webSocket) override;
+    void publish(const std::string& channel, const Poco::Dynamic::Var& data) override;
+    void publish(EventPtr event) override;
+    [[nodiscard]] Registration subscribe(const std::string& channel, Subscriber subscriber) override;
+    [[nodiscard]] Registration handleService(const std::string& channel, ServiceHandler handler) override;
+    SessionPtr openLocalSession(const std::string& name, Subscriber deliveries) override;
+    void publishAs(const BayeuxSession& sender, const std::string& channel, const Poco::Dynamic::Var& data) override;
+    SessionPtr findSession(const std::string& id) const override;
+    std::vector<SessionPtr> sessions() const override;
+    std::vector<SessionPtr> subscribers(const std::string& channel) const override;
+    void setPolicy(std::shared_ptr<BayeuxSecurityPolicy> policy, bool recheck) override;
+    void setChannelOptions(const std::string& channel, const ChannelOptions& options) override;
+    void setLimits(const BayeuxLimits& limits) override;
+    BayeuxLimits limits() const override;
+    [[nodiscard]] Registration addListener(std::shared_ptr<BayeuxListener> listener) override;
+    BayeuxCounters counters() const override;
+    void start() override;
+    void stop() override;
+    std::shared_ptr<BayeuxServer> getPtr() override { return shared_from_this(); }
+
+private:
+    struct State;
+    const std::unique_ptr<State> state_;
+};
+
+} // namespace connector::bayeux

@@ -1,0 +1,58 @@
+#pragma once
+
+#include "connector/bayeux/Core.h"
+#include "connector/bayeux/Services.h"
+
+namespace connector::bayeux {
+
+/// Answers the messages of one request or frame, in their order. Lives as long as that; one thread.
+class MessageHandler
+{
+public:
+    MessageHandler(Core& core, const Services& services, const BayeuxOrigin& origin);
+
+    /// As BayeuxServer::handle.
+    Future<std::string> handle(const std::string& body);
+
+private:
+    using Object = Poco::JSON::Object;
+    /// A message with what every reply needs of it.
+    struct Incoming
+    {
+        Object::Ptr object;
+        std::string channel;
+        std::string id; ///< JSON text; "" without one
+    };
+
+    Future<std::string> handleAll(const std::vector<Poco::Dynamic::Var>& messages);
+    void handleOne(const Poco::Dynamic::Var& value, bool alone);
+    void dispatch(const Incoming& message, bool alone);
+    void handshake(const Incoming& message);
+    void welcome(const Incoming& message, const std::shared_ptr<Session>& session);
+    void connect(const Incoming& message, const std::shared_ptr<Session>& session, bool alone);
+    void subscribe(const Incoming& message, const std::shared_ptr<Session>& session);
+    void unsubscribe(const Incoming& message, const std::shared_ptr<Session>& session);
+    void disconnect(const Incoming& message, const std::shared_ptr<Session>& session);
+    void publish(const Incoming& message, const std::shared_ptr<Session>& session);
+    void callService(const Incoming& message, const std::shared_ptr<Session>& session);
+
+    std::shared_ptr<Session> findSession(const Incoming& message);
+    std::optional<Refusal> mayPublish(const Session& session, const std::string& channel) const;
+    std::optional<Refusal> maySubscribe(const Session& session, const std::string& channel) const;
+    std::optional<Refusal> subscribeAll(const std::shared_ptr<Session>& session,
+                                        const std::vector<std::string>& channels);
+
+    void reply(std::string text);
+    /// `advice` "" for none.
+    void refuse(const Incoming& message, const Refusal& refusal, const std::string& advice = {});
+    void replyToSubscription(const Incoming& message, const Session& session, const std::optional<Refusal>& refusal);
+
+    Core& core_;
+    const Services& services_;
+    const BayeuxOrigin& origin_;
+    Burst burst_;
+    std::string replies_;
+    Future<std::string> held_;
+};
+
+} // namespace connector::bayeux

@@ -1,0 +1,69 @@
+#include "connector/bayeux/Replies.h"
+
+#include "connector/json/JsonText.h"
+
+namespace connector::bayeux {
+
+namespace {
+
+constexpr std::size_t kMaxArgumentBytes = 128;
+/// A connect that is not held comes again that late, so that tabs of one browser do not poll without a pause.
+constexpr std::chrono::milliseconds kMultipleClientsInterval(2'000);
+
+std::string advice(std::string_view reconnect, std::chrono::milliseconds interval, std::chrono::milliseconds timeout)
+{
+    std::string text = R"({"reconnect":")";
+    text.append(reconnect).append(R"(","interval":)").append(std::to_string(interval.count()));
+    text.append(R"(,"timeout":)").append(std::to_string(timeout.count()));
+    return text;
+}
+
+} // namespace
+
+std::string Refusal::errorText() const
+{
+    // Clients split the text at its colons.
+    std::string clean = argument.substr(0, kMaxArgumentBytes);
+    for (char& byte : clean) {
+        if (byte == ':' || static_cast<unsigned char>(byte) < 0x20)
+            byte = '_';
+    }
+    return std::to_string(code) + ':' + clean + ':' + text;
+}
+
+Reply::Reply(std::string_view channel, bool successful) : text_("{")
+{
+    if (!channel.empty())
+        addText("channel", std::string(channel));
+    add("successful", successful ? "true" : "false");
+}
+
+Reply& Reply::addText(std::string_view name, const std::string& text) { return add(name, json::write(text)); }
+
+Reply& Reply::add(std::string_view name, std::string_view json)
+{
+    if (text_.size() > 1)
+        text_ += ',';
+    text_.append(1, '"').append(name).append("\":").append(json);
+    return *this;
+}
+
+Reply& Reply::addId(const std::string& id) { return id.empty() ? *this : add("id", id); }
+
+Reply& Reply::addError(const Refusal& refusal) { return addText("error", refusal.errorText()); }
+
+std::string Reply::take() { return std::move(text_) + '}'; }
+
+std::string adviceText(Reconnect reconnect, const BayeuxLimits& limits)
+{
+    const char* word = reconnect == Reconnect::retry ? "retry" : reconnect == Reconnect::none ? "none" : "handshake";
+    return advice(word, limits.interval, limits.timeout) + '}';
+}
+
+std::string multipleClientsAdvice(const BayeuxLimits& limits)
+{
+    const auto interval = std::max(limits.interval, kMultipleClientsInterval);
+    return advice("retry", interval, limits.timeout) + R"(,"multiple-clients":true})";
+}
+
+} // namespace connector::bayeux

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include <Poco/Dynamic/Var.h>
+
+#include "connector/bayeux/BayeuxServer.h"
+
+namespace connector::bayeux {
+
+/// A failure as it stands in a reply: "code:argument:text".
+struct Refusal
+{
+    unsigned code;
+    std::string argument; ///< what is wrong; any bytes, cut and cleaned when written
+    std::string text;
+
+    std::string errorText() const;
+};
+
+/// The text of one reply, member by member.
+class Reply
+{
+public:
+    /// `channel` may be "", for an answer to what had none.
+    Reply(std::string_view channel, bool successful);
+
+    Reply& addText(std::string_view name, const std::string& text);
+    /// `json` is a value's text.
+    Reply& add(std::string_view name, std::string_view json);
+    /// Nothing when `id` is "".
+    Reply& addId(const std::string& id);
+    Reply& addError(const Refusal& refusal);
+    /// Ends it.
+    std::string take();
+
+private:
+    std::string text_;
+};
+
+/// Advice is always sent whole: clients replace what they have by what they get.
+enum class Reconnect
+{
+    retry,
+    handshake,
+    none
+};
+std::string adviceText(Reconnect reconnect, const BayeuxLimits& limits);
+/// For the connect that is not held since others of the same browser are.
+std::string multipleClientsAdvice(const BayeuxLimits& limits);
+
+} // namespace connector::bayeux

@@ -1,0 +1,125 @@
+#pragma once
+
+#include <atomic>
+#include <mutex>
+
+#include "connector/bayeux/BrowserPolls.h"
+#include "connector/bayeux/EventQueue.h"
+#include "connector/bayeux/Receiver.h"
+#include "connector/bayeux/Replies.h"
+
+namespace connector::bayeux {
+
+class Core;
+
+/// A remote client: its queue, the connect that waits, the WebSocket that it uses. Threads: any. Its lock is a leaf but
+/// for a sink's `send` and `queuedBytes`; promises are fulfilled without it.
+class Session final : public BayeuxSession, public Receiver, public std::enable_shared_from_this<Session>
+{
+public:
+    using Clock = EventQueue::Clock;
+    using Sink = std::shared_ptr<BayeuxChannelSink>;
+
+    /// `polls` counts its held connects.
+    Session(std::weak_ptr<Core> core, std::shared_ptr<BrowserPolls> polls, const BayeuxOrigin& origin,
+            bool acknowledges);
+
+    const std::string& id() const noexcept override { return id_; }
+    bool isLocal() const noexcept override { return false; }
+    const std::string& httpSessionId() const noexcept override { return httpSessionId_; }
+    bool deliver(EventPtr event) override;
+    void disconnect() override;
+    bool isOver() const override;
+    void receive(const Publication& publication, Burst& burst) override;
+    std::shared_ptr<Session> session() override { return shared_from_this(); }
+
+    /// How other clients know it: its id is a secret.
+    const std::string& publicId() const noexcept { return publicId_; }
+    bool acknowledges() const noexcept { return acknowledges_; }
+
+    /// Whether a message from there may speak for this session.
+    bool belongsTo(const BayeuxOrigin& origin, bool isConnect) const;
+    bool hasEvents() const;
+    /// From now on events go there.
+    void use(const Sink& sink, const BayeuxLimits& limits);
+    void unuse(const BayeuxChannelSink& sink, const BayeuxLimits& limits);
+
+    struct Connect
+    {
+        std::string id; ///< JSON text; "" without one
+        std::optional<std::chrono::milliseconds> timeout;
+        std::optional<std::uint64_t> acknowledged;
+        bool alone = true; ///< the only message of its request
+    };
+    struct Connected
+    {
+        bool isOver = false;
+        bool isHeld = false;
+        std::string text; ///< what to answer, without brackets; "" when it went through the sink
+        std::uint64_t delivered = 0;
+        Future<std::string> answer; ///< of a connect that is held without a WebSocket
+    };
+    Connected connect(const Connect& request, const BayeuxOrigin& origin, const BayeuxLimits& limits);
+
+    /// Answers the held connect when there is a reason to.
+    void release(const BayeuxLimits& limits, std::uint64_t& delivered);
+    /// Ends it once: false when it was over. A held connect is answered with the advice; "none" counts as a success.
+    bool end(Reconnect reconnect, const BayeuxLimits& limits, bool closeSink);
+
+    /// When `sweep` has something to do.
+    Clock::time_point due() const noexcept { return Clock::time_point(Clock::duration(due_.load())); }
+    /// Answers connects that were held, and sends lazy events that waited, until `now + period`; true when the session
+    /// has expired.
+    bool sweep(Clock::time_point now, std::chrono::milliseconds period, const BayeuxLimits& limits,
+               std::uint64_t& delivered);
+
+private:
+    struct Held
+    {
+        std::string id;
+        Clock::time_point deadline;
+        Promise<std::string> promise; ///< unless there is a sink
+        Sink sink;
+        std::shared_ptr<void> poll;
+        std::uint64_t number;
+    };
+    using Lock = std::unique_lock<std::mutex>;
+
+    void receiveLocked(const EventPtr& event, Burst& burst);
+    bool pushesToSink() const noexcept { return sink_ && !acknowledges_; }
+    void flushToSink(const BayeuxLimits& limits, std::uint64_t& delivered);
+    void dropSink();
+    static void answerSuperseded(std::optional<Held> held, const std::string& clientId);
+    Future<std::string> hold(const Connect& request, const BayeuxOrigin& origin, Clock::time_point deadline,
+                             std::shared_ptr<void> poll);
+    std::string answerNow(const Connect& request, const Sink& sink, const std::string& advice,
+                          std::uint64_t& delivered);
+    void pump(Lock& lock, const BayeuxLimits& limits, Clock::time_point now, std::uint64_t& delivered);
+    std::string reply(const std::string& id, const std::string& advice, const EventQueue::Events& events);
+    std::string changedAdvice(std::string advice);
+    void cancelled(std::uint64_t number);
+    void touch();
+    void updateDue(const BayeuxLimits& limits);
+
+    const std::weak_ptr<Core> core_;
+    const std::shared_ptr<BrowserPolls> polls_;
+    const std::string id_;
+    const std::string publicId_;
+    const std::string httpSessionId_;
+    const bool acknowledges_;
+
+    mutable std::mutex mutex_;
+    EventQueue queue_;
+    std::optional<Held> held_;
+    std::uint64_t lastHeld_ = 0;
+    Sink sink_;
+    std::string advice_; ///< what the client was told last
+    Clock::time_point lastReply_ = Clock::now();
+    bool connected_ = false;
+    bool delivering_ = false; ///< somebody fulfils a promise, and looks again when that is done
+    bool inBurst_ = false;
+    bool over_ = false;
+    std::atomic<Clock::rep> due_{Clock::time_point::max().time_since_epoch().count()};
+};
+
+} // namespace connector::bayeux
