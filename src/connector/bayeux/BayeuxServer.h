@@ -141,6 +141,12 @@ public:
     /// One frame. `frame` is shared by all receivers, so that it is framed once. False when the connection is over or
     /// takes no more.
     virtual bool send(const std::shared_ptr<const std::string>& frame) = 0;
+    /// Until it can take a good deal more, or is over; false when that takes longer. Not on an I/O thread.
+    virtual bool waitForRoom(std::chrono::milliseconds patience)
+    {
+        (void)patience;
+        return true;
+    }
     virtual std::size_t queuedBytes() const = 0;
     virtual void close() = 0;
 };
@@ -199,6 +205,9 @@ public:
     /// and bad names, json::JsonError for data without a JSON form.
     virtual void publish(const std::string& channel, const Poco::Dynamic::Var& data) = 0;
     virtual void publish(EventPtr event) = 0;
+    /// For a publisher that is faster than its subscribers: waits until each remote subscriber of the channel can take
+    /// more, at most `patience` for each, and not again for one that did not move since. Not on an I/O thread.
+    virtual void waitForRoom(const std::string& channel, std::chrono::milliseconds patience) = 0;
     /// In this process: `channel` may be a pattern ("/a/*", "/a/**").
     [[nodiscard]] virtual Registration subscribe(const std::string& channel, Subscriber subscriber) = 0;
     /// For messages that clients send to "/service/…" (a pattern is allowed); without a handler they are refused.

@@ -82,6 +82,11 @@ void BayeuxServerImpl::publish(EventPtr event)
     state_->publish(Publication(std::move(event)));
 }
 
+void BayeuxServerImpl::waitForRoom(const std::string& channel, std::chrono::milliseconds patience)
+{
+    state_->core->waitForRoom(channel, patience);
+}
+
 BayeuxServer::Registration BayeuxServerImpl::subscribe(const std::string& channel, Subscriber subscriber)
 {
     if ((!isChannelName(channel) && !isPattern(channel)) || isMetaChannel(channel) || isServiceChannel(channel))

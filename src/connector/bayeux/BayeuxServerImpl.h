@@ -17,6 +17,7 @@ public:
     void webSocketClosed(const std::shared_ptr<BayeuxChannelSink>& webSocket) override;
     void publish(const std::string& channel, const Poco::Dynamic::Var& data) override;
     void publish(EventPtr event) override;
+    void waitForRoom(const std::string& channel, std::chrono::milliseconds patience) override;
     [[nodiscard]] Registration subscribe(const std::string& channel, Subscriber subscriber) override;
     [[nodiscard]] Registration handleService(const std::string& channel, ServiceHandler handler) override;
     SessionPtr openLocalSession(const std::string& name, Subscriber deliveries) override;

@@ -161,6 +161,19 @@ std::shared_ptr<const Channels::Receivers> Channels::publish(const EventPtr& eve
     return united(lists);
 }
 
+std::shared_ptr<const Channels::Receivers> Channels::receivers(const std::string& channel)
+{
+    const auto patterns = patternsOf(channel);
+    Lists lists;
+    {
+        std::shared_lock lock(mutex_);
+        if (collect(channel, patterns, lists))
+            return united(lists);
+    }
+    std::lock_guard lock(mutex_);
+    return united(rebuild(channel, patterns));
+}
+
 bool Channels::setOptions(const std::string& channel, const ChannelOptions& options)
 {
     std::lock_guard retaining(retainMutex_);

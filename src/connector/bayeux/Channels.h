@@ -49,6 +49,9 @@ public:
     /// retains.
     std::shared_ptr<const Receivers> publish(const EventPtr& event);
 
+    /// The same without publishing anything.
+    std::shared_ptr<const Receivers> receivers(const std::string& channel);
+
     /// Answers whether that made the channel.
     bool setOptions(const std::string& channel, const ChannelOptions& options);
     ChannelOptions options(const std::string& channel) const;

@@ -182,6 +182,17 @@ void Core::publish(const Publication& publication, Burst& burst)
         receiver->receive(publication, burst);
 }
 
+void Core::waitForRoom(const std::string& channel, std::chrono::milliseconds patience)
+{
+    const auto receivers = channels_.receivers(channel);
+    if (!receivers)
+        return;
+    const auto current = limits();
+    for (const auto& receiver : *receivers)
+        if (const auto session = receiver->session())
+            session->waitForRoom(patience, current);
+}
+
 void Core::finish(Burst& burst)
 {
     for (const auto& session : std::exchange(burst.released, {}))

@@ -38,6 +38,7 @@ public:
     void setOptions(const std::string& channel, const ChannelOptions& options);
 
     void publish(const Publication& publication, Burst& burst);
+    void waitForRoom(const std::string& channel, std::chrono::milliseconds patience);
     /// Answers the connects that have something to take, ends the sessions that did not keep up.
     void finish(Burst& burst);
 

@@ -17,6 +17,11 @@ public:
     /// False when it does not fit, even without the lazy events that are dropped first (counted in `droppedLazy`).
     bool push(const EventPtr& event, const BayeuxLimits& limits, std::uint64_t& droppedLazy);
     bool empty() const noexcept { return waiting_.empty(); }
+    /// Less than half of what it may hold is free.
+    bool isCrowded(const BayeuxLimits& limits) const noexcept
+    {
+        return waiting_.size() + sent_.size() > limits.queueMessages / 2 || bytes_ > limits.queueBytes / 2;
+    }
     /// Something waits that should not, or has waited long enough.
     bool isUrgent(Clock::time_point now) const noexcept
     {

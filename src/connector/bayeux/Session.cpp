@@ -119,8 +119,30 @@ void Session::dropSink()
 
 void Session::touch() { lastReply_ = Clock::now(); }
 
+void Session::waitForRoom(std::chrono::milliseconds patience, const BayeuxLimits& limits)
+{
+    Lock lock(mutex_);
+    if (!pushesToSink()) {
+        const auto hasRoom = [&] { return over_ || pushesToSink() || !queue_.isCrowded(limits); };
+        if (standsStill_ && !hasRoom())
+            return;
+        ++waiting_;
+        standsStill_ = !room_.wait_for(lock, patience, hasRoom);
+        --waiting_;
+        return;
+    }
+    const Sink sink = sink_;
+    const bool stoodStill = standsStill_;
+    lock.unlock();
+    const bool room = sink->waitForRoom(stoodStill ? std::chrono::milliseconds(0) : patience);
+    lock.lock();
+    standsStill_ = !room;
+}
+
 void Session::updateDue(const BayeuxLimits& limits)
 {
+    if (waiting_ > 0)
+        room_.notify_all();
     auto due = Clock::time_point::max();
     if (held_)
         due = held_->deadline;
@@ -355,6 +377,7 @@ bool Session::end(Reconnect reconnect, const BayeuxLimits& limits, bool closeSin
         held.swap(held_);
         sink.swap(sink_);
         queue_.clear();
+        room_.notify_all();
         due_ = Clock::time_point::max().time_since_epoch().count();
     }
     if (held) {

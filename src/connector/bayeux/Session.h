@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
 
 #include "connector/bayeux/BrowserPolls.h"
@@ -63,6 +64,9 @@ public:
 
     /// Answers the held connect when there is a reason to.
     void release(const BayeuxLimits& limits, std::uint64_t& delivered);
+    /// Waits until half of what may be queued for the client is free; not again for one that did not move since. Not on
+    /// a thread that serves clients.
+    void waitForRoom(std::chrono::milliseconds patience, const BayeuxLimits& limits);
     /// Ends it once: false when it was over. A held connect is answered with the advice; "none" counts as a success.
     bool end(Reconnect reconnect, const BayeuxLimits& limits, bool closeSink);
 
@@ -119,6 +123,9 @@ private:
     bool delivering_ = false; ///< somebody fulfils a promise, and looks again when that is done
     bool inBurst_ = false;
     bool over_ = false;
+    bool standsStill_ = false; ///< was waited for in vain
+    unsigned waiting_ = 0;     ///< who waits for room
+    std::condition_variable room_;
     std::atomic<Clock::rep> due_{Clock::time_point::max().time_since_epoch().count()};
 };
 
