@@ -1,0 +1,25 @@
+#include "connector/bayeux/BayeuxServiceProviderImpl.h"
+
+#include <stdexcept>
+
+namespace connector::bayeux {
+
+BayeuxServiceProviderImpl::BayeuxServiceProviderImpl(std::shared_ptr<BayeuxServer> server) : server_(std::move(server))
+{
+    if (!server_)
+        throw std::invalid_argument("The message bus's service needs its server.");
+}
+
+Future<BayeuxResponse> BayeuxServiceProviderImpl::handle(BayeuxRequest& request)
+{
+    return server_->handle(std::move(request.body), request.origin).then([](Future<std::string> settled) {
+        return BayeuxResponse(settled.get());
+    });
+}
+
+void BayeuxServiceProviderImpl::webSocketClosed(const BayeuxWebSocketClosed& message)
+{
+    server_->webSocketClosed(message.webSocket);
+}
+
+} // namespace connector::bayeux
