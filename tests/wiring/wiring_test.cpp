@@ -3,6 +3,7 @@
 #include <set>
 
 #include "connector/administration/AdministrationImpl.h"
+#include "connector/bayeux/BayeuxServerImpl.h"
 #include "connector/configuration/ConfigurationImpl.h"
 #include "connector/container/ContainerDispatcherImpl.h"
 #include "connector/http/HttpManagerServiceProviderImpl.h"
@@ -81,9 +82,9 @@ TEST_F(WiringTest, InstallersMayRunAgain)
     ASSERT_FALSE(commands.empty());
 
     // All but the registry's and the administration's own, whose replacement starts with nothing in it.
-    for (const auto install :
-         {installJsonServices, installConfigurationServices, installHttpServices, installContainerServices,
-          installInformationServices, installInterpreterServices, installSecurityServices})
+    for (const auto install : {installJsonServices, installConfigurationServices, installHttpServices,
+                               installBayeuxServices, installCommonServices, installContainerServices,
+                               installInformationServices, installInterpreterServices, installSecurityServices})
         for (int time = 0; time < 2; ++time)
             install();
 
@@ -116,6 +117,7 @@ TEST_F(WiringTest, TeardownRemovesWhatOthersRegisteredAndEmptiesEverySlot)
     const std::weak_ptr<connector::container::v1::ContainerDispatcherImpl> dispatcher =
         slot<connector::container::v1::ContainerDispatcherImpl>;
     const std::weak_ptr<HttpRouterImpl> router = slot<HttpRouterImpl>;
+    const std::weak_ptr<connector::bayeux::BayeuxServerImpl> bus = slot<connector::bayeux::BayeuxServerImpl>;
 
     stopServicesManually();
     EXPECT_FALSE(foreign->isRunning());
@@ -126,6 +128,7 @@ TEST_F(WiringTest, TeardownRemovesWhatOthersRegisteredAndEmptiesEverySlot)
     EXPECT_TRUE(configuration.expired());
     EXPECT_TRUE(dispatcher.expired());
     EXPECT_TRUE(router.expired());
+    EXPECT_TRUE(bus.expired());
 }
 
 TEST(WiringTables, NameEveryStepOnce)

@@ -41,6 +41,8 @@ std::vector<Key> makeKeys()
         {"http.unixSocket", text(""), "Path of a Unix-domain socket to listen on as well"},
         {"interpreter.maxOutputBytes", integer(256 * kMiB), "Output kept of one evaluation", kMiB, kMaxBytes},
         {"interpreter.maxQueued", integer(1'000), "Requests that wait for the interpreter", 1, 1'000'000},
+        {"log.clientLevel", text("info"), "Level from which on log records of clients are written"},
+        {"log.clientRecordsPerSecond", integer(100), "Log records of clients written in a second", 1, 1'000'000},
         {"security.accessIdleMinutes", integer(720), "Time after which a browser that did nothing has to enter again",
          1, 525'600},
         {"security.accessKeyFile", text(""), "File with a secret that lets in like the token of the process"},

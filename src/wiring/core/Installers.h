@@ -10,6 +10,8 @@ void installJsonServices();
 void installConfigurationServices();
 
 void installHttpServices();
+void installBayeuxServices();
+void installCommonServices();
 void installContainerServices();
 void installSecurityServices();
 

@@ -1,5 +1,14 @@
 #include "connector/administration/AdministrationImpl.h"
+#include "connector/bayeux/BayeuxHttpServiceProvider.h"
+#include "connector/bayeux/BayeuxLongPollServiceProvider.h"
+#include "connector/bayeux/BayeuxServerImpl.h"
+#include "connector/bayeux/BayeuxServiceProviderImpl.h"
+#include "connector/bayeux/BayeuxWebSocketServiceProvider.h"
 #include "connector/common/TickManager.h"
+#include "connector/common_services/ConnectorCommandProvider.h"
+#include "connector/common_services/EchoServiceProvider.h"
+#include "connector/common_services/LoggingCommandProvider.h"
+#include "connector/common_services/LoggingServiceProvider.h"
 #include "connector/configuration/ConfigurationCommandProvider.h"
 #include "connector/configuration/ConfigurationImpl.h"
 #include "connector/configuration/ConfigurationJsonSerialization.h"
@@ -44,8 +53,11 @@ using namespace connector;
 // group the order is fixed and not alphabetical.
 constexpr std::array<Step, 29> teardownGroups{{
     {"administration", release<administration::AdministrationImpl>},
-    {"bayeux"},
-    {"common_services"},
+    {"bayeux",
+     release<bayeux::BayeuxHttpServiceProvider, bayeux::BayeuxLongPollServiceProvider, bayeux::BayeuxServerImpl,
+             bayeux::BayeuxServiceProviderImpl, bayeux::BayeuxWebSocketServiceProvider>},
+    {"common_services", release<common_services::ConnectorCommandProvider, common_services::EchoServiceProvider,
+                                common_services::LoggingCommandProvider, common_services::LoggingServiceProvider>},
     {"configuration",
      release<configuration::ConfigurationCommandProvider, configuration::ConfigurationImpl,
              configuration::ConfigurationJsonSerialization, configuration::ConfigurationServiceProviderImpl>},

@@ -59,7 +59,7 @@ public:
     {
         std::lock_guard lock(mutex_);
         bytes_ -= payloadBytes + kOverhead;
-        if (waiting_ > 0 && bytes_ <= maxBytes_ / 2)
+        if (waiting_ > 0 && bytes_ <= maxBytes_ / 4)
             room_.notify_all();
     }
 
@@ -71,12 +71,12 @@ public:
         room_.notify_all();
     }
 
-    /// Until half of it is free, or it is closed; false when that takes longer.
+    /// Until three quarters of it are free, or it is closed; false when that takes longer.
     bool waitForRoom(std::chrono::milliseconds patience)
     {
         std::unique_lock lock(mutex_);
         ++waiting_;
-        const bool room = room_.wait_for(lock, patience, [this] { return closed_ || bytes_ <= maxBytes_ / 2; });
+        const bool room = room_.wait_for(lock, patience, [this] { return closed_ || bytes_ <= maxBytes_ / 4; });
         --waiting_;
         return room;
     }

@@ -1,0 +1,40 @@
+#include "connector/bayeux/BayeuxServiceProviderImpl.h"
+
+#include <stdexcept>
+
+#include "connector/bayeux/ScriptBus.h"
+
+namespace connector::bayeux {
+
+BayeuxServiceProviderImpl::BayeuxServiceProviderImpl(std::shared_ptr<BayeuxServer> server)
+    : server_(std::move(server)), scripts_(std::make_shared<ScriptBus>(server_))
+{
+    if (!server_)
+        throw std::invalid_argument("The message bus's service needs its server.");
+}
+
+void BayeuxServiceProviderImpl::starting()
+{
+    server_->start();
+    rqe::ProcessBus::setBus(scripts_);
+}
+
+void BayeuxServiceProviderImpl::stopped()
+{
+    rqe::ProcessBus::clearBus(scripts_.get());
+    server_->stop();
+}
+
+Future<BayeuxResponse> BayeuxServiceProviderImpl::handle(BayeuxRequest& request)
+{
+    return server_->handle(std::move(request.body), request.origin).then([](Future<std::string> settled) {
+        return BayeuxResponse(settled.get());
+    });
+}
+
+void BayeuxServiceProviderImpl::webSocketClosed(const BayeuxWebSocketClosed& message)
+{
+    server_->webSocketClosed(message.webSocket);
+}
+
+} // namespace connector::bayeux

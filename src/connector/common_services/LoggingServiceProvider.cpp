@@ -1,0 +1,173 @@
+#include "connector/common_services/LoggingServiceProvider.h"
+
+#include <ctime>
+#include <ostream>
+#include <stdexcept>
+#include <typeinfo>
+
+#include "connector/common/LogRules.h"
+#include "platform/fl/i18n.h"
+
+namespace connector::common_services {
+
+namespace {
+
+using common::LogLevel;
+using namespace std::chrono_literals;
+
+constexpr std::size_t kMaxTextBytes = 4'096;
+constexpr std::size_t kMaxSourceBytes = 256;
+constexpr std::chrono::seconds kSecond = 1s;
+
+std::string timeText()
+{
+    const auto now = std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(now);
+    const auto time = std::chrono::system_clock::to_time_t(seconds);
+    std::tm parts{};
+    gmtime_r(&time, &parts);
+    char text[64];
+    auto size = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+    size += static_cast<std::size_t>(
+        std::snprintf(text + size, sizeof text - size, ".%03dZ", static_cast<int>((now - seconds).count())));
+    return std::string(text, size);
+}
+
+void appendEscape(std::u16string& line, char16_t unit)
+{
+    constexpr char16_t kDigits[] = u"0123456789abcdef";
+    if (unit == u'\\')
+        line += u"\\\\";
+    else if (unit == u'\n')
+        line += u"\\n";
+    else
+        line += {u'\\', u'x', kDigits[unit >> 4], kDigits[unit & 15]};
+}
+
+/// A client's text for one line: it neither ends the line nor reaches the controls of a terminal.
+std::string onOneLine(std::string_view text, std::size_t maxBytes)
+{
+    std::size_t end = std::min(text.size(), maxBytes);
+    while (end < text.size() && end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80)
+        --end; // not within a character
+
+    std::u16string line;
+    for (const char16_t unit : fl::i18n::utf8ToUtf16(text.substr(0, end))) {
+        if (unit < 0x20 || (unit >= 0x7F && unit < 0xA0) || unit == u'\\')
+            appendEscape(line, unit);
+        else
+            line += unit;
+    }
+    auto shown = fl::i18n::utf16ToUtf8(line);
+    if (end < text.size())
+        shown += " … (" + std::to_string(text.size() - end) + " bytes more)";
+    return shown;
+}
+
+} // namespace
+
+LoggingServiceProvider::LoggingServiceProvider(std::shared_ptr<configuration::Configuration> configuration,
+                                               std::string loggerName, std::ostream& out)
+    : configuration_(std::move(configuration)), loggerName_(std::move(loggerName)), out_(out)
+{
+    if (!configuration_)
+        throw std::invalid_argument("The service for clients' log records needs the configuration.");
+}
+
+LoggingServiceProvider::~LoggingServiceProvider() { stop(); }
+
+void LoggingServiceProvider::start()
+{
+    if (!running_.exchange(true))
+        subscription_ = common::TickManager::instance()->every(kSecond, [this] { tick(); });
+}
+
+void LoggingServiceProvider::stop()
+{
+    if (!running_.exchange(false))
+        return;
+    subscription_.reset();
+    std::lock_guard lock(mutex_);
+    endSecond();
+}
+
+MessageFuture LoggingServiceProvider::deliver(std::unique_ptr<Message>&& message, Address&&, std::shared_ptr<Context>&&)
+{
+    try {
+        if (!isRunning())
+            throw std::runtime_error("Service exists but is not running.");
+        if (const auto* record = dynamic_cast<const LogRecord*>(message.get()))
+            return makeReadyFuture<std::unique_ptr<Message>>(std::make_unique<LogRecordResponse>(write(*record)));
+        const Message* actual = message.get();
+        throw std::invalid_argument(std::string("Incorrect message type. Expected: ") + typeid(LogRecord).name() +
+                                    " but found " + (actual ? typeid(*actual).name() : "nothing"));
+    } catch (...) {
+        return makeFailedFuture<std::unique_ptr<Message>>(std::current_exception());
+    }
+}
+
+bool LoggingServiceProvider::write(const LogRecord& record)
+{
+    const auto limit = configuration_->getInteger("log.clientRecordsPerSecond");
+    std::lock_guard lock(mutex_);
+    if (!isWanted(record.level))
+        return false;
+    const auto now = std::chrono::steady_clock::now();
+    if (now - second_ >= kSecond) {
+        endSecond();
+        second_ = now;
+    }
+    if (recordsOfSecond_ >= limit) {
+        ++leftOut_;
+        return false;
+    }
+    ++recordsOfSecond_;
+    const auto source = onOneLine(record.source, kMaxSourceBytes);
+    writeLine(record.level, source + (source.empty() ? "" : ": ") + onOneLine(record.text, kMaxTextBytes));
+    return true;
+}
+
+/// With the lock held.
+bool LoggingServiceProvider::isWanted(LogLevel level)
+{
+    const auto text = configuration_->getString("log.clientLevel");
+    auto wanted = LogLevel::info;
+    try {
+        if (text.empty() || text.find_first_of("=,") != std::string::npos)
+            throw std::invalid_argument("It is no level.");
+        wanted = common::LogRules(text).levelOf({});
+    } catch (const std::invalid_argument&) {
+        if (std::exchange(badLevel_, text) != text)
+            common::log("connector.common_services", LogLevel::warning,
+                        "log.clientLevel is \"" + text +
+                            "\", not off, error, warning, info, debug or trace; info is used.");
+    }
+    return level != LogLevel::off && level <= wanted;
+}
+
+void LoggingServiceProvider::tick()
+{
+    std::lock_guard lock(mutex_);
+    if (std::chrono::steady_clock::now() - second_ >= kSecond)
+        endSecond();
+}
+
+/// With the lock held.
+void LoggingServiceProvider::endSecond()
+{
+    recordsOfSecond_ = 0;
+    if (const auto count = std::exchange(leftOut_, 0))
+        writeLine(LogLevel::warning, std::to_string(count) + " records of clients were left out: there were more than "
+                                                             "log.clientRecordsPerSecond in a second.");
+}
+
+/// With the lock held. Flushed, so that a line is there when the process ends badly.
+void LoggingServiceProvider::writeLine(LogLevel level, std::string_view text)
+{
+    std::string line = timeText() + " " + common::levelName(level) + " " + loggerName_ + ": ";
+    line += text;
+    line += '\n';
+    out_.write(line.data(), static_cast<std::streamsize>(line.size())).flush();
+}
+
+} // namespace connector::common_services
