@@ -385,7 +385,7 @@ private:
         const auto point = std::min(mantissa.find('.'), mantissa.size());
         const auto first = mantissa.find_first_of("123456789");
         const auto position = static_cast<long>(first) - static_cast<long>(point);
-        return exponent - position > 0;
+        return exponent > position; // their difference may be beyond the type
     }
 
     const char* const begin_;

@@ -110,6 +110,7 @@ TEST(RequestHead, takesOnlyPlainTargets)
         {400, withLine("GET /../etc/passwd HTTP/1.1")},
         {414, withLine("GET /" + std::string(200, 'a') + " HTTP/1.1")},
         {414, "GET /" + std::string(300, 'a')},
+        {414, "GET /" + std::string(300, 'a') + "\x01"},
     });
 }
 

@@ -44,6 +44,7 @@ TEST(JsonText, WhatIsReadIsWrittenInItsShortestForm)
         {"[18446744073709551616,-9223372036854775809]", "[18446744073709551616.0,-9223372036854775808.0]"},
         {"[5.0,-0.0,1e300,5e-324,0.1,1.7976931348623157e308]", "[5.0,-0.0,1e+300,5e-324,0.1,1.7976931348623157e+308]"},
         {"[1e-400,-0.000e-9999999999999999999999,0e9999999999999999999999]", "[0.0,-0.0,0.0]"},
+        {"[0.1e-9223372036854775807,0.0e9223372036854775807]", "[0.0,0.0]"},
     };
     for (const auto& [text, expected] : rows) {
         ASSERT_EQ(failure(text), "accepted") << text;
@@ -89,6 +90,7 @@ TEST(JsonText, WhatIsNotJsonIsRefusedWithItsPlace)
         {"0x10", "byte 1: expected the end"},
         {"[1e999]", "byte 1: a number beyond the range"},
         {"-0.01e400", "byte 0: a number beyond the range"},
+        {"9e9223372036854775807", "byte 0: a number beyond the range"},
         {"\"a", "byte 2: expected a string's closing '\"'"},
         {"\"a\nb\"", "byte 2: a control character"},
         {std::string("\"a\0\"", 4), "byte 2: a control character"},

@@ -25,12 +25,23 @@ bool isTargetText(std::string_view text) noexcept
                        [](char c) { return c > 0x20 && c < 0x7f && c != '#' && c != '"' && c != '<' && c != '>'; });
 }
 
+/// How a broken line or target begins, for the text of its refusal. What follows is left out: it may be a token or a
+/// nonce, which must not get into answers and from there into somebody's log.
+std::string beginning(std::string_view text)
+{
+    const auto end = text.find_first_of(" \t:?=;", 1);
+    return "\"" + printable(text.substr(0, end)) + (end == std::string_view::npos ? "\"" : "...\"");
+}
+
 } // namespace
 
 RequestHeadReader::State RequestHeadReader::read(std::string_view bytes)
 {
+    const auto longestLine = limits_.targetBytes + kMaxMethodBytes + 16; // of the request line
     while (!complete_) {
-        const auto limit = std::min(bytes.size(), limits_.headBytes);
+        // No byte beyond a limit is looked at, so that the answer does not depend on how many came at a time.
+        const auto most = inFields_ ? limits_.headBytes : std::min(limits_.headBytes, lineStart_ + longestLine + 1);
+        const auto limit = std::min(bytes.size(), most);
         for (; scanned_ < limit && bytes[scanned_] != '\n'; ++scanned_) {
             const auto byte = static_cast<unsigned char>(bytes[scanned_]);
             const bool control = (byte < 0x20 && byte != '\r' && byte != '\t') || byte == 0x7f;
@@ -41,7 +52,7 @@ RequestHeadReader::State RequestHeadReader::read(std::string_view bytes)
             }
         }
         const auto length = scanned_ - lineStart_;
-        if (!inFields_ && length > limits_.targetBytes + kMaxMethodBytes + 16) {
+        if (!inFields_ && length > longestLine) {
             refuse(414, "The request target is longer than " + std::to_string(limits_.targetBytes) + " bytes.");
             return State::refused;
         }
@@ -90,7 +101,7 @@ bool RequestHeadReader::readRequestLine(std::string_view line)
     const auto first = line.find(' ');
     const auto last = line.rfind(' ');
     if (first == std::string_view::npos || first == last || line.find(' ', first + 1) != last)
-        return refuse(400, "Not a request line: \"" + printable(line) + "\"");
+        return refuse(400, "Not a request line: " + beginning(line));
 
     const std::string_view method = line.substr(0, first);
     const std::string_view target = line.substr(first + 1, last - first - 1);
@@ -115,7 +126,7 @@ bool RequestHeadReader::readRequestLine(std::string_view line)
 bool RequestHeadReader::readTarget(std::string_view target)
 {
     if (target.empty() || !isTargetText(target))
-        return refuse(400, "Not a request target: \"" + printable(target) + "\"");
+        return refuse(400, "Not a request target: " + beginning(target));
     if (target == "*") {
         if (head_.method != "OPTIONS")
             return refuse(400, "The target * is for OPTIONS only.");
@@ -129,12 +140,13 @@ bool RequestHeadReader::readTarget(std::string_view target)
         const std::string_view scheme = target.substr(0, colon);
         if (colon == std::string_view::npos ||
             !(equalsIgnoringCase(scheme, "http") || equalsIgnoringCase(scheme, "https")))
-            return refuse(400, "Not a request target: \"" + printable(target) + "\"");
+            return refuse(400, "Not a request target: " + beginning(target));
         rest.remove_prefix(colon + 3);
         const std::string_view authority = rest.substr(0, rest.find_first_of("/?"));
         Authority parts;
         if (!Authority::parse(authority, parts))
-            return refuse(400, "Not a host in the request target: \"" + printable(authority) + "\"");
+            return refuse(400, "Not a host in the request target: \"" +
+                                   printable(authority.substr(authority.rfind('@') + 1)) + "\"");
         targetAuthority_ = toLower(authority);
         rest.remove_prefix(authority.size());
     }
@@ -156,7 +168,7 @@ bool RequestHeadReader::readField(std::string_view line)
     const auto colon = line.find(':');
     const std::string_view name = line.substr(0, colon);
     if (colon == std::string_view::npos || !isToken(name))
-        return refuse(400, "Not a header field: \"" + printable(line) + "\"");
+        return refuse(400, "Not a header field: " + beginning(line));
     // A carriage return would have been refused while scanning, so that values need no check of their own.
     head_.headers.add(std::string(name), std::string(trimmed(line.substr(colon + 1))));
     return true;
