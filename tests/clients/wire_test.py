@@ -324,7 +324,7 @@ class Connections(WireTest):
                     for status, head, _ in self.send(request + "\x81\x00", finish=True):
                         self.assertTrue(status == 200 or 400 <= status < 500, (status, request))
                         self.assertNotIn(b"\r\nUpgrade", head)
-        self.check([(self.get("/messageservice/async", *socket_fields, last="Connection: Upgrade"), 503)], finish=True)
+        self.check([(self.get("/messageservice/async", *socket_fields, last="Connection: Upgrade"), 101)], finish=True)
 
     def test_expectations(self):
         self.check([(self.post(EVAL, "Expect: " + value), 417) for value in ("", "200-ok", "100-continue, x", "100")])

@@ -241,9 +241,9 @@ print([n for n in dir(connector) if not n.startswith("_")][2:])
         "executeCommand() takes 2 arguments (1 given)\nconnector.startBundle() takes no keyword arguments\n"
         "['executeCommand', 'listAllBundleNames', 'listAllServiceNames', 'listCommands', 'loadAllServices', "
         "'loadService', 'printAllBundles', 'printAllServices', 'printBundleProperties', 'printBundleServices', "
-        "'printServiceProperties', 'reload', 'restartBundle', 'setLogDestination', 'setLogSpecification', "
-        "'start', 'startAllBundles', 'startBundle', 'stop', 'stopAllBundles', 'stopBundle', 'unloadAllServices', "
-        "'unloadService']\n")
+        "'printServiceProperties', 'publish', 'reload', 'restartBundle', 'setLogDestination', "
+        "'setLogSpecification', 'start', 'startAllBundles', 'startBundle', 'stop', 'stopAllBundles', 'stopBundle', "
+        "'subscribe', 'unloadAllServices', 'unloadService', 'unsubscribe']\n")
         << ended.errors;
 }
 

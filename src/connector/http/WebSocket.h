@@ -22,8 +22,8 @@ public:
     virtual bool send(std::shared_ptr<const std::string> text) = 0;
     /// Closes in order, after what is queued. `reason`: UTF-8, at most 123 bytes.
     virtual void close(std::uint16_t code = 1000, const std::string& reason = {}) = 0;
-    /// Waits until three quarters of what may be queued are free, or the connection is over; false when that takes longer. Not on
-    /// an I/O thread.
+    /// Waits until three quarters of what may be queued are free, or the connection is over; false when that takes
+    /// longer. Not on an I/O thread.
     virtual bool waitForRoom(std::chrono::milliseconds patience) = 0;
     /// Bytes that wait to be sent.
     virtual std::size_t queuedBytes() const = 0;

@@ -51,6 +51,7 @@ public:
 
     void publish(const std::string&, const Poco::Dynamic::Var&) override { unused(); }
     void publish(EventPtr) override { unused(); }
+    void waitForRoom(const std::string&, std::chrono::milliseconds) override { unused(); }
     Registration subscribe(const std::string&, Subscriber) override { unused(); }
     Registration handleService(const std::string&, ServiceHandler) override { unused(); }
     SessionPtr openLocalSession(const std::string&, Subscriber) override { unused(); }

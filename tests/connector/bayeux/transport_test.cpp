@@ -50,6 +50,8 @@ public:
         sent.push_back(std::move(message));
         return true;
     }
+    bool send(std::shared_ptr<const std::string> text) override { return send(std::string(*text), false); }
+    bool waitForRoom(std::chrono::milliseconds) override { return true; }
     void close(std::uint16_t code, const std::string&) override { codes.push_back(code); }
     std::size_t queuedBytes() const override { return sent.size(); }
 
