@@ -112,6 +112,37 @@ test("the printed address lets one browser in, once", async () => {
   });
 });
 
+test("a page counts every message of a script's loop", async () => {
+  await profile(async (page) => {
+    await page.goto(await freshEntry());
+    await page.evaluate(() => new Promise((resolve, reject) => {
+      const socket = new WebSocket(location.origin.replace("http", "ws") + "/messageservice/async");
+      const send = (message) => socket.send(JSON.stringify([{...message, clientId: window.clientId}]));
+      window.next = 0;
+      socket.onopen = () => send({channel: "/meta/handshake", version: "1.0", supportedConnectionTypes: ["websocket"]});
+      socket.onerror = reject;
+      socket.onmessage = (event) => {
+        for (const message of JSON.parse(event.data)) {
+          if (message.channel === "/meta/handshake") {
+            window.clientId = message.clientId;
+            send({channel: "/meta/subscribe", subscription: "/count"});
+          } else if (message.channel === "/meta/subscribe") {
+            send({channel: "/meta/connect", connectionType: "websocket"});
+            resolve();
+          } else if (message.channel === "/meta/connect") {
+            send({channel: "/meta/connect", connectionType: "websocket"});
+          } else if (message.data === window.next) {
+            ++window.next;
+          }
+        }
+      };
+    }));
+    const done = await ask({type: "Eval", code: "import connector\nfor n in range(100_000):\n    connector.publish('/count', n)"});
+    assert.equal(done.type, "EvalResponse", JSON.stringify(done));
+    await page.waitForFunction(() => window.next === 100_000);
+  });
+});
+
 test("pages of another port neither read nor post nor open a socket", async () => {
   const stranger = http.createServer((request, response) => {
     response.setHeader("Content-Type", "text/html");

@@ -7,6 +7,7 @@ import signal
 import subprocess
 import tempfile
 import threading
+import time
 import urllib.parse
 
 TIMEOUT = 30
@@ -32,13 +33,23 @@ class Vendra:
         self.entry_url = self._announced("Connector: ")
         self.url = self.entry_url.partition("?")[0]
         self.token_file = self._announced("Token file: ")
-        with open(self.token_file, encoding="utf-8") as file:
-            self.discovery = json.load(file)
+        self.discovery = self._discovered()
         return self
 
     def __exit__(self, *error):
         self.stop()
         self._folder.cleanup()
+
+    def _discovered(self):
+        """What the discovery file says; a program that restarts the connector takes it away for a moment."""
+        end = time.monotonic() + TIMEOUT
+        while True:
+            try:
+                with open(self.token_file, encoding="utf-8") as file:
+                    return json.load(file)
+            except FileNotFoundError:
+                if time.monotonic() > end:
+                    raise
 
     def _announced(self, label):
         watchdog = threading.Timer(TIMEOUT, self.process.kill)

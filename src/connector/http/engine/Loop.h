@@ -38,8 +38,12 @@ public:
     const std::string& date() { return date_.at(std::time(nullptr)); }
     bool isStopping() const noexcept { return stopping_; }
 
-    /// Has `woken` called on the loop's thread, once for all who are woken meanwhile. Any thread.
+    /// Has `woken` called on the loop's thread, once for all who are woken meanwhile; at once, or a millisecond later
+    /// when many have just been called. Any thread.
     void wake(std::weak_ptr<Peer> peer);
+
+    /// A client's message is about to be handled, with others maybe read along with it.
+    void noteMessage() noexcept { ++messagesRead_; }
 
     /// `welcome` is false for a connection beyond the limit, which gets 503.
     void adopt(Stream::Socket socket, bool isUnix, bool welcome, std::unique_ptr<ConnectionCount> count);
@@ -49,6 +53,8 @@ public:
     void stop();
 
 private:
+    void callWokenSoon();
+    void callWoken();
     void sweepLater();
     void sweep();
 
@@ -57,6 +63,11 @@ private:
     std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> work_;
     boost::asio::steady_timer sweepTimer_;
     boost::asio::steady_timer stopTimer_;
+    boost::asio::steady_timer gatherTimer_;
+    std::chrono::steady_clock::time_point crowdCalled_; ///< when many were called for the last time
+    std::uint64_t messagesRead_ = 0;
+    std::uint64_t messagesSeen_ = 0;
+    unsigned postponed_ = 0;
     std::chrono::milliseconds sweepInterval_;
     std::unordered_map<Peer*, std::shared_ptr<Peer>> peers_;
     DateText date_;

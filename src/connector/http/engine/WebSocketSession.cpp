@@ -223,6 +223,7 @@ void WebSocketSession::read()
         self->incoming_.consume(self->incoming_.size());
         if (self->incoming_.capacity() > kKeptReadBytes)
             self->incoming_.shrink_to_fit();
+        self->loop_.noteMessage();
         self->endpoint_->received(std::move(message), self->stream_.got_binary());
         if (!self->over_)
             self->read();

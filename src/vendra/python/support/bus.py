@@ -47,7 +47,8 @@ def subscribe(channel, callback=None):
         return lambda function: subscribe(channel, function)
     if not callable(callback):
         raise TypeError("callback must be callable")
-    _subscriptions.setdefault(callback, []).append(_Subscription(channel, callback))
+    subscription = _Subscription(channel, callback)
+    _subscriptions.setdefault(callback, []).append(subscription)
     return callback
 
 
