@@ -12,4 +12,4 @@ cmake --preset fuzz --log-level=WARNING
 cmake --build build/fuzz --target "fuzz_$name"
 found=build/fuzz/found/$name
 mkdir -p "$found"
-build/fuzz/fuzz/"$name" -max_total_time="$seconds" -artifact_prefix="$found/" "$found" "fuzz/corpus/$name"
+UBSAN_OPTIONS=halt_on_error=1 build/fuzz/fuzz/"$name" -max_total_time="$seconds" -artifact_prefix="$found/" "$found" "fuzz/corpus/$name"

@@ -76,7 +76,7 @@ std::vector<Announcement> runningHosts(const std::filesystem::path& folder)
             hosts.push_back(std::move(*host));
     }
     std::sort(hosts.begin(), hosts.end(), [](const Announcement& a, const Announcement& b) {
-        return std::tie(a.started, a.startTicks, a.pid) < std::tie(b.started, b.startTicks, b.pid);
+        return std::tie(a.startTicks, a.pid) < std::tie(b.startTicks, b.pid);
     });
     return hosts;
 }
