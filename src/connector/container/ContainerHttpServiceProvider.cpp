@@ -1,5 +1,7 @@
 #include "connector/container/ContainerHttpServiceProvider.h"
 
+#include <malloc.h>
+
 #include <Poco/JSON/Object.h>
 
 #include "connector/container/ContainerMessages.h"
@@ -11,6 +13,7 @@ namespace v1 {
 namespace {
 
 constexpr const char* kJson = "application/json";
+constexpr std::size_t kLargeBytes = 1u << 20;
 
 bool isJson(std::string_view contentType)
 {
@@ -23,6 +26,13 @@ bool isJson(std::string_view contentType)
 std::unique_ptr<http::HttpResponse> answerJson(std::string body)
 {
     return std::make_unique<http::HttpResponse>(200, kJson, std::move(body));
+}
+
+/// Reading a large body takes many times its size for a moment, which the allocator would keep.
+void giveBackMemory(std::unique_ptr<http::HttpRequest> request)
+{
+    request.reset();
+    ::malloc_trim(0);
 }
 
 std::unique_ptr<ContainerRequest> inContainer(std::unique_ptr<Message> message, const Poco::JSON::Object& object)
@@ -56,29 +66,39 @@ MessageFuture ContainerHttpServiceProvider::post(Request&& request, Address&& re
         [self, rest, context](Future<Request> received) { return self->handOn(received.get(), rest, context); });
 }
 
+std::unique_ptr<ContainerRequest> ContainerHttpServiceProvider::read(const std::string& body, bool& bare) const
+{
+    const auto value = json::parse(body);
+    if (value.type() != typeid(Poco::JSON::Object::Ptr))
+        throw json::JsonError("The body is not a JSON object.");
+    const auto& object = *value.extract<Poco::JSON::Object::Ptr>();
+    bare = object.has("type") && object.get("type") != std::string("ContainerRequest");
+    auto message = bare || object.has("type") ? serializer_->fromJson(object) : nullptr;
+    if (!message) {
+        Poco::JSON::Object named(object);
+        named.set("type", "ContainerRequest");
+        message = serializer_->fromJson(named);
+    }
+    if (bare)
+        return inContainer(std::move(message), object);
+    return std::unique_ptr<ContainerRequest>(static_cast<ContainerRequest*>(message.release()));
+}
+
 MessageFuture ContainerHttpServiceProvider::handOn(Request request, Address rest, std::shared_ptr<Context> context)
 {
     std::unique_ptr<ContainerRequest> container;
     bool bare = false;
+    const bool large = request->body.size() > kLargeBytes;
     try {
-        const auto value = json::parse(request->body);
-        if (value.type() != typeid(Poco::JSON::Object::Ptr))
-            throw json::JsonError("The body is not a JSON object.");
-        const auto& object = *value.extract<Poco::JSON::Object::Ptr>();
-        bare = object.has("type") && object.get("type") != std::string("ContainerRequest");
-        auto message = bare || object.has("type") ? serializer_->fromJson(object) : nullptr;
-        if (!message) {
-            Poco::JSON::Object named(object);
-            named.set("type", "ContainerRequest");
-            message = serializer_->fromJson(named);
-        }
-        if (bare)
-            container = inContainer(std::move(message), object);
-        else
-            container.reset(static_cast<ContainerRequest*>(message.release()));
+        container = read(request->body, bare);
     } catch (const json::JsonError& error) {
-        return makeReadyFuture<std::unique_ptr<Message>>(http::refusal(*request, 400, error.what()));
+        auto refused = http::refusal(*request, 400, error.what());
+        if (large)
+            giveBackMemory(std::move(request));
+        return makeReadyFuture<std::unique_ptr<Message>>(std::move(refused));
     }
+    if (large)
+        giveBackMemory(std::move(request));
 
     return context->connector()
         ->handle(std::move(container), std::move(rest), std::shared_ptr<Context>(context))

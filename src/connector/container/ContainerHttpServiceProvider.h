@@ -25,6 +25,7 @@ protected:
     MessageFuture post(Request&& request, Address&& rest, std::shared_ptr<Context>&& context) override;
 
 private:
+    std::unique_ptr<ContainerRequest> read(const std::string& body, bool& bare) const;
     MessageFuture handOn(Request request, Address rest, std::shared_ptr<Context> context);
 
     const std::shared_ptr<json::JsonSerializer> serializer_;
