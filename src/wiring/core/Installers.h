@@ -13,6 +13,7 @@ void installHttpServices();
 void installContainerServices();
 void installSecurityServices();
 
+void installDesktopServices();
 void installInformationServices();
 void installInterpreterServices();
 
