@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""Runs the exchanges of docs/protocol.md against a real host and compares each answer with the page's.
+"""Runs the exchanges of pages like docs/protocol.md against real hosts, one per page, and compares each answer with the
+page's.
 
-A text "..." on the page stands for any text. Usage: protocol_test.py VENDRA PROTOCOL_MD
+A text "..." on the page stands for any text. Usage: protocol_test.py VENDRA PAGE…
 """
 
 import json
@@ -32,8 +33,8 @@ def differs(expected, actual, where="answer"):
     return next((found for name, e, a in parts if (found := differs(e, a, name))), None)
 
 
-def main():
-    vendra, page = sys.argv[1:]
+def run_page(vendra, page):
+    """Whether all its exchanges go as it says."""
     with open(page, encoding="utf-8") as file:
         blocks = BLOCK.findall(file.read())
     kinds = [kind for kind, _ in blocks]
@@ -47,8 +48,14 @@ def main():
             if problem:
                 failures += 1
                 print(f"FAILED {request.strip()}\n       {problem}")
-    print(f"{len(blocks) // 2 - failures} passed, {failures} failed")
-    return 1 if failures else 0
+    print(f"{page}: {len(blocks) // 2 - failures} passed, {failures} failed")
+    return failures == 0
+
+
+def main():
+    vendra, *pages = sys.argv[1:]
+    assert pages, "no page to run"
+    return 0 if all([run_page(vendra, page) for page in pages]) else 1
 
 
 if __name__ == "__main__":

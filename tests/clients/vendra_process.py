@@ -16,8 +16,9 @@ TIMEOUT = 30
 class Vendra:
     """`with Vendra(path) as host:` starts `vendra --connector` with folders of its own and ends it with SIGTERM."""
 
-    def __init__(self, executable, *arguments, environment=None):
+    def __init__(self, executable, *arguments, environment=None, stdin=subprocess.DEVNULL):
         self._executable = executable
+        self._stdin = stdin
         self._command = [executable, "--connector", *arguments]
         self._folder = tempfile.TemporaryDirectory(prefix="vendra-test-")
         self.home = self._folder.name
@@ -28,7 +29,7 @@ class Vendra:
 
     def __enter__(self):
         self.process = subprocess.Popen(
-            self._command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+            self._command, stdin=self._stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
             env=self.environment)
         self.entry_url = self._announced("Connector: ")
         self.url = self.entry_url.partition("?")[0]

@@ -303,15 +303,15 @@ TEST_F(InterpreterTest, getsSetsListsAndClearsVariables)
             shown[info.name] = info.type + " [" + size + "] " + info.preview.substr(0, 12);
         }
     });
-    EXPECT_EQ(shown, (std::map<std::string, std::string>{{"Loud", "type [] type"},
+    EXPECT_EQ(shown, (std::map<std::string, std::string>{{"Loud", "type [] <class 'Loud"},
                                                          {"b", "bytes [3 ] b'123'"},
                                                          {"big", "int [] int of 33220"},
                                                          {"d", "dict [1 ] {'k': list o"},
-                                                         {"l", "Loud [] Loud"},
+                                                         {"l", "Loud [] <__main__.Lo"},
                                                          {"m", "memoryview [2 3 ] memoryview"},
-                                                         {"nested", "list [2 ] [Loud, 1]"},
+                                                         {"nested", "list [2 ] [<__main__.L"},
                                                          {"numbers", "list [1000 ] [0, 1, 2, 3,"},
-                                                         {"text", "str [] 'aaaaaaaaaaa"}}));
+                                                         {"text", "str [500 ] 'aaaaaaaaaaa"}}));
 }
 
 TEST_F(InterpreterTest, completesNamesAndAttributes)

@@ -7,6 +7,7 @@
 
 #include "platform/Export.h"
 #include "platform/matrix/Array.h"
+#include "platform/rqe/Browsing.h"
 
 namespace rqe {
 
@@ -40,14 +41,6 @@ struct EvalResult
     std::string conversionError; ///< why `value` is empty although hasValue
 };
 
-struct VariableInfo
-{
-    std::string name;
-    std::string type;              ///< as the language names it
-    std::vector<std::size_t> size; ///< of arrays and containers; empty for scalars
-    std::string preview;           ///< at most 200 bytes of UTF-8
-};
-
 struct Completions
 {
     std::size_t replaceFrom = 0; ///< byte offset in the text from which a candidate replaces up to the cursor
@@ -77,7 +70,22 @@ public:
     /// In name order, without the names the language itself puts there, modules and names with a leading underscore.
     virtual std::vector<VariableInfo> listVariables() = 0;
 
-    /// `cursor`: byte offset into `text`.
+    /// A part of the same list: of the names that fit `pattern` (with * ? [abc]; all when empty) those from `offset`
+    /// on, at most `limit`. This, `inspect` and `changesSince` run no code of classes that a script defines, and answer
+    /// in a time that the sizes of values do not set.
+    virtual WorkspacePage listVariables(std::string_view pattern, std::size_t offset, std::size_t limit) = 0;
+    /// Throws std::out_of_range when there is no such variable or nothing at the path, std::invalid_argument when rows
+    /// or columns are asked of what has none.
+    virtual ValueView inspect(const ValueQuery& query) = 0;
+    /// Sets what is at a path, which is not empty, inside a variable. Throws as `inspect`; ScriptError when the
+    /// assignment fails.
+    virtual void setInside(std::string_view name, const Path& path, const vxArray& value) = 0;
+    /// The variables that changed since a token that this operation gave; none for an empty token. A hint: a large
+    /// value that was changed in place goes unnoticed.
+    virtual VariableChanges changesSince(std::string_view token) = 0;
+
+    /// What may stand at the cursor: names, attributes, names of a call's arguments, files in texts. Runs no script
+    /// code. `cursor`: byte offset into `text`.
     virtual Completions complete(std::string_view text, std::size_t cursor) = 0;
 
     virtual std::vector<std::string> searchPath() = 0;

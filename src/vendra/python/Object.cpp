@@ -26,6 +26,15 @@ std::string textOf(PyObject* text)
     return fl::i18n::utf16ToUtf8({units, static_cast<std::size_t>(PyBytes_GET_SIZE(encoded.get())) / 2});
 }
 
+std::vector<std::string> textsOf(PyObject* sequence)
+{
+    Ref items = Ref::own(PySequence_Fast(sequence, "a list of texts is needed"));
+    std::vector<std::string> texts;
+    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(items.get()); ++i)
+        texts.push_back(textOf(PySequence_Fast_GET_ITEM(items.get(), i)));
+    return texts;
+}
+
 Ref takeError()
 {
     PyObject* type = nullptr;

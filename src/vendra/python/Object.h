@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace vendra::python {
 
@@ -63,6 +64,9 @@ Ref makeText(std::string_view utf8);
 
 /// The UTF-8 of a str; an unpaired surrogate becomes U+FFFD. ErrorSet (TypeError) for other objects.
 std::string textOf(PyObject* text);
+
+/// Those of a list or tuple of str. ErrorSet as textOf, also for what is neither.
+std::vector<std::string> textsOf(PyObject* sequence);
 
 /// Calls `write` with the UTF-8 of a str, without a copy where the str has it.
 template <class Write>

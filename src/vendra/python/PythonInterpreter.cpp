@@ -1,6 +1,6 @@
 #include "vendra/python/PythonInterpreter.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <filesystem>
 #include <initializer_list>
 #include <stdexcept>
@@ -25,15 +25,6 @@ std::string cutText(std::string_view text)
     return std::string(text.substr(0, end));
 }
 
-std::vector<std::string> textsOf(PyObject* list)
-{
-    Ref items = Ref::own(PySequence_Fast(list, "a list of texts is needed"));
-    std::vector<std::string> texts;
-    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(items.get()); ++i)
-        texts.push_back(textOf(PySequence_Fast_GET_ITEM(items.get(), i)));
-    return texts;
-}
-
 Ref listOf(const std::vector<std::string>& texts)
 {
     Ref list = Ref::own(PyList_New(static_cast<Py_ssize_t>(texts.size())));
@@ -50,32 +41,7 @@ PyObject* workspace()
     return PyModule_GetDict(main);
 }
 
-rqe::VariableInfo infoOf(PyObject* row)
-{
-    rqe::VariableInfo info;
-    info.name = textOf(PyTuple_GET_ITEM(row, 0));
-    info.type = textOf(PyTuple_GET_ITEM(row, 1));
-    PyObject* sizes = PyTuple_GET_ITEM(row, 2);
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(sizes); ++i)
-        info.size.push_back(PyLong_AsSize_t(PyList_GET_ITEM(sizes, i)));
-    info.preview = textOf(PyTuple_GET_ITEM(row, 3));
-    return info;
-}
-
 } // namespace
-
-template <class Body>
-auto PythonInterpreter::guarded(rqe::OutputSink* sink, Body body)
-{
-    OutputCapture::Scope scope(capture_, sink);
-    try {
-        auto result = body();
-        capture_.flush();
-        return result;
-    } catch (const ErrorSet&) {
-        throwScriptError();
-    }
-}
 
 void PythonInterpreter::throwScriptError()
 {
@@ -135,18 +101,22 @@ void PythonInterpreter::convertValue(PyObject* value, rqe::EvalResult& result)
 {
     Ref shown = Ref::own(PyObject_Repr(value));
     withText(shown.get(), [&](std::string_view utf8) { result.valueText = cutText(utf8); });
-    try {
-        result.value = toArray(value);
-    } catch (const ErrorSet&) {
-        // An interrupt is the caller's wish, not a property of the value.
-        if (PyErr_ExceptionMatches(PyExc_KeyboardInterrupt) || PyErr_ExceptionMatches(PyExc_SystemExit))
-            throw;
-        Ref error = takeError();
-        Ref message = Ref::own(PyObject_Str(error.get()));
-        result.conversionError = textOf(message.get());
-        if (result.conversionError.empty())
-            result.conversionError = Py_TYPE(error.get())->tp_name;
-    }
+    result.value = arrayOrReason(value, result.conversionError);
+}
+
+matrix::ArrayPtr PythonInterpreter::arrayOrReason(PyObject* value, std::string& reason)
+try {
+    return toArray(value);
+} catch (const ErrorSet&) {
+    // An interrupt is the caller's wish, not a property of the value.
+    if (PyErr_ExceptionMatches(PyExc_KeyboardInterrupt) || PyErr_ExceptionMatches(PyExc_SystemExit))
+        throw;
+    Ref error = takeError();
+    Ref message = Ref::own(PyObject_Str(error.get()));
+    reason = textOf(message.get());
+    if (reason.empty())
+        reason = Py_TYPE(error.get())->tp_name;
+    return nullptr;
 }
 
 std::vector<matrix::ArrayPtr> PythonInterpreter::call(std::string_view name, std::vector<matrix::ArrayPtr> arguments,
@@ -210,17 +180,6 @@ bool PythonInterpreter::clearVariable(std::string_view name)
     });
 }
 
-std::vector<rqe::VariableInfo> PythonInterpreter::listVariables()
-{
-    return guarded(nullptr, [&] {
-        Ref rows = callSupport("list_variables", {});
-        std::vector<rqe::VariableInfo> variables;
-        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows.get()); ++i)
-            variables.push_back(infoOf(PyList_GET_ITEM(rows.get(), i)));
-        return variables;
-    });
-}
-
 rqe::Completions PythonInterpreter::complete(std::string_view text, std::size_t cursor)
 {
     if (cursor > text.size())
@@ -230,7 +189,8 @@ rqe::Completions PythonInterpreter::complete(std::string_view text, std::size_t 
         Ref before = makeText(text.substr(0, cursor));
         Ref found = callSupport("complete", {before.get()});
         rqe::Completions completions;
-        completions.replaceFrom = cursor - textOf(PyTuple_GET_ITEM(found.get(), 0)).size();
+        // What is not UTF-8 grows when it is replaced.
+        completions.replaceFrom = cursor - std::min(cursor, textOf(PyTuple_GET_ITEM(found.get(), 0)).size());
         completions.candidates = textsOf(PyTuple_GET_ITEM(found.get(), 1));
         return completions;
     });

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <initializer_list>
+#include <string>
+
 #include "platform/rqe/Interpreter.h"
 #include "vendra/python/Object.h"
 #include "vendra/python/OutputCapture.h"
@@ -20,6 +23,10 @@ public:
     void setVariable(std::string_view name, const vxArray& value) override;
     bool clearVariable(std::string_view name) override;
     std::vector<rqe::VariableInfo> listVariables() override;
+    rqe::WorkspacePage listVariables(std::string_view pattern, std::size_t offset, std::size_t limit) override;
+    rqe::ValueView inspect(const rqe::ValueQuery& query) override;
+    void setInside(std::string_view name, const rqe::Path& path, const vxArray& value) override;
+    rqe::VariableChanges changesSince(std::string_view token) override;
     rqe::Completions complete(std::string_view text, std::size_t cursor) override;
     std::vector<std::string> searchPath() override;
     void setSearchPath(const std::vector<std::string>& folders) override;
@@ -36,10 +43,28 @@ private:
     Ref callSupport(const char* name, std::initializer_list<PyObject*> arguments);
     /// Throws std::invalid_argument for what cannot be a variable's name.
     Ref variableName(std::string_view name);
+    /// What support/browse.py answers, unless that is a refusal, which is thrown.
+    Ref callBrowser(const char* name, std::initializer_list<PyObject*> arguments);
     void convertValue(PyObject* value, rqe::EvalResult& result);
+
+    /// Null, and why, when the value has no array form.
+    static matrix::ArrayPtr arrayOrReason(PyObject* value, std::string& reason);
 
     Ref support_;
     OutputCapture& capture_;
 };
+
+template <class Body>
+auto PythonInterpreter::guarded(rqe::OutputSink* sink, Body body)
+{
+    OutputCapture::Scope scope(capture_, sink);
+    try {
+        auto result = body();
+        capture_.flush();
+        return result;
+    } catch (const ErrorSet&) {
+        throwScriptError();
+    }
+}
 
 } // namespace vendra::python

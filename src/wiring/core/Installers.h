@@ -15,6 +15,7 @@ void installCommonServices();
 void installContainerServices();
 void installSecurityServices();
 
+void installDesktopServices();
 void installInformationServices();
 void installInterpreterServices();
 

@@ -17,7 +17,7 @@ constexpr std::array<Step, 29> startSteps{{
     {"installBayeuxServices", installBayeuxServices},
     {"installCommonServices", installCommonServices},
     {"installContainerServices", installContainerServices},
-    {"installDesktopServices"},
+    {"installDesktopServices", installDesktopServices},
     {"installFileServices"},
     {"installHitchhikerServices"},
     {"installJavaNativeBridgeServices"},

@@ -15,6 +15,8 @@
 #include "connector/configuration/ConfigurationServiceProviderImpl.h"
 #include "connector/container/ContainerDispatcherImpl.h"
 #include "connector/container/ContainerHttpServiceProvider.h"
+#include "connector/desktop/DesktopServiceProvider.h"
+#include "connector/desktop/DesktopWire.h"
 #include "connector/http/HttpCommandProvider.h"
 #include "connector/http/HttpConstantServiceProvider.h"
 #include "connector/http/HttpLocalHostFilterServiceProvider.h"
@@ -64,7 +66,8 @@ constexpr std::array<Step, 29> teardownGroups{{
     {"container", release<container::ContainerHttpRouteProvider, container::v1::ContainerDispatcherImpl,
                           container::v1::ContainerDispatcherServiceProviderImpl,
                           container::v1::ContainerHttpServiceProvider, container::v1::ContainerJsonSerialization>},
-    {"desktop"},
+    {"desktop", release<desktop::v1::DesktopJsonSerialization, desktop::v1::DesktopMessageMapProvider,
+                        desktop::v1::DesktopServiceProviderImpl>},
     {"editor"},
     {"file"},
     {"file_sharing"},

@@ -27,6 +27,10 @@ public:
     void setVariable(std::string_view, const vxArray&) override {}
     bool clearVariable(std::string_view) override { return false; }
     std::vector<VariableInfo> listVariables() override { return {}; }
+    WorkspacePage listVariables(std::string_view, std::size_t, std::size_t) override { return {}; }
+    ValueView inspect(const ValueQuery&) override { return {}; }
+    void setInside(std::string_view, const Path&, const vxArray&) override {}
+    VariableChanges changesSince(std::string_view) override { return {}; }
     Completions complete(std::string_view, std::size_t) override { return {}; }
     std::vector<std::string> searchPath() override { return {}; }
     void setSearchPath(const std::vector<std::string>&) override {}

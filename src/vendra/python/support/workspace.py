@@ -1,15 +1,13 @@
-"""The workspace as clients look at it: names, listing, completion, files.
+"""The workspace as clients use it: names, calls, folders, files.
 
 One of the files that make up the host's own part in the language: they share one namespace, and their frames never
 show in a traceback.
 """
 
 import builtins
-import collections
 import importlib
 import keyword
 import os
-import re
 import sys
 import types
 
@@ -54,128 +52,6 @@ def take_results(value, count):
         size = f" of {len(value)}" if isinstance(value, (list, tuple)) else ""
         raise ValueError(f"{count} results are wanted, but the function returned a {type(value).__name__}{size}")
     return list(value[:count])
-
-
-_type_name = type.__dict__["__name__"].__get__
-_PREVIEW_BYTES = 200
-
-
-def _cut(text):
-    data = text.encode("utf-8", "replace")
-    if len(data) <= _PREVIEW_BYTES:
-        return data.decode("utf-8")
-    return data[: _PREVIEW_BYTES - 3].decode("utf-8", "ignore") + "…"
-
-
-def _scalar_preview(value):
-    kind = type(value)
-    if kind is str:
-        return repr(value[:_PREVIEW_BYTES])
-    if kind in (bytes, bytearray):
-        return repr(value[:_PREVIEW_BYTES])
-    if kind is int and value.bit_length() > 640:
-        return f"int of {value.bit_length()} bits"
-    if value is None or kind in (bool, int, float, complex):
-        return repr(value)
-    if kind in _BRACKETS:
-        return f"{_type_name(kind)} of {len(value)}"
-    return _type_name(kind)
-
-
-_BRACKETS = {list: "[]", tuple: "()", set: "{}", frozenset: "{}", dict: "{}"}
-
-
-def _preview(value):
-    kind = type(value)
-    if kind not in _BRACKETS:
-        return _cut(_scalar_preview(value))
-    opening, closing = _BRACKETS[kind]
-    parts, length = [], 0
-    try:
-        for item in value.items() if kind is dict else value:
-            if length > _PREVIEW_BYTES:
-                break
-            part = ": ".join(map(_scalar_preview, item)) if kind is dict else _scalar_preview(item)
-            parts.append(part)
-            length += len(part) + 2
-    except RuntimeError:  # another thread changes it
-        return _scalar_preview(value)
-    return _cut(opening + ", ".join(parts) + closing)
-
-
-def _size(value):
-    kind = type(value)
-    if kind in _BRACKETS or kind in (bytes, bytearray, collections.deque):
-        return [len(value)]
-    if kind is memoryview:
-        try:
-            return list(value.shape)
-        except ValueError:
-            return []  # released
-    numpy = sys.modules.get("numpy")
-    if numpy is not None and kind is getattr(numpy, "ndarray", None):
-        return list(value.shape)
-    if _type_name(kind) == "array" and getattr(sys.modules.get("array"), "array", None) is kind:
-        return [len(value)]
-    return []
-
-
-def _variables():
-    return {
-        name: value
-        for name, value in workspace.copy().items()
-        if type(name) is str and not name.startswith("_") and type(value) is not types.ModuleType
-    }
-
-
-def variable_names():
-    return sorted(_variables())
-
-
-def list_variables():
-    """(name, type, size, preview) of each; runs nobody's code."""
-    variables = _variables()
-    return [
-        (name, _type_name(type(variables[name])), _size(variables[name]), _preview(variables[name]))
-        for name in sorted(variables)
-    ]
-
-
-_TOKEN = re.compile(r"[\w.]*\Z")
-
-
-def complete(before):
-    """(text that a candidate replaces, candidates) at the end of `before`."""
-    path = _TOKEN.search(before).group()
-    head, dot, tail = path.rpartition(".")
-    if dot:
-        if not head or not all(part.isidentifier() for part in head.split(".")):
-            return tail, []
-        return tail, _attributes(head.split("."), tail)
-    if not tail or tail[0].isdigit():
-        return tail, []
-    names = set(workspace) | set(builtins.__dict__) | set(keyword.kwlist)
-    return tail, _matching(names, tail)
-
-
-def _attributes(path, tail):
-    try:
-        value = workspace[path[0]] if path[0] in workspace else getattr(builtins, path[0])
-        for part in path[1:]:
-            value = getattr(value, part)
-        names = set(dir(value))
-    except Exception:
-        return []
-    return _matching(names, tail)
-
-
-def _matching(names, tail):
-    """Names that begin with `tail`, private ones only when asked for."""
-    return sorted(
-        name
-        for name in names
-        if isinstance(name, str) and name.startswith(tail) and (tail.startswith("_") or not name.startswith("_"))
-    )
 
 
 def search_path():

@@ -1,0 +1,303 @@
+#include "connector/desktop/DesktopWire.h"
+
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Object.h>
+
+#include "connector/desktop/DesktopMessages.h"
+#include "connector/desktop/VariableWatch.h"
+#include "connector/json/ArrayJson.h"
+#include "connector/json/JsonFields.h"
+#include "connector/json/JsonText.h"
+
+namespace connector::desktop::v1 {
+namespace {
+
+using Poco::Dynamic::Var;
+using Poco::JSON::Array;
+using Poco::JSON::Object;
+
+constexpr std::int64_t kMaxListed = 10'000;
+constexpr std::int64_t kMaxChildren = 1'000;
+constexpr std::int64_t kMaxCandidates = 1'000;
+constexpr std::int64_t kMaxPosition = std::int64_t{1} << 53;
+constexpr std::size_t kMaxPath = 64;
+
+std::size_t optionalCount(const Object& object, const std::string& name, std::int64_t fallback, std::int64_t minimum,
+                          std::int64_t maximum)
+{
+    return static_cast<std::size_t>(json::optionalInteger(object, name, fallback, minimum, maximum));
+}
+
+Var elementOf(const Array& array, std::size_t position) { return array.get(static_cast<unsigned>(position)); }
+
+std::optional<rqe::Range> optionalRange(const Object& object, const std::string& name)
+{
+    const auto pair = json::optionalArray(object, name);
+    if (!pair)
+        return std::nullopt;
+    return json::within(name, [&] {
+        if (pair->size() != 2)
+            throw json::JsonError("expected [from, count] but found " + std::to_string(pair->size()) + " elements");
+        const auto number = [&](std::size_t position) {
+            return json::within(position, [&] { return json::asInteger(elementOf(*pair, position), 0, kMaxPosition); });
+        };
+        return std::optional(rqe::Range{static_cast<std::size_t>(number(0)), static_cast<std::size_t>(number(1))});
+    });
+}
+
+rqe::Step stepOf(const Var& value)
+{
+    if (value.type() == typeid(std::string))
+        return json::asString(value);
+    if (value.isEmpty() || value.isBoolean() || !value.isNumeric())
+        throw json::JsonError("expected a position or a name but found " + json::describe(value));
+    return json::asInteger(value);
+}
+
+rqe::Path optionalPath(const Object& object)
+{
+    rqe::Path path;
+    const auto steps = json::optionalArray(object, "path");
+    if (!steps)
+        return path;
+    json::within(std::string("path"), [&] {
+        if (steps->size() > kMaxPath)
+            throw json::JsonError("expected at most " + std::to_string(kMaxPath) + " steps but found " +
+                                  std::to_string(steps->size()));
+        for (std::size_t i = 0; i < steps->size(); ++i)
+            path.push_back(json::within(i, [&] { return stepOf(elementOf(*steps, i)); }));
+    });
+    return path;
+}
+
+std::unique_ptr<Workspace> decodeWorkspace(const Object& object)
+{
+    auto message = std::make_unique<Workspace>();
+    message->offset = optionalCount(object, "offset", 0, 0, kMaxPosition);
+    message->limit = optionalCount(object, "limit", 1'000, 1, kMaxListed);
+    message->pattern = json::optionalString(object, "pattern");
+    return message;
+}
+
+std::unique_ptr<Variable> decodeVariable(const Object& object)
+{
+    auto message = std::make_unique<Variable>();
+    message->query.name = json::requireString(object, "name");
+    message->query.path = optionalPath(object);
+    message->query.rows = optionalRange(object, "rows");
+    message->query.columns = optionalRange(object, "columns");
+    message->query.offset = optionalCount(object, "offset", 0, 0, kMaxPosition);
+    message->query.limit = optionalCount(object, "limit", 100, 0, kMaxChildren);
+    return message;
+}
+
+std::unique_ptr<SetVariable> decodeSetVariable(const Object& object)
+{
+    auto message = std::make_unique<SetVariable>();
+    message->name = json::requireString(object, "name");
+    message->path = optionalPath(object);
+    const auto value = json::requireValue(object, "value");
+    message->value = json::within(std::string("value"), [&] { return json::fromJson(value); });
+    return message;
+}
+
+std::unique_ptr<ClearVariable> decodeClearVariable(const Object& object)
+{
+    auto message = std::make_unique<ClearVariable>();
+    message->name = json::requireString(object, "name");
+    return message;
+}
+
+std::unique_ptr<VariableChange> decodeVariableChange(const Object& object)
+{
+    auto message = std::make_unique<VariableChange>();
+    message->subscribe = json::optionalBool(object, "subscribe", true);
+    message->since = json::optionalString(object, "since");
+    message->wait =
+        std::chrono::milliseconds(json::optionalInteger(object, "wait", 0, 0, VariableWatch::kMaxWait.count()));
+    return message;
+}
+
+std::unique_ptr<TabCompletion> decodeTabCompletion(const Object& object)
+{
+    auto message = std::make_unique<TabCompletion>();
+    message->text = json::requireString(object, "text");
+    if (!object.isNull("cursor"))
+        message->cursor = static_cast<std::size_t>(json::requireInteger(object, "cursor", 0, kMaxPosition));
+    message->limit = optionalCount(object, "limit", 200, 1, kMaxCandidates);
+    return message;
+}
+
+std::unique_ptr<CurrentFolder> decodeCurrentFolder(const Object& object)
+{
+    auto message = std::make_unique<CurrentFolder>();
+    if (!object.isNull("path"))
+        message->path = json::requireString(object, "path");
+    return message;
+}
+
+Poco::Int64 number(std::size_t count) { return static_cast<Poco::Int64>(count); }
+
+Array::Ptr rangeToJson(const rqe::Range& range)
+{
+    Array::Ptr pair = new Array;
+    pair->add(number(range.from));
+    pair->add(number(range.count));
+    return pair;
+}
+
+Var stepToJson(const rqe::Step& step)
+{
+    return std::visit([](const auto& value) { return Var(value); }, step);
+}
+
+void setInfo(Object& object, const rqe::VariableInfo& info)
+{
+    Array::Ptr size = new Array;
+    for (const auto count : info.size)
+        size->add(number(count));
+    object.set("name", info.name);
+    object.set("class", info.type);
+    object.set("size", size);
+    if (!info.elementType.empty())
+        object.set("elementClass", info.elementType);
+    object.set("bytes", number(info.bytes));
+    object.set("preview", info.preview);
+}
+
+/// The value, unless its text is longer than a watcher wants to read; else why there is none.
+void setValue(Object& object, const rqe::ValueView& view)
+{
+    constexpr std::size_t kLongestValue = rqe::ValueQuery{}.valueBytes;
+    auto missing = view.valueMissing;
+    Var value;
+    if (view.value) {
+        value = json::toJson(*view.value);
+        if (json::write(value).size() > kLongestValue) {
+            value = Var();
+            missing = "the value takes more than " + std::to_string(kLongestValue) + " bytes";
+        }
+    }
+    object.set("value", value);
+    if (!missing.empty()) {
+        object.set("valueMissing", missing);
+        return;
+    }
+    if (view.rows)
+        object.set("rows", rangeToJson(*view.rows));
+    if (view.columns)
+        object.set("columns", rangeToJson(*view.columns));
+    if (!view.columnNames.empty()) {
+        object.set("columnNames", json::makeArray(view.columnNames));
+        object.set("columnClasses", json::makeArray(view.columnTypes));
+    }
+    if (!view.rowNames.empty())
+        object.set("rowNames", json::makeArray(view.rowNames));
+}
+
+Object::Ptr encodeWorkspaceResponse(const WorkspaceResponse& response)
+{
+    auto object = json::makeObject();
+    Array::Ptr variables = new Array;
+    for (const auto& info : response.page.variables) {
+        auto variable = json::makeObject();
+        setInfo(*variable, info);
+        variables->add(variable);
+    }
+    object->set("variables", variables);
+    object->set("total", number(response.page.total));
+    return object;
+}
+
+Object::Ptr encodeVariableResponse(const VariableResponse& response)
+{
+    auto object = json::makeObject();
+    const auto& view = response.view;
+    setInfo(*object, view.info);
+    Array::Ptr path = new Array;
+    for (const auto& step : response.path)
+        path->add(stepToJson(step));
+    object->set("path", path);
+    Array::Ptr children = new Array;
+    for (const auto& child : view.children) {
+        auto entry = json::makeObject();
+        entry->set("step", child.step ? stepToJson(*child.step) : Var());
+        setInfo(*entry, child.info);
+        children->add(entry);
+    }
+    object->set("children", children);
+    object->set("childCount", number(view.childCount));
+    setValue(*object, view);
+    return object;
+}
+
+Object::Ptr encodeVariableChangeResponse(const VariableChangeResponse& response)
+{
+    auto object = json::makeObject();
+    object->set("token", response.changes.token);
+    object->set("changed", json::makeArray(response.changes.changed));
+    object->set("removed", json::makeArray(response.changes.removed));
+    if (response.changes.restarted)
+        object->set("restarted", true);
+    return object;
+}
+
+Object::Ptr encodeTabCompletionResponse(const TabCompletionResponse& response)
+{
+    auto object = json::makeObject();
+    object->set("replaceFrom", number(response.replaceFrom));
+    object->set("candidates", json::makeArray(response.candidates));
+    object->set("total", number(response.total));
+    return object;
+}
+
+template <class M, class T>
+Object::Ptr encodeOne(const char* name, T M::*member, const M& response)
+{
+    auto object = json::makeObject();
+    object->set(name, response.*member);
+    return object;
+}
+
+} // namespace
+
+DesktopJsonSerialization::DesktopJsonSerialization(std::shared_ptr<json::JsonSerializer> serializer)
+    : JsonSerialization(std::move(serializer))
+{
+    add<Workspace>("Workspace", nullptr, decodeWorkspace);
+    add<WorkspaceResponse>("WorkspaceResponse", encodeWorkspaceResponse, nullptr);
+    add<Variable>("Variable", nullptr, decodeVariable);
+    add<VariableResponse>("VariableResponse", encodeVariableResponse, nullptr);
+    add<SetVariable>("SetVariable", nullptr, decodeSetVariable);
+    add<SetVariableResponse>(
+        "SetVariableResponse", [](const SetVariableResponse&) { return json::makeObject(); }, nullptr);
+    add<ClearVariable>("ClearVariable", nullptr, decodeClearVariable);
+    add<ClearVariableResponse>(
+        "ClearVariableResponse",
+        [](const ClearVariableResponse& response) {
+            return encodeOne("cleared", &ClearVariableResponse::cleared, response);
+        },
+        nullptr);
+    add<VariableChange>("VariableChange", nullptr, decodeVariableChange);
+    add<VariableChangeResponse>("VariableChangeResponse", encodeVariableChangeResponse, nullptr);
+    add<TabCompletion>("TabCompletion", nullptr, decodeTabCompletion);
+    add<TabCompletionResponse>("TabCompletionResponse", encodeTabCompletionResponse, nullptr);
+    add<CurrentFolder>("CurrentFolder", nullptr, decodeCurrentFolder);
+    add<CurrentFolderResponse>(
+        "CurrentFolderResponse",
+        [](const CurrentFolderResponse& response) {
+            return encodeOne("folder", &CurrentFolderResponse::folder, response);
+        },
+        nullptr);
+}
+
+DesktopMessageMapProvider::DesktopMessageMapProvider(std::shared_ptr<container::v1::ContainerDispatcher> dispatcher,
+                                                     Address desktop)
+    : MessageMapProvider(std::move(dispatcher))
+{
+    for (const char* type :
+         {"Workspace", "Variable", "SetVariable", "ClearVariable", "VariableChange", "TabCompletion", "CurrentFolder"})
+        map(type, desktop);
+}
+
+} // namespace connector::desktop::v1

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <memory>
+
+#include "connector/container/ContainerDispatcher.h"
+#include "connector/json/JsonSerializer.h"
+
+namespace connector::desktop::v1 {
+
+/// The JSON form of the desktop's messages and their answers (docs/interpreter.md).
+class CONNECTOR_API DesktopJsonSerialization final : public json::JsonSerialization
+{
+public:
+    explicit DesktopJsonSerialization(std::shared_ptr<json::JsonSerializer> serializer);
+};
+
+/// Maps the desktop's messages to the provider at `desktop`.
+class CONNECTOR_API DesktopMessageMapProvider final : public container::v1::MessageMapProvider
+{
+public:
+    DesktopMessageMapProvider(std::shared_ptr<container::v1::ContainerDispatcher> dispatcher, Address desktop);
+};
+
+} // namespace connector::desktop::v1

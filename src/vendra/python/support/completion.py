@@ -1,0 +1,241 @@
+"""What may stand at the end of a piece of code: names, attributes, names of arguments, files.
+
+One of the files that make up the host's own part in the language: they share one namespace, and their frames never
+show in a traceback. Nobody's code runs: attributes are looked up in the dictionaries where they are, and what only a
+call could tell (a property's value, what `__getattr__` makes up) is unknown.
+"""
+
+import builtins
+import itertools
+import keyword
+import os
+import re
+import types
+import unicodedata
+
+_MOST_CODE = 65_536  # characters in front of the cursor
+_MOST_FILES = 10_000  # entries of a folder that are read
+
+_PIECE = re.compile(
+    r"""(?P<comment>\#[^\n]*)
+      | (?P<string>[rRbBuUfF]{0,2}(?:\"{3}|'{3}|"|'))
+      | (?P<word>\w+)
+      | (?P<open>[(\[{])
+      | (?P<close>[)\]}])
+      | (?P<comma>,)
+      | (?:[^\w\#"'()\[\]{},]+)""",
+    re.VERBOSE,
+)
+_ENDS = {
+    quote: re.compile(rf"(?:\\.|[^\\])*?{quote}" if len(quote) == 3 else rf"(?:\\.|[^\\\n])*?(?:{quote}|\n)", re.DOTALL)
+    for quote in ('"""', "'''", '"', "'")
+}
+_PATH = re.compile(r"[\w.]*\Z")
+_DEFINES = re.compile(r"\b(?:def|class)\s+\Z")
+
+
+def _scan(code):
+    """How the code ends: ("comment",), ("string", prefix, content so far) or ("code", open brackets), each bracket as
+    [its character, its position, where its last argument begins]."""
+    position, brackets = 0, []
+    while position < len(code):
+        piece = _PIECE.match(code, position)
+        position, kind = piece.end(), piece.lastgroup
+        if kind == "comment" and position == len(code):
+            return ("comment",)
+        if kind == "string":
+            text = piece.group()
+            prefix = text.rstrip("\"'")
+            end = _ENDS[text[len(prefix) :]].match(code, position)
+            if end is None:
+                return "string", prefix, code[position:]
+            position = end.end()
+        elif kind == "open":
+            brackets.append([piece.group(), piece.start(), position])
+        elif kind == "close" and brackets:
+            brackets.pop()
+        elif kind == "comma" and brackets:
+            brackets[-1][2] = position
+    return "code", brackets
+
+
+def complete(before):
+    """(text that a candidate replaces, candidates) at the end of `before`."""
+    if len(before) > _MOST_CODE:
+        raise ValueError(f"the code in front of the cursor has more than {_MOST_CODE} characters")
+    state, *details = _scan(before)
+    if state == "string":
+        return _files(*details)
+    if state == "comment":
+        return "", []
+    path = _PATH.search(before).group()
+    head, dot, tail = path.rpartition(".")
+    if dot:
+        if not head or not all(part.isidentifier() for part in head.split(".")):
+            return tail, []
+        return tail, _attributes(head.split("."), tail)
+    if tail and tail[0].isdigit():
+        return tail, []
+    arguments = _arguments(before, details[0], tail)
+    if not tail:
+        return tail, arguments
+    names = set(workspace) | set(builtins.__dict__) | set(keyword.kwlist)
+    return tail, arguments + _matching(names, tail)
+
+
+def _matching(names, tail):
+    """Names that begin with `tail`, private ones only when asked for."""
+    tail = _as_compiled(tail)
+    return sorted(
+        name
+        for name in names
+        if type(name) is str and name.startswith(tail) and (tail.startswith("_") or not name.startswith("_"))
+    )
+
+
+def _attributes(path, tail):
+    try:
+        return _matching(_member_names(_meaning(path)), tail)
+    except LookupError:
+        return []
+
+
+def _member_names(value):
+    names = set()
+    if type(value) is not types.ModuleType:
+        for kind in _ancestors(value if issubclass(type(value), type) else type(value)):
+            names.update(name for name in _names_in(kind) if type(name) is str)
+    names.update(name for name in dict.keys(_dict_of(value) or {}) if type(name) is str)
+    if _is_frame(value):
+        names.update(name for name in value.columns[:1000].tolist() if type(name) is str and name.isidentifier())
+    return names
+
+
+def _as_compiled(name):
+    """A name as the compiler spells it."""
+    return name if name.isascii() else unicodedata.normalize("NFKC", name)
+
+
+def _meaning(path):
+    """What a dotted name leads to; LookupError when that is nothing, or nothing that is known without a call."""
+    path = [_as_compiled(part) for part in path]
+    found = workspace[path[0]] if path[0] in workspace else builtins.__dict__[path[0]]
+    for part in path[1:]:
+        found = _member(found, part)
+    return found
+
+
+def _member(value, name):
+    if issubclass(type(value), type):
+        for kind in _ancestors(value):
+            if name in _names_in(kind):
+                return _unwrapped(_names_in(kind)[name], value)
+    found = _ABSENT
+    for kind in _ancestors(type(value)):
+        if name in _names_in(kind):
+            found = _names_in(kind)[name]
+            break
+    if _is_any(type(found), _SAFE_DESCRIPTORS):
+        try:
+            return found.__get__(value)
+        except AttributeError:
+            raise LookupError(name) from None
+    attributes = _dict_of(value)
+    if found is _ABSENT or type(found) is types.FunctionType:
+        try:
+            return _find(attributes or {}, name)
+        except KeyError:
+            if found is _ABSENT:
+                raise
+    if type(found) is types.FunctionType:
+        return types.MethodType(found, value)
+    return _unwrapped(found, type(value))
+
+
+def _unwrapped(found, owner):
+    if type(found) is staticmethod:
+        return found.__func__
+    if type(found) is classmethod and type(found.__func__) is types.FunctionType:
+        return types.MethodType(found.__func__, owner)
+    if type(found) is property or "__get__" in _defined_in(type(found)) and not _is_any(type(found), _PLAIN_MEMBERS):
+        raise LookupError
+    return found
+
+
+_PLAIN_MEMBERS = (
+    types.FunctionType,
+    types.MethodDescriptorType,
+    types.WrapperDescriptorType,
+    types.BuiltinFunctionType,
+    types.ClassMethodDescriptorType,
+)
+
+
+def _defined_in(kind):
+    return {name for ancestor in _ancestors(kind)[:-1] for name in _names_in(ancestor)}
+
+
+def _arguments(before, brackets, tail):
+    """The "name=" of each argument that the call around the end of the code may name."""
+    if not brackets or brackets[-1][0] != "(":
+        return []
+    _, bracket, argument = brackets[-1]
+    if before[argument : len(before) - len(tail)].strip():
+        return []
+    path = _PATH.search(before[:bracket]).group()
+    if not path or _DEFINES.search(before[: bracket - len(path)]):
+        return []
+    try:
+        names = _argument_names(_meaning(path.split(".")))
+    except LookupError:
+        return []
+    return [f"{name}=" for name in names if name.startswith(tail) and (tail or not name.startswith("_"))]
+
+
+def _argument_names(function):
+    skipped = 0
+    if issubclass(type(function), type):
+        try:
+            function = _member(function, "__init__")
+        except LookupError:
+            return []
+        skipped = 1
+    elif type(function) is types.MethodType:
+        function, skipped = function.__func__, 1
+    if type(function) is types.FunctionType:
+        code = function.__code__
+        count = code.co_argcount + code.co_kwonlyargcount
+        return code.co_varnames[max(skipped, code.co_posonlyargcount) : count]
+    if _is_any(type(function), (types.BuiltinFunctionType, types.MethodDescriptorType)):
+        return _signature_names(function.__text_signature__ or "")
+    return []
+
+
+_SIGNATURE_PART = re.compile(r"(\*{0,2}|\$?)(\w+)(?:=(?:[^,'\"()]|'[^']*'|\"[^\"]*\"|\([^)]*\))*)?|(/)")
+
+
+def _signature_names(signature):
+    names = []
+    for stars, name, slash in _SIGNATURE_PART.findall(signature):
+        if slash:
+            names.clear()  # what stands in front of it has no name for callers
+        elif not stars:
+            names.append(name)
+    return names
+
+
+def _files(prefix, content):
+    """Files whose path the content of a string begins; folders end in a slash."""
+    if ("\\" in content and "r" not in prefix.lower()) or "\n" in content:
+        return "", []
+    folder, tail = os.path.split(content)
+    try:
+        with os.scandir(os.path.expanduser(folder) or ".") as entries:
+            found = [
+                entry.name + ("/" if entry.is_dir() else "")
+                for entry in itertools.islice(entries, _MOST_FILES)
+                if entry.name.startswith(tail) and (tail.startswith(".") or not entry.name.startswith("."))
+            ]
+    except (OSError, ValueError):
+        return tail, []
+    return tail, sorted(name for name in found if name.isprintable() and not re.search(r"[\\'\"]", name))
