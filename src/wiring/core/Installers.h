@@ -13,7 +13,9 @@ void installHttpServices();
 void installContainerServices();
 void installSecurityServices();
 
+void installHitchhikerServices();
 void installInformationServices();
+void installShadowFilesServices();
 void installInterpreterServices();
 
 } // namespace wiring
