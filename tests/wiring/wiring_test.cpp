@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <set>
+
+#include <unistd.h>
 
 #include "connector/administration/AdministrationImpl.h"
 #include "connector/bayeux/BayeuxServerImpl.h"
@@ -10,6 +14,7 @@
 #include "connector/http/HttpRouterImpl.h"
 #include "connector/interpreter/InterpreterMessages.h"
 #include "connector/json/JsonSerializerImpl.h"
+#include "connector/shadow_files/ShadowService.h"
 #include "platform/us/BundleContext.h"
 #include "platform/us/ServiceTracker.h"
 #include "wiring/core/Drivers.h"
@@ -43,9 +48,10 @@ protected:
     }
 
     /// What a message of the interpreter's is answered with, by fault code or class.
-    static std::string ask(const std::string& type)
+    static std::string ask(const std::string& type, const std::string& clientType = {})
     {
         auto request = std::make_unique<connector::container::v1::ContainerRequest>();
+        request->clientType = clientType;
         request->entries.push_back({"1", type, std::make_unique<connector::interpreter::v1::Interrupt>(), {}});
         const auto answer =
             slot<ConnectorImpl2>
@@ -84,7 +90,8 @@ TEST_F(WiringTest, InstallersMayRunAgain)
     // All but the registry's and the administration's own, whose replacement starts with nothing in it.
     for (const auto install : {installJsonServices, installConfigurationServices, installHttpServices,
                                installBayeuxServices, installCommonServices, installContainerServices,
-                               installInformationServices, installInterpreterServices, installSecurityServices})
+                               installDesktopServices, installHitchhikerServices, installInformationServices,
+                               installShadowFilesServices, installInterpreterServices, installSecurityServices})
         for (int time = 0; time < 2; ++time)
             install();
 
@@ -94,6 +101,22 @@ TEST_F(WiringTest, InstallersMayRunAgain)
     EXPECT_TRUE(slot<connector::json::JsonSerializerImpl>->knows("Eval"));
     EXPECT_TRUE(slot<connector::json::JsonSerializerImpl>->knows("ContainerRequest"));
     EXPECT_EQ(ask("Interrupt"), "answered");
+}
+
+TEST_F(WiringTest, ContainersPassTheFiltersAlsoWithoutAnEngine)
+{
+    ASSERT_FALSE(engineSlot);
+    const auto file = std::filesystem::temp_directory_path() / ("wiring_test." + std::to_string(::getpid()));
+    std::ofstream(file) << R"({"clientType": "phone", "folders": ["."]})";
+    slot<connector::shadow_files::v1::ShadowServiceImpl>->loadClientTypeFile(file.native());
+    std::filesystem::remove(file);
+    EXPECT_EQ(ask("Interrupt", "phone"), "answered");
+    for (const char* filter : {"connector/v1/shadowFilesContainer", "connector/v1/hitchhikerContainer"}) {
+        slot<ConnectorImpl2>->removeServiceProvider(filter);
+        EXPECT_THROW(ask("Interrupt", "phone"), connector::UnknownServiceProvider) << filter;
+        installHitchhikerServices();
+        installShadowFilesServices();
+    }
 }
 
 TEST_F(WiringTest, RegistryIsVisibleToMicroServicesUntilTheTeardown)

@@ -28,10 +28,12 @@ public:
     virtual void registerMessageContainerMapping(const std::string& type, Address target, int limit) = 0;
     virtual void deregisterMessageMapping(const std::string& type) = 0;
 
-    /// Every request passes this address before it is dispatched, in the order of registration.
+    /// Every request passes this address before it is dispatched, in the order of registration. A provider that fails
+    /// fails the request; what others have put on is in the request's scopes and ends with it.
     virtual void registerBeforeAddress(Address address) = 0;
     virtual void deregisterBeforeAddress(Address address) = 0;
-    /// Every response passes this address before it leaves.
+    /// Every response passes this address before it leaves, in the order of registration, on the thread that gave the
+    /// last answer. Providers that answer at once cost no future but their own answer's.
     virtual void registerAfterAddress(Address address) = 0;
     virtual void deregisterAfterAddress(Address address) = 0;
     virtual std::shared_ptr<ContainerDispatcher> getPtr() = 0;
@@ -49,10 +51,15 @@ protected:
     explicit MessageMapProvider(std::shared_ptr<ContainerDispatcher> dispatcher);
     void map(const std::string& type, const Address& target, int limit = 0);
     void mapContainer(const std::string& type, const Address& target, int limit = 0);
+    /// Every container passes the address before it is dispatched, or its answers before they leave.
+    void passBefore(const Address& address);
+    void passAfter(const Address& address);
 
 private:
     std::shared_ptr<ContainerDispatcher> dispatcher_;
     std::vector<std::string> types_;
+    std::vector<Address> before_;
+    std::vector<Address> after_;
 };
 
 } // namespace connector::container::v1

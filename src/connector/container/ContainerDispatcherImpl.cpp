@@ -4,27 +4,42 @@
 #include <mutex>
 #include <stdexcept>
 
+#include "connector/container/Gathering.h"
 #include "connector/core/Connector.h"
 
 namespace connector::container::v1 {
 namespace {
 
 using MessagePtr = std::unique_ptr<Message>;
+using AddressList = std::shared_ptr<const std::vector<Address>>;
+
+/// How far a message got: to the end of its way, or to an answer that is not there yet.
+struct Passed
+{
+    MessagePtr message;
+    MessageFuture later; ///< invalid when `message` is the outcome
+
+    MessageFuture future() && { return later.valid() ? std::move(later) : makeReadyFuture(std::move(message)); }
+};
 
 /// Sends `message` through the addresses from `next` on, each getting what the one before answered. An answer of
-/// another class than M ends the way.
+/// another class than M ends the way. Answers that are there at once are taken without a continuation. Throws what the
+/// first failed answer says.
 template <class M>
-MessageFuture pass(MessagePtr message, std::shared_ptr<const std::vector<Address>> addresses, std::size_t next,
-                   const std::shared_ptr<Context>& context)
+Passed pass(MessagePtr message, const AddressList& addresses, std::size_t next, const std::shared_ptr<Context>& context)
 {
-    if (next == addresses->size() || !dynamic_cast<M*>(message.get()))
-        return makeReadyFuture(std::move(message));
-    Address address = (*addresses)[next];
-    return context->connector()
-        ->handle(std::move(message), std::move(address), std::shared_ptr<Context>(context))
-        .then([addresses, next, context](MessageFuture answer) {
-            return pass<M>(answer.get(), addresses, next + 1, context);
-        });
+    const std::size_t count = addresses ? addresses->size() : 0;
+    for (; next < count && dynamic_cast<M*>(message.get()); ++next) {
+        Address address = (*addresses)[next];
+        auto answer =
+            context->connector()->handle(std::move(message), std::move(address), std::shared_ptr<Context>(context));
+        if (!answer.isReady())
+            return {nullptr, answer.then([addresses, next, context](MessageFuture settled) {
+                        return pass<M>(settled.get(), addresses, next + 1, context).future();
+                    })};
+        message = answer.get();
+    }
+    return {std::move(message), {}};
 }
 
 template <class M>
@@ -33,35 +48,26 @@ std::unique_ptr<M> downcast(MessagePtr message)
     return std::unique_ptr<M>(static_cast<M*>(message.release()));
 }
 
-void removeFirst(std::vector<Address>& addresses, const Address& address)
+/// The list with one more, or without the first that is equal; null for an empty one.
+AddressList added(const AddressList& list, Address address)
 {
-    const auto found = std::find(addresses.begin(), addresses.end(), address);
-    if (found != addresses.end())
-        addresses.erase(found);
+    auto changed = list ? std::make_shared<std::vector<Address>>(*list) : std::make_shared<std::vector<Address>>();
+    changed->push_back(std::move(address));
+    return changed;
+}
+
+AddressList removed(const AddressList& list, const Address& address)
+{
+    if (!list)
+        return list;
+    auto changed = std::make_shared<std::vector<Address>>(*list);
+    const auto found = std::find(changed->begin(), changed->end(), address);
+    if (found != changed->end())
+        changed->erase(found);
+    return changed->empty() ? nullptr : changed;
 }
 
 } // namespace
-
-/// The answers on their way: the last one that arrives completes the response.
-struct ContainerDispatcherImpl::Gathering
-{
-    std::unique_ptr<ContainerResponse> response = std::make_unique<ContainerResponse>();
-    std::atomic<std::size_t> missing{0};
-    Promise<MessagePtr> promise;
-
-    /// Each position is answered once, by whichever thread.
-    void answer(std::size_t position, MessagePtr message)
-    {
-        response->entries[position].message = std::move(message);
-        arrived(1);
-    }
-
-    void arrived(std::size_t count)
-    {
-        if (missing.fetch_sub(count, std::memory_order_acq_rel) == count)
-            promise.setValue(std::move(response));
-    }
-};
 
 MessageFuture ContainerDispatcherImpl::handle(std::unique_ptr<ContainerRequest>&& request, Address&& target,
                                               std::shared_ptr<Context>&& context)
@@ -69,41 +75,54 @@ MessageFuture ContainerDispatcherImpl::handle(std::unique_ptr<ContainerRequest>&
     if (!target.empty())
         throw std::invalid_argument("Nothing can follow the container dispatcher in an address: " + toString(target));
 
-    std::shared_ptr<const std::vector<Address>> before;
-    std::shared_ptr<const std::vector<Address>> after;
+    Addresses before;
+    Addresses after;
     {
         std::shared_lock lock(mutex_);
-        if (before_.empty() && after_.empty()) {
-            lock.unlock();
-            return dispatch(std::move(request), context);
-        }
-        before = std::make_shared<const std::vector<Address>>(before_);
-        after = std::make_shared<const std::vector<Address>>(after_);
+        before = before_;
+        after = after_;
     }
-
-    auto self = std::static_pointer_cast<ContainerDispatcherImpl>(shared_from_this());
-    return pass<ContainerRequest>(std::move(request), before, 0, context)
-        .then([self, context](MessageFuture answer) -> MessageFuture {
-            auto message = answer.get();
-            if (dynamic_cast<ContainerRequest*>(message.get()))
-                return self->dispatch(downcast<ContainerRequest>(std::move(message)), context);
-            return makeReadyFuture(std::move(message));
-        })
-        .then([after, context](MessageFuture answer) {
-            return pass<ContainerResponse>(answer.get(), after, 0, context);
-        });
+    if (!before)
+        return dispatch(std::move(request), after, context);
+    try {
+        auto passed = pass<ContainerRequest>(std::move(request), before, 0, context);
+        if (!passed.later.valid())
+            return goOn(std::move(passed.message), after, context);
+        auto self = std::static_pointer_cast<ContainerDispatcherImpl>(shared_from_this());
+        return passed.later.then(
+            [self, after, context](MessageFuture answer) { return self->goOn(answer.get(), after, context); });
+    } catch (...) {
+        return makeFailedFuture<MessagePtr>(std::current_exception());
+    }
 }
 
-MessageFuture ContainerDispatcherImpl::dispatch(std::unique_ptr<ContainerRequest> request,
+/// With what came out of the addresses before: the request, or an answer in its place.
+MessageFuture ContainerDispatcherImpl::goOn(MessagePtr message, const Addresses& after,
+                                            const std::shared_ptr<Context>& context)
+{
+    if (dynamic_cast<ContainerRequest*>(message.get()))
+        return dispatch(downcast<ContainerRequest>(std::move(message)), after, context);
+    return pass<ContainerResponse>(std::move(message), after, 0, context).future();
+}
+
+MessageFuture ContainerDispatcherImpl::dispatch(std::unique_ptr<ContainerRequest> request, const Addresses& after,
                                                 const std::shared_ptr<Context>& context)
 {
-    auto gathering = std::make_shared<Gathering>();
-    auto result = gathering->promise.future();
-    auto& answers = gathering->response->entries;
-    gathering->response->id = request->id;
-    answers.resize(request->entries.size());
-    // One more than there are messages, so that answers which are there at once do not complete a half-sent request.
-    gathering->missing = request->entries.size() + 1;
+    Gathering::Leave leave;
+    if (after)
+        leave = [after, context](MessagePtr response, Promise<MessagePtr> promise) {
+            try {
+                auto passed = pass<ContainerResponse>(std::move(response), after, 0, context);
+                if (passed.later.valid())
+                    passed.later.forwardTo(std::move(promise));
+                else
+                    promise.setValue(std::move(passed.message));
+            } catch (...) {
+                promise.setException(std::current_exception());
+            }
+        };
+    auto gathering = std::make_shared<Gathering>(*request, std::move(leave));
+    auto result = gathering->future();
 
     struct Together
     {
@@ -133,7 +152,6 @@ MessageFuture ContainerDispatcherImpl::dispatch(std::unique_ptr<ContainerRequest
 
     for (std::size_t i = 0; i < request->entries.size(); ++i) {
         auto& entry = request->entries[i];
-        answers[i].id = entry.id;
         try {
             if (entry.failure)
                 std::rethrow_exception(entry.failure);
@@ -152,15 +170,10 @@ MessageFuture ContainerDispatcherImpl::dispatch(std::unique_ptr<ContainerRequest
                 group.request->entries.push_back(std::move(entry));
                 continue;
             }
-            send(mapping, std::move(entry.message), 1, [gathering, i](MessageFuture answer) {
-                try {
-                    gathering->answer(i, answer.get());
-                } catch (...) {
-                    gathering->answer(i, std::make_unique<Fault>(std::current_exception()));
-                }
-            });
+            send(mapping, std::move(entry.message), 1,
+                 [gathering, i](MessageFuture answer) { gathering->take(i, std::move(answer)); });
         } catch (...) {
-            gathering->answer(i, std::make_unique<Fault>(std::current_exception()));
+            gathering->fail(i, std::current_exception());
         }
     }
 
@@ -168,7 +181,7 @@ MessageFuture ContainerDispatcherImpl::dispatch(std::unique_ptr<ContainerRequest
         const auto positions = group.positions;
         const auto failAll = [gathering, positions](const std::exception_ptr& failure) {
             for (const auto position : positions)
-                gathering->answer(position, std::make_unique<Fault>(failure));
+                gathering->fail(position, failure);
         };
         try {
             send(group.mapping, std::move(group.request), static_cast<int>(positions.size()),
@@ -192,7 +205,7 @@ MessageFuture ContainerDispatcherImpl::dispatch(std::unique_ptr<ContainerRequest
         }
     }
 
-    gathering->arrived(1);
+    gathering->allSent();
     return result;
 }
 
@@ -236,25 +249,25 @@ void ContainerDispatcherImpl::deregisterMessageMapping(const std::string& type)
 void ContainerDispatcherImpl::registerBeforeAddress(Address address)
 {
     std::unique_lock lock(mutex_);
-    before_.push_back(std::move(address));
+    before_ = added(before_, std::move(address));
 }
 
 void ContainerDispatcherImpl::deregisterBeforeAddress(Address address)
 {
     std::unique_lock lock(mutex_);
-    removeFirst(before_, address);
+    before_ = removed(before_, address);
 }
 
 void ContainerDispatcherImpl::registerAfterAddress(Address address)
 {
     std::unique_lock lock(mutex_);
-    after_.push_back(std::move(address));
+    after_ = added(after_, std::move(address));
 }
 
 void ContainerDispatcherImpl::deregisterAfterAddress(Address address)
 {
     std::unique_lock lock(mutex_);
-    removeFirst(after_, address);
+    after_ = removed(after_, address);
 }
 
 MessageMapProvider::MessageMapProvider(std::shared_ptr<ContainerDispatcher> dispatcher)
@@ -265,6 +278,10 @@ MessageMapProvider::~MessageMapProvider()
 {
     for (const auto& type : types_)
         dispatcher_->deregisterMessageMapping(type);
+    for (const auto& address : before_)
+        dispatcher_->deregisterBeforeAddress(address);
+    for (const auto& address : after_)
+        dispatcher_->deregisterAfterAddress(address);
 }
 
 void MessageMapProvider::map(const std::string& type, const Address& target, int limit)
@@ -277,6 +294,18 @@ void MessageMapProvider::mapContainer(const std::string& type, const Address& ta
 {
     dispatcher_->registerMessageContainerMapping(type, target, limit);
     types_.push_back(type);
+}
+
+void MessageMapProvider::passBefore(const Address& address)
+{
+    dispatcher_->registerBeforeAddress(address);
+    before_.push_back(address);
+}
+
+void MessageMapProvider::passAfter(const Address& address)
+{
+    dispatcher_->registerAfterAddress(address);
+    after_.push_back(address);
 }
 
 } // namespace connector::container::v1

@@ -31,17 +31,21 @@ private:
         int limit = 0;
         std::shared_ptr<std::atomic<int>> unanswered = std::make_shared<std::atomic<int>>(0);
     };
-    struct Gathering;
+    /// Replaced as a whole, so that a request takes them without a copy; null when there are none.
+    using Addresses = std::shared_ptr<const std::vector<Address>>;
 
     void add(const std::string& type, Mapping mapping);
     std::shared_ptr<const Mapping> find(const std::string& type) const;
-    MessageFuture dispatch(std::unique_ptr<ContainerRequest> request, const std::shared_ptr<Context>& context);
+    MessageFuture goOn(std::unique_ptr<Message> message, const Addresses& after,
+                       const std::shared_ptr<Context>& context);
+    MessageFuture dispatch(std::unique_ptr<ContainerRequest> request, const Addresses& after,
+                           const std::shared_ptr<Context>& context);
 
     mutable std::shared_mutex mutex_;
     /// By type, oldest first; the newest is in force.
     std::map<std::string, std::vector<std::shared_ptr<const Mapping>>, std::less<>> mappings_;
-    std::vector<Address> before_;
-    std::vector<Address> after_;
+    Addresses before_;
+    Addresses after_;
 };
 
 /// The dispatcher as the end of a container's address.

@@ -38,6 +38,7 @@ void giveBackMemory(std::unique_ptr<http::HttpRequest> request)
 std::unique_ptr<ContainerRequest> inContainer(std::unique_ptr<Message> message, const Poco::JSON::Object& object)
 {
     auto request = std::make_unique<ContainerRequest>();
+    request->bare = true;
     request->entries.push_back(
         {object.optValue<std::string>("id", {}), object.getValue<std::string>("type"), std::move(message), nullptr});
     return request;

@@ -13,6 +13,21 @@ namespace connector::container::v1 {
 
 class ContainerServiceProvider;
 
+/// What lasts while a container is on its way, and ends with it whatever becomes of it: the destructor runs on any
+/// thread and must not block.
+class CONNECTOR_API ContainerScope
+{
+public:
+    virtual ~ContainerScope();
+    ContainerScope(const ContainerScope&) = delete;
+    ContainerScope& operator=(const ContainerScope&) = delete;
+
+protected:
+    ContainerScope() = default;
+};
+
+using ContainerScopes = std::vector<std::shared_ptr<ContainerScope>>;
+
 /// Several messages of a client in one request; each is answered, in the same order.
 class CONNECTOR_API ContainerRequest final : public ServiceMessage<ContainerServiceProvider>
 {
@@ -28,6 +43,8 @@ public:
     std::string id; ///< chosen by the client, echoed
     std::string clientType;
     std::vector<Entry> entries;
+    bool bare = false;      ///< its one answer goes out alone: there is no room for others
+    ContainerScopes scopes; ///< of filters; the dispatcher hands them on to the response
 
     MessageFuture deliverTo(std::shared_ptr<ContainerServiceProvider> provider, std::unique_ptr<Message>&& message,
                             Address&& address, std::shared_ptr<Context>&& context) override;
@@ -45,6 +62,8 @@ public:
 
     std::string id;
     std::vector<Entry> entries;
+    bool bare = false; ///< as in the request
+    ContainerScopes scopes;
 
     MessageFuture deliverTo(std::shared_ptr<ContainerServiceProvider> provider, std::unique_ptr<Message>&& message,
                             Address&& address, std::shared_ptr<Context>&& context) override;

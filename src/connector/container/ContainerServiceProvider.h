@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include "connector/container/ContainerMessages.h"
 
 namespace connector::container::v1 {
@@ -17,5 +19,13 @@ public:
     virtual MessageFuture handleResponse(std::unique_ptr<ContainerResponse>&& response, Address&& rest,
                                          std::shared_ptr<Context>&& context);
 };
+
+/// Answers each entry with what `serve` makes of its message, in order and one call at a time; what it throws, or its
+/// future fails with, becomes a Fault. `serve` is not kept.
+CONNECTOR_API MessageFuture answerEach(std::unique_ptr<ContainerRequest> request,
+                                       const std::function<MessageFuture(std::unique_ptr<Message>)>& serve);
+/// The answer to a request of which every message failed.
+CONNECTOR_API std::unique_ptr<ContainerResponse> refuseEach(std::unique_ptr<ContainerRequest> request,
+                                                            const std::exception_ptr& failure);
 
 } // namespace connector::container::v1

@@ -49,6 +49,8 @@ public:
     /// Sets the context of requests that this process makes on its own behalf; answers the one before, maybe null.
     virtual std::shared_ptr<Context> setProcessContext(std::shared_ptr<Context> context) = 0;
     virtual std::shared_ptr<Connector> getPtr() = 0;
+    /// Whether the name leads to a provider that is running.
+    virtual bool isServiceProviderRunning(const std::string& name) const = 0;
 };
 
 } // namespace connector

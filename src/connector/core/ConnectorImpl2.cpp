@@ -121,4 +121,10 @@ std::shared_ptr<Context> ConnectorImpl2::setProcessContext(std::shared_ptr<Conte
 
 std::shared_ptr<Connector> ConnectorImpl2::getPtr() { return shared_from_this(); }
 
+bool ConnectorImpl2::isServiceProviderRunning(const std::string& name) const
+{
+    const auto provider = find(name);
+    return provider && provider->isRunning();
+}
+
 } // namespace connector

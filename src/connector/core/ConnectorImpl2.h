@@ -28,6 +28,7 @@ public:
     std::shared_ptr<Context> newContext() override;
     std::shared_ptr<Context> setProcessContext(std::shared_ptr<Context> context) override;
     std::shared_ptr<Connector> getPtr() override;
+    bool isServiceProviderRunning(const std::string& name) const override;
 
 private:
     using Providers = std::map<std::string, std::shared_ptr<ServiceProvider>, std::less<>>;

@@ -16,7 +16,9 @@ void installContainerServices();
 void installSecurityServices();
 
 void installDesktopServices();
+void installHitchhikerServices();
 void installInformationServices();
+void installShadowFilesServices();
 void installInterpreterServices();
 
 } // namespace wiring

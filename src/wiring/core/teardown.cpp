@@ -17,6 +17,8 @@
 #include "connector/container/ContainerHttpServiceProvider.h"
 #include "connector/desktop/DesktopServiceProvider.h"
 #include "connector/desktop/DesktopWire.h"
+#include "connector/hitchhiker/HitchhikerServiceProvider.h"
+#include "connector/hitchhiker/HitchhikerWire.h"
 #include "connector/http/HttpCommandProvider.h"
 #include "connector/http/HttpConstantServiceProvider.h"
 #include "connector/http/HttpLocalHostFilterServiceProvider.h"
@@ -35,6 +37,8 @@
 #include "connector/http/StaticContentServiceProvider.h"
 #include "connector/http/VendraToolboxStaticContentServiceProvider.h"
 #include "connector/information/ClientTypeServiceProvider.h"
+#include "connector/information/InformationServiceProvider.h"
+#include "connector/information/InformationWire.h"
 #include "connector/interpreter/InterpreterServiceProvider.h"
 #include "connector/interpreter/InterpreterWire.h"
 #include "connector/json/JsonSerializerImpl.h"
@@ -43,6 +47,9 @@
 #include "connector/security/NonceGeneratorHttpServiceProvider.h"
 #include "connector/security/NonceJsonSerialization.h"
 #include "connector/security/NonceServiceProviderImpl.h"
+#include "connector/shadow_files/MobileConfigurationServiceProvider.h"
+#include "connector/shadow_files/ShadowServiceProvider.h"
+#include "connector/shadow_files/ShadowWire.h"
 #include "wiring/core/Drivers.h"
 #include "wiring/core/Module.h"
 #include "wiring/core/Slot.h"
@@ -75,7 +82,9 @@ constexpr std::array<Step, 29> teardownGroups{{
     {"file_versioning"},
     {"registry", release<ConnectorImpl2>},
     {"gds"},
-    {"hitchhiker"},
+    {"hitchhiker", release<hitchhiker::v1::HitchhikerJsonSerialization, hitchhiker::v1::HitchhikerMessageMapProvider,
+                           hitchhiker::v1::HitchhikerServiceImpl, hitchhiker::v1::HitchhikerServiceProviderImpl,
+                           hitchhiker::v1::HitchhikerContainerServiceProvider>},
     {"http",
      release<http::HttpCommandProvider, http::HttpConstantServiceProvider, http::HttpPathFilterServiceProvider,
              http::HttpResponseHeaderServiceProvider, http::HttpRouterImpl, http::HttpRouterServiceProvider,
@@ -84,7 +93,9 @@ constexpr std::array<Step, 29> teardownGroups{{
              http::PocoHttpClientServiceProvider, http::StaticContentServiceProvider,
              http::StaticContentManagerServiceProviderImpl, http::HttpLocalHostFilterServiceProvider,
              http::StaticContentServiceImpl, http::StaticContentManagerJsonSerialization>},
-    {"information", release<information::v1::ClientTypeServiceProvider>},
+    {"information",
+     release<information::v1::ClientTypeServiceProvider, information::v1::InformationJsonSerialization,
+             information::v1::InformationMessageMapProvider, information::v1::InformationServiceProviderImpl>},
     {"interpreter",
      release<interpreter::v1::InterpreterJsonSerialization, interpreter::v1::InterpreterMessageMapProvider,
              interpreter::v1::InterpreterServiceProviderImpl>},
@@ -102,7 +113,12 @@ constexpr std::array<Step, 29> teardownGroups{{
                          security::v1::NonceServiceProviderImpl, security::v1::NonceJsonSerialization,
                          security::v1::HttpNonceServiceProvider>},
     {"session"},
-    {"shadow_files"},
+    {"shadow_files",
+     release<shadow_files::BehaviorsImpl, shadow_files::PathManagerImpl, shadow_files::v1::ShadowJsonSerialization,
+             shadow_files::v1::ShadowMessageMapProvider, shadow_files::v1::ShadowServiceImpl,
+             shadow_files::v1::ShadowServiceProviderImpl, shadow_files::v1::ShadowContainerServiceProvider,
+             shadow_files::v1::MobileConfigurationMessageMapProvider, shadow_files::v1::MobileConfigurationServiceImpl,
+             shadow_files::v1::MobileConfigurationContainerServiceProvider>},
     {"worker"},
 }};
 

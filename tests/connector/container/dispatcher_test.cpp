@@ -188,5 +188,99 @@ TEST_F(DispatcherTest, BeforeAndAfterAddressesSeeWholeContainers)
     EXPECT_THROW(send({{"Upper", "a"}}).get(), UnknownServiceProvider);
 }
 
+TEST_F(DispatcherTest, AddressesMayAnswerLateAndInPlaceOfTheDispatch)
+{
+    Promise<std::unique_ptr<Message>> before;
+    Promise<std::unique_ptr<Message>> after;
+    std::unique_ptr<Message> atBefore;
+    std::unique_ptr<Message> atAfter;
+    serve("before", [&](std::unique_ptr<Message> message) {
+        atBefore = std::move(message);
+        return before.future();
+    });
+    serve("after", [&](std::unique_ptr<Message> message) {
+        atAfter = std::move(message);
+        return after.future();
+    });
+    dispatcher->registerMessageMapping("Upper", Address{"upper"}, 0);
+    dispatcher->registerBeforeAddress(Address{"before"});
+    dispatcher->registerAfterAddress(Address{"after"});
+    auto answered = send({{"Upper", "a"}});
+    EXPECT_EQ(atAfter, nullptr);
+    before.setValue(std::move(atBefore));
+    ASSERT_NE(atAfter, nullptr);
+    EXPECT_FALSE(answered.isReady());
+    after.setValue(std::move(atAfter));
+    EXPECT_EQ(answers(std::move(answered)), "m0=a!");
+
+    serve("before", [](std::unique_ptr<Message> message) {
+        std::unique_ptr<ContainerRequest> refused(static_cast<ContainerRequest*>(message.release()));
+        return makeReadyFuture<std::unique_ptr<Message>>(
+            refuseEach(std::move(refused), std::make_exception_ptr(ServiceFault("busy", "refused"))));
+    });
+    serve("after", [](std::unique_ptr<Message> message) { return makeReadyFuture(std::move(message)); });
+    EXPECT_EQ(answers(send({{"Upper", "a"}, {"Other", "b"}})), "m0=Fault(busy) m1=Fault(busy)");
+}
+
+TEST_F(DispatcherTest, ScopesEndWithTheContainerWhateverBecomesOfIt)
+{
+    struct Scope : ContainerScope
+    {
+        explicit Scope(int& count) : alive(count) { ++alive; }
+        ~Scope() override { --alive; }
+        int& alive;
+    };
+    int alive = 0;
+    int aliveAtDispatch = 0;
+    serve("put", [&](std::unique_ptr<Message> message) {
+        dynamic_cast<ContainerRequest&>(*message).scopes.push_back(std::make_shared<Scope>(alive));
+        return makeReadyFuture(std::move(message));
+    });
+    serve("look", [&](std::unique_ptr<Message> message) {
+        aliveAtDispatch = alive;
+        return makeReadyFuture(std::move(message));
+    });
+    const auto fail = [](std::unique_ptr<Message>) -> MessageFuture { throw std::runtime_error("asked to fail"); };
+    dispatcher->registerMessageMapping("Look", Address{"look"}, 0);
+    dispatcher->registerBeforeAddress(Address{"put"});
+    dispatcher->registerBeforeAddress(Address{"second"});
+    dispatcher->registerAfterAddress(Address{"after"});
+
+    const auto passOn = [](std::unique_ptr<Message> message) { return makeReadyFuture(std::move(message)); };
+    serve("second", passOn);
+    serve("after", fail);
+    EXPECT_THROW(send({{"Look", "a"}}).get(), std::runtime_error);
+    EXPECT_EQ(aliveAtDispatch, 1);
+    EXPECT_EQ(alive, 0) << "the answers could not leave";
+
+    serve("second", fail);
+    EXPECT_THROW(send({{"Look", "a"}}).get(), std::runtime_error);
+    EXPECT_EQ(alive, 0) << "the request was not dispatched";
+
+    serve("second", passOn);
+    serve("after", passOn);
+    auto response = send({{"Look", "a"}}).get();
+    EXPECT_EQ(alive, 1);
+    response.reset();
+    EXPECT_EQ(alive, 0);
+}
+
+TEST_F(DispatcherTest, AnswerEachKeepsTheOrderOfLateAnswers)
+{
+    std::vector<Promise<std::unique_ptr<Message>>> waiting(2);
+    std::size_t next = 0;
+    auto made = request({{"A", "0"}, {"A", "fail"}, {"A", "2"}, {"A", ""}});
+    made->entries[3].failure = std::make_exception_ptr(ServiceFault("unread", "never read"));
+    auto future = answerEach(std::move(made), [&](std::unique_ptr<Message> message) {
+        if (dynamic_cast<Text&>(*message).text == "fail")
+            throw ServiceFault("broken", "asked to fail");
+        return waiting.at(next++).future();
+    });
+    waiting[1].setValue(std::make_unique<Text>("second"));
+    EXPECT_FALSE(future.isReady());
+    waiting[0].setValue(std::make_unique<Text>("first"));
+    EXPECT_EQ(answers(std::move(future)), "m0=first m1=Fault(broken) m2=second m3=Fault(unread)");
+}
+
 } // namespace
 } // namespace connector::container::v1

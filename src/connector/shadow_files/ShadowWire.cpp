@@ -1,0 +1,83 @@
+#include "connector/shadow_files/ShadowWire.h"
+
+#include "connector/json/JsonFields.h"
+#include "connector/shadow_files/MobileConfigurationServiceProvider.h"
+#include "connector/shadow_files/ShadowServiceProvider.h"
+
+namespace connector::shadow_files::v1 {
+namespace {
+
+using json::Object;
+
+std::unique_ptr<LoadClientTypeFile> decodeLoad(const Object& object)
+{
+    auto message = std::make_unique<LoadClientTypeFile>();
+    message->path = json::requireString(object, "path");
+    return message;
+}
+
+Object::Ptr encodeLoaded(const LoadClientTypeFileResponse& response)
+{
+    std::vector<std::string> behaviors;
+    for (const auto& [name, text] : response.file.behaviors)
+        behaviors.push_back(name);
+    auto object = json::makeObject();
+    object->set("clientType", response.file.clientType);
+    object->set("folders", json::makeArray(response.file.folders));
+    object->set("behaviors", json::makeArray(behaviors));
+    return object;
+}
+
+template <class M>
+std::unique_ptr<M> decodeColor(const Object& object)
+{
+    auto message = std::make_unique<M>();
+    message->color = json::requireString(object, "color");
+    return message;
+}
+
+template <class Request>
+Object::Ptr encodeApplied(const MobileConfigurationResponse<Request>& response)
+{
+    auto object = json::makeObject();
+    object->set("applied", response.applied);
+    return object;
+}
+
+} // namespace
+
+ShadowJsonSerialization::ShadowJsonSerialization(std::shared_ptr<json::JsonSerializer> serializer)
+    : JsonSerialization(std::move(serializer))
+{
+    add<LoadClientTypeFile>("LoadClientTypeFile", nullptr, decodeLoad);
+    add<LoadClientTypeFileResponse>("LoadClientTypeFileResponse", encodeLoaded, nullptr);
+
+    add<SetBgColor>("SetBgColor", nullptr, decodeColor<SetBgColor>);
+    add<ResetBgColor>("ResetBgColor", nullptr, [](const Object&) { return std::make_unique<ResetBgColor>(); });
+    add<ChangeDefaultFigureColor>("ChangeDefaultFigureColor", nullptr, decodeColor<ChangeDefaultFigureColor>);
+    add<MobileConfigurationResponse<SetBgColor>>("SetBgColorResponse", encodeApplied<SetBgColor>, nullptr);
+    add<MobileConfigurationResponse<ResetBgColor>>("ResetBgColorResponse", encodeApplied<ResetBgColor>, nullptr);
+    add<MobileConfigurationResponse<ChangeDefaultFigureColor>>("ChangeDefaultFigureColorResponse",
+                                                               encodeApplied<ChangeDefaultFigureColor>, nullptr);
+}
+
+ShadowMessageMapProvider::ShadowMessageMapProvider(std::shared_ptr<container::v1::ContainerDispatcher> dispatcher,
+                                                   Address address)
+    : MessageMapProvider(std::move(dispatcher))
+{
+    auto through = address.parts();
+    through.emplace_back("connector/v1/shadowFiles");
+    map("LoadClientTypeFile", Address(std::move(through)));
+    passBefore(address);
+    passAfter(address);
+}
+
+MobileConfigurationMessageMapProvider::MobileConfigurationMessageMapProvider(
+    std::shared_ptr<container::v1::ContainerDispatcher> dispatcher, Address address)
+    : MessageMapProvider(std::move(dispatcher))
+{
+    for (const char* type : {"SetBgColor", "ResetBgColor", "ChangeDefaultFigureColor"})
+        map(type, address);
+}
+
+} // namespace connector::shadow_files::v1
