@@ -88,10 +88,10 @@ TEST_F(WiringTest, InstallersMayRunAgain)
     ASSERT_FALSE(commands.empty());
 
     // All but the registry's and the administration's own, whose replacement starts with nothing in it.
-    for (const auto install : {installJsonServices, installConfigurationServices, installHttpServices,
-                               installBayeuxServices, installCommonServices, installContainerServices,
-                               installDesktopServices, installHitchhikerServices, installInformationServices,
-                               installShadowFilesServices, installInterpreterServices, installSecurityServices})
+    for (const auto install :
+         {installJsonServices, installConfigurationServices, installHttpServices, installBayeuxServices,
+          installCommonServices, installContainerServices, installDesktopServices, installHitchhikerServices,
+          installInformationServices, installShadowFilesServices, installInterpreterServices, installSecurityServices})
         for (int time = 0; time < 2; ++time)
             install();
 

@@ -32,6 +32,10 @@ public:
     void setVariable(std::string_view, const vxArray&) override {}
     bool clearVariable(std::string_view) override { return false; }
     std::vector<rqe::VariableInfo> listVariables() override { return {}; }
+    rqe::WorkspacePage listVariables(std::string_view, std::size_t, std::size_t) override { return {}; }
+    rqe::ValueView inspect(const rqe::ValueQuery&) override { return {}; }
+    void setInside(std::string_view, const rqe::Path&, const vxArray&) override {}
+    rqe::VariableChanges changesSince(std::string_view) override { return {}; }
     rqe::Completions complete(std::string_view, std::size_t) override { return {}; }
     std::string currentFolder() override { return {}; }
     void setCurrentFolder(std::string_view) override {}
