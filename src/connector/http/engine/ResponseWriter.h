@@ -62,6 +62,7 @@ private:
     Progress readForTls();
     Progress fetchPiece();
     bool nextPart();
+    void cork(bool on);
     void tookPiece(Future<std::string>& settled);
     Progress waitForRoom();
     void resume(const boost::system::error_code& error);
@@ -82,6 +83,7 @@ private:
     std::uint64_t fileOffset_ = 0;
     std::uint64_t fileLeft_ = 0;
     bool producing_ = false;
+    bool corked_ = false;
     Future<bool> piece_; ///< of the continuation that brings the next piece
 
     bool stuck_ = false; ///< the client takes nothing at the moment
