@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::uint64_t kSendfileBytes = 2u << 20;
 /// After so much in one go the loop's other connections get their turn.
-constexpr std::uint64_t kTurnBytes = 8u << 20;
+constexpr std::uint64_t kTurnBytes = 2u << 20;
 /// Files smaller than this are not worth the two calls.
 constexpr std::uint64_t kCorkedBytes = 256u << 10;
 constexpr std::size_t kTlsReadBytes = 64u << 10;
