@@ -31,10 +31,14 @@ class Vendra:
         self.process = subprocess.Popen(
             self._command, stdin=self._stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
             env=self.environment)
-        self.entry_url = self._announced("Connector: ")
-        self.url = self.entry_url.partition("?")[0]
-        self.token_file = self._announced("Token file: ")
-        self.discovery = self._discovered()
+        try:
+            self.entry_url = self._announced("Connector: ")
+            self.url = self.entry_url.partition("?")[0]
+            self.token_file = self._announced("Token file: ")
+            self.discovery = self._discovered()
+        except BaseException:
+            self.process.kill()  # nobody else will end it
+            raise
         return self
 
     def __exit__(self, *error):
