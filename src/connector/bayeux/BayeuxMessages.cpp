@@ -1,16 +1,14 @@
 #include "connector/bayeux/BayeuxMessages.h"
 
 #include "connector/bayeux/BayeuxServiceProvider.h"
+#include "connector/core/TypedAnswer.h"
 
 namespace connector::bayeux {
 
 MessageFuture BayeuxRequest::deliverTo(std::shared_ptr<BayeuxServiceProvider> provider,
                                        std::unique_ptr<Message>&& message, Address&&, std::shared_ptr<Context>&&)
 {
-    return provider->handle(static_cast<BayeuxRequest&>(*message))
-        .then([](Future<BayeuxResponse> settled) -> std::unique_ptr<Message> {
-            return std::make_unique<BayeuxResponse>(settled.get());
-        });
+    return asMessage(provider->handle(static_cast<BayeuxRequest&>(*message)));
 }
 
 MessageFuture BayeuxWebSocketClosed::deliverTo(std::shared_ptr<BayeuxServiceProvider> provider,

@@ -1,5 +1,6 @@
 #include "connector/http/HttpClientMessages.h"
 
+#include "connector/core/TypedAnswer.h"
 #include "connector/http/HttpClientServiceProvider.h"
 
 namespace connector::http {
@@ -9,10 +10,7 @@ MessageFuture HttpClientRequest::deliverTo(std::shared_ptr<HttpClientServiceProv
                                            std::shared_ptr<Context>&& context)
 {
     std::unique_ptr<HttpClientRequest> self(static_cast<HttpClientRequest*>(message.release()));
-    return provider->send(std::move(self), context ? context->cancellation() : nullptr)
-        .then([](Future<HttpClientResponse> settled) -> std::unique_ptr<Message> {
-            return std::make_unique<HttpClientResponse>(settled.get());
-        });
+    return asMessage(provider->send(std::move(self), context ? context->cancellation() : nullptr));
 }
 
 } // namespace connector::http

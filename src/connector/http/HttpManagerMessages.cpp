@@ -1,19 +1,9 @@
 #include "connector/http/HttpManagerMessages.h"
 
+#include "connector/core/TypedAnswer.h"
 #include "connector/http/HttpManagerServiceProvider.h"
 
 namespace connector::http {
-
-namespace {
-
-template <class Response>
-MessageFuture asMessage(Future<Response> response)
-{
-    return response.then(
-        [](Future<Response> settled) -> std::unique_ptr<Message> { return std::make_unique<Response>(settled.get()); });
-}
-
-} // namespace
 
 MessageFuture OpenPort::deliverTo(std::shared_ptr<HttpManagerServiceProvider> provider,
                                   std::unique_ptr<Message>&& message, Address&&, std::shared_ptr<Context>&&)

@@ -1,19 +1,9 @@
 #include "connector/http/StaticContentManagerMessages.h"
 
+#include "connector/core/TypedAnswer.h"
 #include "connector/http/StaticContentManagerServiceProvider.h"
 
 namespace connector::http {
-
-namespace {
-
-template <class Response>
-MessageFuture asMessage(Future<Response> response)
-{
-    return response.then(
-        [](Future<Response> settled) -> std::unique_ptr<Message> { return std::make_unique<Response>(settled.get()); });
-}
-
-} // namespace
 
 MessageFuture AddContentRoot::deliverTo(std::shared_ptr<StaticContentManagerServiceProvider> provider,
                                         std::unique_ptr<Message>&& message, Address&&, std::shared_ptr<Context>&&)
