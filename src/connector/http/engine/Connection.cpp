@@ -1,10 +1,5 @@
 #include "connector/http/engine/Connection.h"
 
-#include <array>
-
-#include <arpa/inet.h>
-#include <sys/socket.h>
-
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
@@ -32,38 +27,13 @@ constexpr std::size_t kMaxLingerBytes = 4u << 20;
 constexpr unsigned kMaxInARow = 8;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
-/// Numeric address and port of one end of a socket; "unix" and 0 for a Unix-domain socket, "" when it is gone.
-std::pair<std::string, std::uint16_t> describe(const sockaddr_storage& end)
-{
-    std::array<char, INET6_ADDRSTRLEN> text{};
-    if (end.ss_family == AF_INET) {
-        const auto& four = reinterpret_cast<const sockaddr_in&>(end);
-        inet_ntop(AF_INET, &four.sin_addr, text.data(), text.size());
-        return {text.data(), ntohs(four.sin_port)};
-    }
-    if (end.ss_family == AF_INET6) {
-        const auto& six = reinterpret_cast<const sockaddr_in6&>(end);
-        inet_ntop(AF_INET6, &six.sin6_addr, text.data(), text.size());
-        return {text.data(), ntohs(six.sin6_port)};
-    }
-    return {end.ss_family == AF_UNIX ? "unix" : "", 0};
-}
-
 } // namespace
 
 Connection::Connection(Stream stream, Loop& loop, std::unique_ptr<ConnectionCount> count)
-    : loop_(loop), core_(loop.core()), count_(std::move(count)), stream_(std::move(stream)), writer_(stream_, *this)
+    : loop_(loop), core_(loop.core()), count_(std::move(count)), stream_(std::move(stream)),
+      ends_(endsOf(stream_.socket().native_handle())), writer_(stream_, *this)
 {
-    const int socket = stream_.socket().native_handle();
-    sockaddr_storage end{};
-    socklen_t length = sizeof(end);
-    if (::getpeername(socket, reinterpret_cast<sockaddr*>(&end), &length) == 0)
-        peerAddress_ = describe(end).first;
-    end = {};
-    length = sizeof(end);
-    if (::getsockname(socket, reinterpret_cast<sockaddr*>(&end), &length) == 0)
-        localPort_ = describe(end).second;
-    if (localPort_ != 0) {
+    if (ends_.localPort != 0) {
         error_code ignored;
         stream_.socket().set_option(asio::ip::tcp::no_delay(true), ignored);
     }
@@ -217,8 +187,8 @@ void Connection::beginBody()
     request_->query = std::move(head.query);
     request_->authority = std::move(head.authority);
     request_->headers = std::move(head.headers);
-    request_->peerAddress = peerAddress_;
-    request_->localPort = localPort_;
+    request_->peerAddress = ends_.peerAddress;
+    request_->localPort = ends_.localPort;
     request_->secure = stream_.isTls();
     request_->keepAlive = head.keepAlive;
     if (asksForWebSocket(*request_))
@@ -319,13 +289,9 @@ void Connection::receiveBody(std::uint64_t requestNumber, std::uint64_t maxBytes
 
 void Connection::beginUpload(Promise<SpooledBody> promise, std::uint64_t maxBytes)
 {
-    upload_.emplace(Upload{std::move(promise), nullptr, maxBytes});
-    try {
-        upload_->file = std::make_shared<SpoolFile>(loop_.sharedCore());
-        upload_->file->append(bodyBegun_);
-    } catch (const HttpFault& fault) {
-        return failUpload({fault.status(), fault.what()});
-    }
+    upload_.emplace(loop_.sharedCore(), std::move(promise), maxBytes);
+    if (const auto refused = upload_->append(bodyBegun_))
+        return failUpload(*refused);
     bodyBegun_ = {};
     bodyHold_.reset();
     if (!readPending_)
@@ -366,13 +332,8 @@ void Connection::readUpload()
     bodyBytes_ += before - bytes.size();
     if (result == BodyReader::State::refused)
         return failUpload(body_->refused());
-    if (upload_->file->size() + content.size() > upload_->maxBytes)
-        return failUpload({413, "The request body is too large."});
-    try {
-        upload_->file->append(content);
-    } catch (const HttpFault& fault) {
-        return failUpload({fault.status(), fault.what()});
-    }
+    if (const auto refused = upload_->append(content))
+        return failUpload(*refused);
     buffer_.consume(before - bytes.size());
     if (result == BodyReader::State::complete)
         endUpload();
@@ -384,31 +345,30 @@ void Connection::endUpload()
 {
     bodyComplete_ = true;
     clearDeadline();
-    const auto file = upload_->file;
-    auto promise = std::move(upload_->promise);
-    upload_.reset();
+    Upload complete = takeUpload();
     buffer_.shrink();
     watch(kPipelineBytes);
-    promise.setValue({std::shared_ptr<const common::FileDescriptor>(file, &file->descriptor()), file->size()});
+    complete.finish();
 }
 
 void Connection::failUpload(const Refused& refused)
 {
     ++core_.refusedRequests;
     clearDeadline();
-    auto promise = std::move(upload_->promise);
-    upload_.reset();
-    promise.setException(HttpFault(refused.status, refused.text));
+    takeUpload().fail(refused);
 }
 
-/// Nobody waits for the body any more, or it will not come.
 void Connection::dropUpload()
 {
-    if (!upload_)
-        return;
-    auto promise = std::move(upload_->promise);
+    if (upload_)
+        takeUpload().drop();
+}
+
+Upload Connection::takeUpload()
+{
+    Upload taken = std::move(*upload_);
     upload_.reset();
-    promise.setException(FutureCancelled());
+    return taken;
 }
 
 void Connection::serve()

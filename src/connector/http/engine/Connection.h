@@ -15,9 +15,10 @@
 #include "connector/http/engine/ReadBuffer.h"
 #include "connector/http/engine/RequestHead.h"
 #include "connector/http/engine/ResponseWriter.h"
-#include "connector/http/engine/SpoolFile.h"
+#include "connector/http/engine/SocketEnds.h"
 #include "connector/http/engine/Stream.h"
 #include "connector/http/engine/UpgradeAsked.h"
+#include "connector/http/engine/Upload.h"
 
 namespace connector::http::engine {
 
@@ -58,14 +59,6 @@ private:
         closed
     };
 
-    /// Where a large body goes.
-    struct Upload
-    {
-        Promise<SpooledBody> promise;
-        std::shared_ptr<SpoolFile> file;
-        std::uint64_t maxBytes = 0;
-    };
-
     std::shared_ptr<Connection> self() { return std::static_pointer_cast<Connection>(shared_from_this()); }
     void shakeHands();
 
@@ -81,6 +74,7 @@ private:
     void endUpload();
     void failUpload(const Refused& refused);
     void dropUpload();
+    Upload takeUpload();
     bool isReceiving() const noexcept { return state_ == State::readingBody || upload_; }
 
     void serve();
@@ -109,8 +103,7 @@ private:
     ServerCore& core_;
     std::unique_ptr<ConnectionCount> count_;
     Stream stream_;
-    std::string peerAddress_;
-    std::uint16_t localPort_ = 0;
+    const SocketEnds ends_;
 
     State state_ = State::readingHead;
     Clock::time_point deadline_ = Clock::time_point::max();
