@@ -1,5 +1,6 @@
 #include "connector/http/engine/Acceptor.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 #include <system_error>
@@ -29,12 +30,25 @@ namespace {
 /// Connections beyond the limit that may be told so at a time; more are dropped.
 constexpr std::uint64_t kMaxTurnedAway = 64;
 constexpr std::chrono::milliseconds kPauseAfterFailure{100};
+/// The share of a processor from which on a loop gets no more connections while another has less to do.
+constexpr double kBusy = 0.5;
 constexpr int kFreePortAttempts = 10;
 
 std::string placeText(const std::string& address, std::uint16_t port)
 {
     const bool bracketed = address.find(':') != std::string::npos;
     return (bracketed ? "[" + address + "]" : address) + ":" + std::to_string(port);
+}
+
+/// Clients of one loop reach each other without waking a thread, which costs more than most messages do: the first loop
+/// takes every connection until it has enough to do.
+const std::shared_ptr<Loop>& leastBurdened(const std::vector<std::shared_ptr<Loop>>& loops)
+{
+    const auto idle = std::find_if(loops.begin(), loops.end(), [](const auto& loop) { return loop->load() < kBusy; });
+    return idle != loops.end() ? *idle
+                               : *std::min_element(loops.begin(), loops.end(), [](const auto& one, const auto& other) {
+                                     return one->load() < other->load();
+                                 });
 }
 
 [[noreturn]] void fail(const std::string& place, const std::string& cause)
@@ -184,7 +198,7 @@ void Acceptor::stop()
 
 void Acceptor::acceptNext()
 {
-    const auto loop = loops_[turn_++ % loops_.size()];
+    const auto loop = leastBurdened(loops_);
     acceptor_.async_accept(loop->context(),
                            [self = shared_from_this(), loop](const error_code& error, Stream::Socket socket) {
                                if (!self->acceptor_.is_open())

@@ -11,7 +11,7 @@
 
 namespace connector::http::engine {
 
-/// Listens on one endpoint and deals connections out to the loops in turn. Works on the thread of the first loop.
+/// Listens on one endpoint and gives each connection to the first loop that is not busy. Works on the thread of the first loop.
 class Acceptor final : public std::enable_shared_from_this<Acceptor>
 {
 public:
@@ -43,7 +43,6 @@ private:
     boost::asio::basic_socket_acceptor<Protocol> acceptor_;
     boost::asio::steady_timer pauseTimer_;
     std::string unixPath_;
-    std::size_t turn_ = 0;
     bool pausing_ = false;
 };
 

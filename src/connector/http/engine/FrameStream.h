@@ -49,6 +49,7 @@ public:
         virtual ~Owner() = default;
         /// Keeps owner and stream alive meanwhile.
         virtual std::shared_ptr<void> ownerPtr() = 0;
+        virtual void bytesRead() = 0;
         virtual void messageSent(const Frame& frame) = 0;
         virtual void flushed() = 0;
         virtual void sendingFailed() = 0;
@@ -61,7 +62,12 @@ public:
     template <class Buffers, class Handler>
     void async_read_some(const Buffers& buffers, Handler&& handler)
     {
-        stream_.async_read_some(buffers, std::forward<Handler>(handler));
+        stream_.async_read_some(buffers, [this, taken = std::forward<Handler>(handler)](const Error& error,
+                                                                                        std::size_t count) mutable {
+            if (!error)
+                owner_.bytesRead();
+            taken(error, count);
+        });
     }
 
     template <class Buffers, class Handler>

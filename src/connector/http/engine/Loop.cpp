@@ -1,5 +1,7 @@
 #include "connector/http/engine/Loop.h"
 
+#include <ctime>
+
 #include <boost/asio/post.hpp>
 
 #include "connector/common/Log.h"
@@ -12,9 +14,10 @@ namespace asio = boost::asio;
 
 namespace {
 
-constexpr std::size_t kCrowd = 8;
-constexpr std::chrono::milliseconds kGatherTime{1};
 constexpr unsigned kMostPostponed = 32;
+constexpr std::chrono::microseconds kShortestGather{20};
+constexpr std::chrono::milliseconds kLongestGather{1};
+constexpr std::chrono::milliseconds kLoadWindow{100};
 
 /// Often enough that no time limit is overrun by more than a quarter, and never more than by a second.
 std::chrono::milliseconds sweepIntervalOf(const ServerCore& core)
@@ -22,6 +25,13 @@ std::chrono::milliseconds sweepIntervalOf(const ServerCore& core)
     const auto shortest = std::min({core.settings.headTimeout, core.settings.bodyTimeout, core.settings.bodyRateGrace,
                                     core.settings.lingerTimeout, core.idleTimeout, core.writeTimeout});
     return std::clamp(shortest / 4, std::chrono::milliseconds(5), std::chrono::milliseconds(1'000));
+}
+
+std::chrono::nanoseconds cpuTimeOfThread()
+{
+    timespec time{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
 } // namespace
@@ -81,21 +91,19 @@ void Loop::wake(std::weak_ptr<Peer> peer)
     asio::post(context_, [this] { callWokenSoon(); });
 }
 
-/// A crowd that was called a moment ago is left to gather: what comes for its members meanwhile goes out in one piece
-/// each, at a fraction of the cost.
+/// What has been read already may have more for the same clients. And where a crowd is served, what comes for its members
+/// in a while as long as that took goes out in one piece each, at a fraction of the cost.
 void Loop::callWokenSoon()
 {
-    // What has been read already may have more for the same clients.
-    if (messagesRead_ != messagesSeen_ && ++postponed_ < kMostPostponed) {
-        messagesSeen_ = messagesRead_;
+    if (inputs_ != inputsSeen_ && ++postponed_ < kMostPostponed) {
+        inputsSeen_ = inputs_;
         asio::post(context_, [this] { callWokenSoon(); });
         return;
     }
     postponed_ = 0;
-    const auto next = crowdCalled_ + kGatherTime;
-    if (stopping_ || std::chrono::steady_clock::now() >= next)
+    if (stopping_ || std::chrono::steady_clock::now() >= gatherUntil_)
         return callWoken();
-    gatherTimer_.expires_at(next);
+    gatherTimer_.expires_at(gatherUntil_);
     gatherTimer_.async_wait([this](const boost::system::error_code&) { callWoken(); });
 }
 
@@ -106,11 +114,13 @@ void Loop::callWoken()
         std::lock_guard lock(wakeMutex_);
         woken.swap(woken_);
     }
+    const auto begin = std::chrono::steady_clock::now();
     for (const auto& weak : woken)
         if (const auto alive = weak.lock())
             alive->woken();
-    if (woken.size() >= kCrowd)
-        crowdCalled_ = std::chrono::steady_clock::now();
+    const auto end = std::chrono::steady_clock::now();
+    if (end - begin >= kShortestGather)
+        gatherUntil_ = end + std::min<std::chrono::nanoseconds>(end - begin, kLongestGather);
 }
 
 void Loop::stop()
@@ -148,9 +158,22 @@ void Loop::sweepLater()
     sweepTimer_.async_wait([this](const boost::system::error_code& error) {
         if (!error && !stopping_) {
             sweep();
+            measureLoad();
             sweepLater();
         }
     });
+}
+
+void Loop::measureLoad()
+{
+    const auto now = std::chrono::steady_clock::now();
+    const auto elapsed = now - measuredAt_;
+    if (elapsed < kLoadWindow)
+        return;
+    const auto cpuTime = cpuTimeOfThread();
+    load_ = std::chrono::duration<double>(cpuTime - cpuTime_) / std::chrono::duration<double>(elapsed);
+    measuredAt_ = now;
+    cpuTime_ = cpuTime;
 }
 
 void Loop::sweep()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -20,7 +21,7 @@ namespace connector::http::engine {
 class Peer;
 
 /// One I/O thread's share of the clients. A client stays with its loop, so that none of its state is locked.
-/// Everything but `context`, `run` and `wake` belongs to the loop's own thread.
+/// Everything but `context`, `run`, `load` and `wake` belongs to the loop's own thread.
 class Loop final : public std::enable_shared_from_this<Loop>
 {
 public:
@@ -38,12 +39,15 @@ public:
     const std::string& date() { return date_.at(std::time(nullptr)); }
     bool isStopping() const noexcept { return stopping_; }
 
-    /// Has `woken` called on the loop's thread, once for all who are woken meanwhile; at once, or a millisecond later
-    /// when many have just been called. Any thread.
+    /// The share of a processor that the loop lately took, 0 to 1. Any thread.
+    double load() const noexcept { return load_.load(std::memory_order_relaxed); }
+
+    /// Has `woken` called on the loop's thread, once for all who are woken meanwhile: soon, or, where that took long the
+    /// last time, after a pause of that length. Any thread.
     void wake(std::weak_ptr<Peer> peer);
 
-    /// A client's message is about to be handled, with others maybe read along with it.
-    void noteMessage() noexcept { ++messagesRead_; }
+    /// A client's bytes were read, or a message taken from them; there may be more, for the same receivers.
+    void noteInput() noexcept { ++inputs_; }
 
     /// `welcome` is false for a connection beyond the limit, which gets 503.
     void adopt(Stream::Socket socket, bool isUnix, bool welcome, std::unique_ptr<ConnectionCount> count);
@@ -57,6 +61,7 @@ private:
     void callWoken();
     void sweepLater();
     void sweep();
+    void measureLoad();
 
     const std::shared_ptr<ServerCore> core_; // before the context, whose end may destroy connections
     boost::asio::io_context context_{1};
@@ -64,11 +69,14 @@ private:
     boost::asio::steady_timer sweepTimer_;
     boost::asio::steady_timer stopTimer_;
     boost::asio::steady_timer gatherTimer_;
-    std::chrono::steady_clock::time_point crowdCalled_; ///< when many were called for the last time
-    std::uint64_t messagesRead_ = 0;
-    std::uint64_t messagesSeen_ = 0;
+    std::chrono::steady_clock::time_point gatherUntil_;
+    std::uint64_t inputs_ = 0;
+    std::uint64_t inputsSeen_ = 0;
     unsigned postponed_ = 0;
     std::chrono::milliseconds sweepInterval_;
+    std::atomic<double> load_{0.0};
+    std::chrono::steady_clock::time_point measuredAt_{};
+    std::chrono::nanoseconds cpuTime_{};
     std::unordered_map<Peer*, std::shared_ptr<Peer>> peers_;
     DateText date_;
     bool stopping_ = false;

@@ -61,6 +61,7 @@ public:
     void giveUp() override { close(); }
 
     std::shared_ptr<void> ownerPtr() override { return self(); }
+    void bytesRead() override { loop_.noteInput(); }
     void messageSent(const Frame& frame) override { outbox_->written(frame.payload().size()); }
     void flushed() override { writeNext(); }
     void sendingFailed() override { close(); }
@@ -223,7 +224,7 @@ void WebSocketSession::read()
         self->incoming_.consume(self->incoming_.size());
         if (self->incoming_.capacity() > kKeptReadBytes)
             self->incoming_.shrink_to_fit();
-        self->loop_.noteMessage();
+        self->loop_.noteInput();
         self->endpoint_->received(std::move(message), self->stream_.got_binary());
         if (!self->over_)
             self->read();
