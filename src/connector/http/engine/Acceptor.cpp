@@ -77,8 +77,8 @@ bool hasIpv6Loopback()
     return !error;
 }
 
-/// Loopback has no bottleneck to look for, and a sender that paces itself (bbr) is up to three times slower there. Every
-/// kernel allows reno; accepted sockets inherit it.
+/// Loopback has no bottleneck to look for, and a sender that paces itself (bbr) is up to three times slower there.
+/// Every kernel allows reno; accepted sockets inherit it.
 void withoutPacing(int listener)
 {
     constexpr std::string_view kReno = "reno";

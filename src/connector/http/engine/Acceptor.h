@@ -11,7 +11,8 @@
 
 namespace connector::http::engine {
 
-/// Listens on one endpoint and gives each connection to the first loop that is not busy. Works on the thread of the first loop.
+/// Listens on one endpoint and gives each connection to the first loop that is not busy. Works on the thread of the
+/// first loop.
 class Acceptor final : public std::enable_shared_from_this<Acceptor>
 {
 public:

@@ -56,11 +56,10 @@ void FrameStream::send()
     while (!queue_.empty() && !failed_) {
         std::array<iovec, 2 * kFramesAtOnce> parts;
         std::size_t used = 0;
-        const std::size_t frames = std::min(queue_.size(), kFramesAtOnce);
-        for (std::size_t i = 0; i < frames; ++i) {
-            std::string_view head = queue_[i].head();
-            std::string_view payload = queue_[i].payload();
-            if (i == 0) {
+        for (auto frame = queue_.begin(); frame != queue_.end() && used < parts.size(); ++frame) {
+            std::string_view head = frame->head();
+            std::string_view payload = frame->payload();
+            if (frame == queue_.begin()) {
                 payload.remove_prefix(offset_ > head.size() ? offset_ - head.size() : 0);
                 head.remove_prefix(std::min(offset_, head.size()));
             }

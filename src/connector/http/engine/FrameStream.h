@@ -2,8 +2,8 @@
 
 #include <array>
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <string>
 #include <utility>
@@ -62,12 +62,12 @@ public:
     template <class Buffers, class Handler>
     void async_read_some(const Buffers& buffers, Handler&& handler)
     {
-        stream_.async_read_some(buffers, [this, taken = std::forward<Handler>(handler)](const Error& error,
-                                                                                        std::size_t count) mutable {
-            if (!error)
-                owner_.bytesRead();
-            taken(error, count);
-        });
+        stream_.async_read_some(
+            buffers, [this, taken = std::forward<Handler>(handler)](const Error& error, std::size_t count) mutable {
+                if (!error)
+                    owner_.bytesRead();
+                taken(error, count);
+            });
     }
 
     template <class Buffers, class Handler>
@@ -114,7 +114,8 @@ private:
 
     Stream stream_;
     Owner& owner_;
-    std::deque<Frame> queue_;
+    // A list takes nothing while it is empty, as it is in most of ten thousand clients.
+    std::list<Frame> queue_;
     std::size_t offset_ = 0; ///< sent of the first frame
     bool waiting_ = false;   ///< for the socket to take more
     bool flushing_ = false;

@@ -91,8 +91,8 @@ void Loop::wake(std::weak_ptr<Peer> peer)
     asio::post(context_, [this] { callWokenSoon(); });
 }
 
-/// What has been read already may have more for the same clients. And where a crowd is served, what comes for its members
-/// in a while as long as that took goes out in one piece each, at a fraction of the cost.
+/// What has been read already may have more for the same clients. And where a crowd is served, what comes for its
+/// members in a while as long as that took goes out in one piece each, at a fraction of the cost.
 void Loop::callWokenSoon()
 {
     if (inputs_ != inputsSeen_ && ++postponed_ < kMostPostponed) {

@@ -42,8 +42,8 @@ public:
     /// The share of a processor that the loop lately took, 0 to 1. Any thread.
     double load() const noexcept { return load_.load(std::memory_order_relaxed); }
 
-    /// Has `woken` called on the loop's thread, once for all who are woken meanwhile: soon, or, where that took long the
-    /// last time, after a pause of that length. Any thread.
+    /// Has `woken` called on the loop's thread, once for all who are woken meanwhile: soon, or, where that took long
+    /// the last time, after a pause of that length. Any thread.
     void wake(std::weak_ptr<Peer> peer);
 
     /// A client's bytes were read, or a message taken from them; there may be more, for the same receivers.

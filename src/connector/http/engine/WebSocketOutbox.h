@@ -2,7 +2,7 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <deque>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -93,7 +93,8 @@ private:
 
     const std::size_t maxBytes_;
     mutable std::mutex mutex_;
-    std::deque<Outgoing> queue_;
+    // A list takes nothing while it is empty, as it is in most of ten thousand clients.
+    std::list<Outgoing> queue_;
     std::size_t bytes_ = 0;
     bool closed_ = false;
     unsigned waiting_ = 0;
