@@ -7,10 +7,20 @@
 namespace connector::bayeux {
 
 BayeuxEvent::BayeuxEvent(std::string channel, const Poco::Dynamic::Var& data, bool lazy)
+    : BayeuxEvent(Written(), std::move(channel), json::write(data), lazy)
+{}
+
+BayeuxEvent::BayeuxEvent(Written, std::string channel, std::string_view json, bool lazy)
     : channel_(std::move(channel)), lazy_(lazy)
 {
-    frame_ = std::make_shared<const std::string>("[{\"channel\":" + json::write(channel_) +
-                                                 ",\"data\":" + json::write(data) + "}]");
+    std::string text = "[{\"channel\":" + json::write(channel_) + ",\"data\":";
+    text.reserve(text.size() + json.size() + 2);
+    frame_ = std::make_shared<const std::string>(text.append(json).append("}]"));
+}
+
+EventPtr BayeuxEvent::ofText(std::string channel, std::string_view json)
+{
+    return EventPtr(new BayeuxEvent(Written(), std::move(channel), json, false));
 }
 
 const BayeuxMessage& Publication::message() const

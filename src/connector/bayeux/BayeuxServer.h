@@ -24,6 +24,8 @@ class CONNECTOR_API BayeuxEvent
 public:
     /// Throws json::JsonError for data without a JSON form.
     BayeuxEvent(std::string channel, const Poco::Dynamic::Var& data, bool lazy = false);
+    /// `json`: one JSON value, taken as it is.
+    static std::shared_ptr<const BayeuxEvent> ofText(std::string channel, std::string_view json);
 
     const std::string& channel() const noexcept { return channel_; }
     /// {"channel":…,"data":…}
@@ -33,6 +35,10 @@ public:
     bool isLazy() const noexcept { return lazy_; }
 
 private:
+    struct Written
+    {};
+    BayeuxEvent(Written, std::string channel, std::string_view json, bool lazy);
+
     std::string channel_;
     std::shared_ptr<const std::string> frame_;
     bool lazy_;
@@ -52,6 +58,8 @@ public:
     /// Sends one event to this session only, whether or not it subscribed. False when the session is over, and when its
     /// queue is full, which ends it.
     virtual bool deliver(EventPtr event) = 0;
+    /// Whether more than half of what may wait for it is free: who delivers much waits for that.
+    virtual bool hasRoom() const = 0;
     /// Ends the session; a remote client is told with "reconnect":"none".
     virtual void disconnect() = 0;
     virtual bool isOver() const = 0;
@@ -210,7 +218,8 @@ public:
     virtual void waitForRoom(const std::string& channel, std::chrono::milliseconds patience) = 0;
     /// In this process: `channel` may be a pattern ("/a/*", "/a/**").
     [[nodiscard]] virtual Registration subscribe(const std::string& channel, Subscriber subscriber) = 0;
-    /// For messages that clients send to "/service/…" (a pattern is allowed); without a handler they are refused.
+    /// For messages that clients send to "/service/…" (a pattern is allowed); without a handler they are refused. The
+    /// newest handler of a channel serves it until it goes: a service may be replaced by its successor at any moment.
     [[nodiscard]] virtual Registration handleService(const std::string& channel, ServiceHandler handler) = 0;
     /// A session of this process, which others can address by its id: it subscribes with `subscribe`d functions of its
     /// own, publishes under its name, and ends with `disconnect` or when nobody holds it. Throws std::invalid_argument

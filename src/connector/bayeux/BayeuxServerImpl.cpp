@@ -107,10 +107,11 @@ BayeuxServer::Registration BayeuxServerImpl::handleService(const std::string& ch
         throw std::invalid_argument("\"" + channel + "\" is not a service channel.");
     if (!handler)
         throw std::invalid_argument("A service needs a function.");
-    state_->services->add(channel, std::make_shared<const ServiceHandler>(std::move(handler)));
-    return Registration([weak = std::weak_ptr(state_->services), channel] {
+    auto kept = std::make_shared<const ServiceHandler>(std::move(handler));
+    state_->services->add(channel, kept);
+    return Registration([weak = std::weak_ptr(state_->services), channel, kept = std::move(kept)] {
         if (const auto services = weak.lock())
-            services->remove(channel);
+            services->remove(channel, kept);
     });
 }
 

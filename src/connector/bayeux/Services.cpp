@@ -7,18 +7,18 @@ namespace connector::bayeux {
 void Services::add(const std::string& channel, HandlerPtr handler)
 {
     std::lock_guard lock(mutex_);
-    if (!handlers_.emplace(channel, std::move(handler)).second)
-        throw std::invalid_argument("The service channel \"" + channel + "\" has a handler already.");
+    handlers_[channel].push_back(std::move(handler));
 }
 
-void Services::remove(const std::string& channel)
+void Services::remove(const std::string& channel, const HandlerPtr& handler)
 {
-    HandlerPtr dropped;
     std::lock_guard lock(mutex_);
-    if (const auto found = handlers_.find(channel); found != handlers_.end()) {
-        dropped = std::move(found->second);
+    const auto found = handlers_.find(channel);
+    if (found == handlers_.end())
+        return;
+    std::erase(found->second, handler);
+    if (found->second.empty())
         handlers_.erase(found);
-    }
 }
 
 Services::HandlerPtr Services::find(const std::string& channel) const
@@ -28,7 +28,7 @@ Services::HandlerPtr Services::find(const std::string& channel) const
     std::lock_guard lock(mutex_);
     for (const auto& name : names) {
         if (const auto found = handlers_.find(name); found != handlers_.end())
-            return found->second;
+            return found->second.back();
     }
     return nullptr;
 }

@@ -56,6 +56,16 @@ bool Session::deliver(EventPtr event)
     return !overflowed && !isOver();
 }
 
+bool Session::hasRoom() const
+{
+    const auto core = core_.lock();
+    if (!core)
+        return true;
+    const auto limits = core->limits();
+    std::lock_guard lock(mutex_);
+    return over_ || !(queue_.isCrowded(limits) || (sink_ && sink_->queuedBytes() > limits.queueBytes / 2));
+}
+
 void Session::disconnect()
 {
     if (const auto core = core_.lock())

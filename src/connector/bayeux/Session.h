@@ -29,6 +29,7 @@ public:
     bool isLocal() const noexcept override { return false; }
     const std::string& httpSessionId() const noexcept override { return httpSessionId_; }
     bool deliver(EventPtr event) override;
+    bool hasRoom() const override;
     void disconnect() override;
     bool isOver() const override;
     void receive(const Publication& publication, Burst& burst) override;

@@ -2,7 +2,7 @@
 #include <Poco/JSON/Object.h>
 
 #include "connector/container/ContainerHttpServiceProvider.h"
-#include "connector/container/ContainerMessages.h"
+#include "connector/container/SequenceContainer.h"
 #include "connector/json/JsonFields.h"
 
 namespace connector::container::v1 {
@@ -29,31 +29,59 @@ ContainerRequest::Entry decodeEntry(const json::JsonSerializer& serializer, cons
     return entry;
 }
 
+std::vector<ContainerRequest::Entry> decodeEntries(const json::JsonSerializer& serializer, const Object& object)
+{
+    const auto messages = json::requireArray(object, "messages");
+    if (messages->size() > ContainerJsonSerialization::kMaxMessages)
+        throw json::JsonError("messages: at most " + std::to_string(ContainerJsonSerialization::kMaxMessages) +
+                              " in one container, not " + std::to_string(messages->size()) + ".");
+    std::vector<ContainerRequest::Entry> entries;
+    for (std::size_t i = 0; i < messages->size(); ++i)
+        entries.push_back(decodeEntry(serializer, messages->get(static_cast<unsigned>(i)), i));
+    return entries;
+}
+
 std::unique_ptr<ContainerRequest> decodeRequest(const json::JsonSerializer& serializer, const Object& object)
 {
     auto request = std::make_unique<ContainerRequest>();
     request->id = json::optionalString(object, "id", {});
     request->clientType = json::optionalString(object, "clientType", {});
-    const auto messages = json::requireArray(object, "messages");
-    if (messages->size() > ContainerJsonSerialization::kMaxMessages)
-        throw json::JsonError("messages: at most " + std::to_string(ContainerJsonSerialization::kMaxMessages) +
-                              " in one container, not " + std::to_string(messages->size()) + ".");
-    for (std::size_t i = 0; i < messages->size(); ++i)
-        request->entries.push_back(decodeEntry(serializer, messages->get(static_cast<unsigned>(i)), i));
+    request->entries = decodeEntries(serializer, object);
     return request;
+}
+
+std::unique_ptr<SequenceContainer> decodeSequence(const json::JsonSerializer& serializer, const Object& object)
+{
+    auto sequence = std::make_unique<SequenceContainer>();
+    sequence->stopOnFailure = json::optionalBool(object, "stopOnFailure", false);
+    sequence->entries = decodeEntries(serializer, object);
+    return sequence;
+}
+
+Poco::JSON::Array::Ptr encodeEntries(const json::JsonSerializer& serializer,
+                                     const std::vector<ContainerResponse::Entry>& entries)
+{
+    Poco::JSON::Array::Ptr messages = new Poco::JSON::Array;
+    for (const auto& entry : entries) {
+        auto message = serializer.toJson(*entry.message);
+        message->set("id", entry.id);
+        messages->add(message);
+    }
+    return messages;
 }
 
 Object::Ptr encodeResponse(const json::JsonSerializer& serializer, const ContainerResponse& response)
 {
     Object::Ptr object = new Object;
     object->set("id", response.id);
-    Poco::JSON::Array::Ptr messages = new Poco::JSON::Array;
-    for (const auto& entry : response.entries) {
-        auto message = serializer.toJson(*entry.message);
-        message->set("id", entry.id);
-        messages->add(message);
-    }
-    object->set("messages", messages);
+    object->set("messages", encodeEntries(serializer, response.entries));
+    return object;
+}
+
+Object::Ptr encodeSequence(const json::JsonSerializer& serializer, const SequenceContainerResponse& response)
+{
+    Object::Ptr object = new Object;
+    object->set("messages", encodeEntries(serializer, response.entries));
     return object;
 }
 
@@ -79,6 +107,11 @@ ContainerJsonSerialization::ContainerJsonSerialization(std::shared_ptr<json::Jso
     add<ContainerResponse>(
         "ContainerResponse", [types](const ContainerResponse& response) { return encodeResponse(*types, response); },
         nullptr);
+    add<SequenceContainer>("SequenceContainer", nullptr,
+                           [types](const Object& object) { return decodeSequence(*types, object); });
+    add<SequenceContainerResponse>(
+        "SequenceContainerResponse",
+        [types](const SequenceContainerResponse& response) { return encodeSequence(*types, response); }, nullptr);
     add<Fault>("Fault", encodeFault, nullptr);
 }
 

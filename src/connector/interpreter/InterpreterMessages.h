@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -19,7 +20,9 @@ class CONNECTOR_API Eval final : public ServiceMessage<InterpreterServiceProvide
 public:
     std::string code; ///< UTF-8, any number of statements
     bool wantValue = true;
-    bool echo = false; ///< print the value of each expression statement, as the terminal does
+    bool echo = false;                     ///< print the value of each expression statement, as the terminal does
+    std::chrono::milliseconds deadline{0}; ///< then it is interrupted; none when zero
+    std::string outputChannel; ///< of the bus, where what is printed goes while it runs; empty for the answer
 
     MessageFuture deliverTo(std::shared_ptr<InterpreterServiceProvider> provider, std::unique_ptr<Message>&& message,
                             Address&& address, std::shared_ptr<Context>&& context) override;
@@ -30,6 +33,7 @@ struct Output
 {
     std::string text;             ///< standard output and standard error in the order of printing; valid UTF-8
     std::size_t omittedBytes = 0; ///< beyond interpreter.maxOutputBytes
+    std::size_t messages = 0;     ///< published on the output channel instead
 };
 
 class CONNECTOR_API EvalResponse final : public Message
@@ -46,9 +50,20 @@ public:
 class CONNECTOR_API FEval final : public ServiceMessage<InterpreterServiceProvider>
 {
 public:
+    /// An argument that is a result of an earlier call of the sequence; positions count from 0.
+    struct Use
+    {
+        std::size_t argument;
+        std::size_t call;
+        std::size_t result;
+    };
+
     std::string function; ///< dotted name
     std::vector<matrix::ArrayPtr> arguments;
-    std::size_t results = 1; ///< how many are wanted; 0 to 100
+    std::size_t results = 1;               ///< how many are wanted; 0 to 100
+    std::chrono::milliseconds deadline{0}; ///< as of Eval
+    std::string outputChannel;
+    std::vector<Use> uses; ///< only in a sequence
 
     MessageFuture deliverTo(std::shared_ptr<InterpreterServiceProvider> provider, std::unique_ptr<Message>&& message,
                             Address&& address, std::shared_ptr<Context>&& context) override;

@@ -8,8 +8,9 @@
 
 namespace connector::interpreter::v1 {
 
-/// Evaluation in the running interpreter. Faults: "scriptError" (details error, traceback, output), "interrupted" (the
-/// same), "busy" (too many requests wait), "unavailable" (no interpreter, or it is shutting down), "cancelled".
+/// Evaluation in the running interpreter. Faults: "scriptError" (details error, traceback, output), "interrupted" and
+/// "deadline" (the same), "busy" (too many requests wait), "unavailable" (no interpreter, or it is shutting down),
+/// "cancelled".
 class CONNECTOR_API InterpreterServiceProvider : public ServiceProviderAPI<InterpreterServiceProvider>
 {
 public:
@@ -30,6 +31,7 @@ public:
     /// `engine` may be empty: every request then fails with the fault "unavailable".
     InterpreterServiceProviderImpl(std::shared_ptr<configuration::Configuration> configuration,
                                    boost::shared_ptr<rqe::RQE> engine);
+    ~InterpreterServiceProviderImpl() override;
 
     MessageFuture handleEval(std::unique_ptr<Eval>&& message, Address&& rest,
                              std::shared_ptr<Context>&& context) override;
@@ -39,11 +41,12 @@ public:
                                   std::shared_ptr<Context>&& context) override;
 
 private:
-    MessageFuture post(std::unique_ptr<class EngineTask> task, const std::shared_ptr<Context>& context);
-    std::size_t maxOutputBytes() const;
+    template <class Request>
+    MessageFuture post(std::unique_ptr<Request> request, const std::shared_ptr<Context>& context);
 
     const std::shared_ptr<configuration::Configuration> configuration_;
     const boost::shared_ptr<rqe::RQE> engine_;
+    const std::shared_ptr<class Pump> pump_; ///< of output that goes to channels
 };
 
 } // namespace connector::interpreter::v1

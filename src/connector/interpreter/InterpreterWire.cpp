@@ -3,6 +3,7 @@
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
 
+#include "connector/interpreter/InterpreterJson.h"
 #include "connector/interpreter/InterpreterMessages.h"
 #include "connector/json/ArrayJson.h"
 #include "connector/json/JsonFields.h"
@@ -13,6 +14,23 @@ namespace {
 using Poco::JSON::Object;
 
 constexpr std::int64_t kMaxResults = 100;
+constexpr std::int64_t kMaxDeadline = std::chrono::milliseconds(std::chrono::hours(24)).count();
+constexpr std::int64_t kMaxPosition = 1'000'000;
+
+std::chrono::milliseconds decodeDeadline(const Object& object)
+{
+    return std::chrono::milliseconds(json::optionalInteger(object, "deadline", 0, 0, kMaxDeadline));
+}
+
+FEval::Use decodeUse(const Object& object)
+{
+    const auto position = [&](const char* name) {
+        return static_cast<std::size_t>(json::requireInteger(object, name, 0, kMaxPosition));
+    };
+    return {position("argument"), position("call"), object.has("result") ? position("result") : 0};
+}
+
+} // namespace
 
 std::unique_ptr<Eval> decodeEval(const Object& object)
 {
@@ -20,15 +38,23 @@ std::unique_ptr<Eval> decodeEval(const Object& object)
     message->code = json::requireString(object, "code");
     message->wantValue = json::optionalBool(object, "wantValue", true);
     message->echo = json::optionalBool(object, "echo", false);
+    message->deadline = decodeDeadline(object);
+    message->outputChannel = json::optionalString(object, "outputChannel");
     return message;
 }
+
+namespace {
 
 void setOutput(Object& object, const Output& output)
 {
     object.set("output", output.text);
     if (output.omittedBytes > 0)
         object.set("omittedBytes", static_cast<std::int64_t>(output.omittedBytes));
+    if (output.messages > 0)
+        object.set("outputMessages", static_cast<std::int64_t>(output.messages));
 }
+
+} // namespace
 
 Object::Ptr encodeEvalResponse(const EvalResponse& response)
 {
@@ -54,6 +80,13 @@ std::unique_ptr<FEval> decodeFEval(const Object& object)
                 return json::within(i, [&] { return json::fromJson(arguments->get(static_cast<unsigned>(i))); });
             }));
     }
+    message->deadline = decodeDeadline(object);
+    message->outputChannel = json::optionalString(object, "outputChannel");
+    if (const auto uses = json::optionalArray(object, "uses"))
+        for (std::size_t i = 0; i < uses->size(); ++i)
+            message->uses.push_back(json::within(std::string("uses"), [&] {
+                return json::within(i, [&] { return decodeUse(*json::asObject(uses->get(static_cast<unsigned>(i)))); });
+            }));
     return message;
 }
 
@@ -67,6 +100,8 @@ Object::Ptr encodeFEvalResponse(const FEvalResponse& response)
     setOutput(*object, response.output);
     return object;
 }
+
+namespace {
 
 Object::Ptr encodeInterruptResponse(const InterruptResponse& response)
 {
@@ -89,11 +124,12 @@ InterpreterJsonSerialization::InterpreterJsonSerialization(std::shared_ptr<json:
 }
 
 InterpreterMessageMapProvider::InterpreterMessageMapProvider(
-    std::shared_ptr<container::v1::ContainerDispatcher> dispatcher, Address interpreter, Address)
+    std::shared_ptr<container::v1::ContainerDispatcher> dispatcher, Address interpreter, Address sequence)
     : MessageMapProvider(std::move(dispatcher))
 {
     for (const char* type : {"Eval", "FEval", "Interrupt"})
         map(type, interpreter);
+    map("SequenceContainer", sequence);
 }
 
 } // namespace connector::interpreter::v1

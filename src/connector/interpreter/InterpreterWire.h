@@ -14,7 +14,7 @@ public:
     explicit InterpreterJsonSerialization(std::shared_ptr<json::JsonSerializer> serializer);
 };
 
-/// Maps Eval, FEval and Interrupt to the interpreter.
+/// Maps Eval, FEval and Interrupt to the interpreter, and sequences of calls.
 class CONNECTOR_API InterpreterMessageMapProvider final : public container::v1::MessageMapProvider
 {
 public:

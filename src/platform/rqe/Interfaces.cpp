@@ -7,6 +7,7 @@
 namespace rqe {
 
 OutputSink::~OutputSink() = default;
+std::optional<std::string> OutputSink::readLine(std::chrono::milliseconds) { return std::string(); }
 Interpreter::~Interpreter() = default;
 Task::~Task() = default;
 EngineListener::~EngineListener() = default;

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,13 +19,17 @@ enum class Stream
     error
 };
 
-/// Takes what a piece of script prints, in order. Called on the interpreter thread.
+/// Takes what a piece of script prints, in order, and gives what it reads. Called on the interpreter thread, with the
+/// language's lock released; must not call the engine.
 class VENDRA_PLATFORM_API OutputSink
 {
 public:
     virtual ~OutputSink();
-    /// `text`: UTF-8, never empty, of any length. Must not call the engine.
+    /// `text`: UTF-8, never empty, of any length.
     virtual void write(Stream stream, std::string_view text) = 0;
+    /// The next line of standard input with its end, "" at the end of input, nothing when none came within `patience`:
+    /// then the host looks for interrupts and asks again. This one is always at its end.
+    virtual std::optional<std::string> readLine(std::chrono::milliseconds patience);
 };
 
 struct EvalOptions

@@ -6,6 +6,8 @@ namespace vendra::python {
 namespace {
 
 constexpr std::size_t kLongestPiece = 8192;
+/// How often code that waits for input looks whether it was interrupted.
+constexpr std::chrono::milliseconds kInterruptLook{20};
 constexpr const char* kCapsuleName = "vendra.target";
 
 OutputCapture::Target& targetOf(PyObject* capsule)
@@ -48,6 +50,14 @@ try {
     return nullptr;
 }
 
+PyObject* readLine(PyObject* self, PyObject*)
+try {
+    return makeText(targetOf(self).capture->readLine()).release();
+} catch (...) {
+    setErrorFromCurrentException();
+    return nullptr;
+}
+
 PyObject* isCaptured(PyObject* self, PyObject*)
 try {
     return PyBool_FromLong(targetOf(self).capture->captured());
@@ -57,6 +67,8 @@ try {
 
 PyMethodDef writeMethod = {"write", writeText, METH_O, "Write text; returns the number of characters."};
 PyMethodDef flushMethod = {"flush", flushText, METH_NOARGS, "Pass on what is buffered."};
+PyMethodDef readMethod = {"read_line", readLine, METH_NOARGS,
+                          "A client's next line with its end; '' when there is none."};
 PyMethodDef capturedMethod = {"captured", isCaptured, METH_NOARGS, "Does the output of this thread go to a client?"};
 
 Ref makeFunction(PyMethodDef& method, OutputCapture::Target& target)
@@ -64,6 +76,12 @@ Ref makeFunction(PyMethodDef& method, OutputCapture::Target& target)
     Ref capsule = Ref::own(PyCapsule_New(&target, kCapsuleName, nullptr));
     return Ref::own(PyCFunction_New(&method, capsule.get()));
 }
+
+struct Unlocked
+{
+    PyThreadState* state = PyEval_SaveThread();
+    ~Unlocked() { PyEval_RestoreThread(state); }
+};
 
 PyObject* realStream(const char* name)
 {
@@ -85,8 +103,9 @@ void OutputCapture::install(PyObject* support)
     Ref writeError = makeFunction(writeMethod, targets_[1]);
     Ref flushError = makeFunction(flushMethod, targets_[1]);
     Ref captureAsked = makeFunction(capturedMethod, targets_[0]);
-    Ref::own(PyObject_CallMethod(support, "install_streams", "OOOOO", writeOut.get(), flushOut.get(), writeError.get(),
-                                 flushError.get(), captureAsked.get()));
+    Ref read = makeFunction(readMethod, targets_[0]);
+    Ref::own(PyObject_CallMethod(support, "install_streams", "OOOOOO", writeOut.get(), flushOut.get(), writeError.get(),
+                                 flushError.get(), read.get(), captureAsked.get()));
 }
 
 bool OutputCapture::captured() const noexcept { return active_ && PyThread_get_thread_ident() == thread_; }
@@ -125,16 +144,29 @@ void OutputCapture::flush()
 
 void OutputCapture::handOver(rqe::Stream stream, std::string_view text)
 {
-    struct Unlocked
-    {
-        PyThreadState* state = PyEval_SaveThread();
-        ~Unlocked() { PyEval_RestoreThread(state); }
-    };
     rqe::OutputSink* sink = sink_;
     if (!sink)
         return;
     Unlocked unlocked;
     sink->write(stream, text);
+}
+
+std::string OutputCapture::readLine()
+{
+    flush();
+    for (;;) {
+        if (!captured() || !sink_)
+            return {};
+        std::optional<std::string> line;
+        {
+            Unlocked unlocked;
+            line = sink_->readLine(kInterruptLook);
+        }
+        if (PyErr_CheckSignals() != 0)
+            throw ErrorSet{};
+        if (line)
+            return std::move(*line);
+    }
 }
 
 OutputCapture::Scope::Scope(OutputCapture& capture, rqe::OutputSink* sink)

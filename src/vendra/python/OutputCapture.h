@@ -29,6 +29,8 @@ public:
     void write(rqe::Stream stream, std::string_view text);
     /// Hands over what waits for the end of its line.
     void flush();
+    /// The next line of what the sink has to read; "" at its end. ErrorSet when an interrupt comes first.
+    std::string readLine();
 
     /// Redirects while it stands. A null sink drops what is written.
     class Scope

@@ -39,6 +39,8 @@
 #include "connector/information/ClientTypeServiceProvider.h"
 #include "connector/information/InformationServiceProvider.h"
 #include "connector/information/InformationWire.h"
+#include "connector/interpreter/AsyncEvalService.h"
+#include "connector/interpreter/FEvalSequenceServiceProvider.h"
 #include "connector/interpreter/InterpreterServiceProvider.h"
 #include "connector/interpreter/InterpreterWire.h"
 #include "connector/json/JsonSerializerImpl.h"
@@ -97,7 +99,8 @@ constexpr std::array<Step, 29> teardownGroups{{
      release<information::v1::ClientTypeServiceProvider, information::v1::InformationJsonSerialization,
              information::v1::InformationMessageMapProvider, information::v1::InformationServiceProviderImpl>},
     {"interpreter",
-     release<interpreter::v1::InterpreterJsonSerialization, interpreter::v1::InterpreterMessageMapProvider,
+     release<interpreter::v1::AsyncEvalService, interpreter::v1::FEvalSequenceServiceProvider,
+             interpreter::v1::InterpreterJsonSerialization, interpreter::v1::InterpreterMessageMapProvider,
              interpreter::v1::InterpreterServiceProviderImpl>},
     {"jni_cosg"},
     {"jni_json"},

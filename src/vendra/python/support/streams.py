@@ -76,14 +76,13 @@ class _OutputBytes(io.BufferedIOBase):
 
 
 class _Input(io.TextIOBase):
-    """The real standard input, but at its end for code that no terminal typed."""
+    """The real standard input; for code that no terminal typed, what its client has to say."""
 
-    def __init__(self, real, captured):
+    def __init__(self, real, read_line, captured):
         self._real = real
+        self._read_line = read_line
         self._captured = captured
-
-    def _source(self):
-        return io.StringIO() if self._captured() or self._real is None else self._real
+        self._left = ""  # of a client's line that was read in part
 
     @property
     def encoding(self):
@@ -100,17 +99,29 @@ class _Input(io.TextIOBase):
     def readable(self):
         return True
 
-    def read(self, size=-1):
-        return self._source().read(size)
-
     def readline(self, size=-1):
-        return self._source().readline(size)
+        if not self._captured():
+            return "" if self._real is None else self._real.readline(size)
+        line = self._left or self._read_line()
+        self._left = ""
+        if size is not None and 0 <= size < len(line):
+            line, self._left = line[:size], line[size:]
+        return line
+
+    def read(self, size=-1):
+        if not self._captured():
+            return "" if self._real is None else self._real.read(size)
+        if size is not None and size >= 0:
+            return self.readline(size)
+        return "".join(iter(self.readline, ""))
 
     def isatty(self):
-        return self._source().isatty()
+        return not self._captured() and self._real is not None and self._real.isatty()
 
     def fileno(self):
-        return self._source().fileno()
+        if self._captured() or self._real is None:
+            raise io.UnsupportedOperation("fileno")
+        return self._real.fileno()
 
     def close(self):
         pass
@@ -119,7 +130,7 @@ class _Input(io.TextIOBase):
         return getattr(self.__dict__["_real"], name)
 
 
-def install_streams(write_out, flush_out, write_err, flush_err, captured):
+def install_streams(write_out, flush_out, write_err, flush_err, read_line, captured):
     sys.stdout = _Output(sys.stdout, write_out, flush_out, captured)
     sys.stderr = _Output(sys.stderr, write_err, flush_err, captured)
-    sys.stdin = _Input(sys.stdin, captured)
+    sys.stdin = _Input(sys.stdin, read_line, captured)

@@ -1,0 +1,511 @@
+#include "connector/interpreter/AsyncEvalService.h"
+
+#include <algorithm>
+#include <map>
+
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Object.h>
+
+#include "connector/common/Secret.h"
+#include "connector/container/ContainerMessages.h"
+#include "connector/interpreter/EngineTask.h"
+#include "connector/interpreter/Evaluation.h"
+#include "connector/interpreter/InterpreterJson.h"
+#include "connector/json/JsonFields.h"
+#include "connector/json/JsonText.h"
+
+namespace connector::interpreter::v1 {
+namespace {
+
+using json::Object;
+using Clock = Evaluation::Clock;
+using EvaluationPtr = std::shared_ptr<Evaluation>;
+
+constexpr std::size_t kIdBytes = 8;
+constexpr std::size_t kTitleBytes = 200;
+
+/// A message on one of the channels, and the way to answer it.
+struct Request
+{
+    const bayeux::BayeuxMessage& message;
+    const Object& data;
+    Poco::Dynamic::Var tag; ///< of the client's, goes into the answer
+
+    const bayeux::SessionPtr& sender() const noexcept { return message.sender; }
+};
+
+void reply(const bayeux::SessionPtr& session, const std::string& channel, const Poco::Dynamic::Var& tag,
+           Object::Ptr members)
+{
+    if (!tag.isEmpty())
+        members->set("tag", tag);
+    session->deliver(std::make_shared<const bayeux::BayeuxEvent>(channel, members));
+}
+
+Object::Ptr membersOf(const container::v1::Fault& fault)
+{
+    auto object = json::makeObject();
+    object->set("code", fault.code);
+    object->set("message", fault.message);
+    for (const auto& [name, text] : fault.details)
+        object->set(name, text);
+    return object;
+}
+
+void replyFault(const bayeux::SessionPtr& session, const std::string& channel, const Poco::Dynamic::Var& tag,
+                const std::exception_ptr& failure)
+{
+    auto members = json::makeObject();
+    members->set("fault", membersOf(container::v1::Fault(failure)));
+    reply(session, channel, tag, members);
+}
+
+const char* nameOf(Evaluation::State state)
+{
+    switch (state) {
+    case Evaluation::State::queued:
+        return "queued";
+    case Evaluation::State::running:
+        return "running";
+    case Evaluation::State::ended:
+        break;
+    }
+    return "ended";
+}
+
+/// The last thing that an evaluation tells, as JSON.
+std::string outcomeOf(const EvalResponse& response)
+{
+    auto object = json::makeObject();
+    object->set("kind", "result");
+    const auto answer = encodeEvalResponse(response);
+    for (const auto* member : json::membersInOrder(*answer))
+        if (member->first != "output")
+            object->set(member->first, member->second);
+    auto text = json::write(object);
+    if (text.size() <= AsyncEvalService::kMaxAnswerBytes)
+        return text;
+    object->set("value", Poco::Dynamic::Var());
+    object->set("conversionError", "The value takes " + std::to_string(text.size()) + " bytes, at most " +
+                                       std::to_string(AsyncEvalService::kMaxAnswerBytes) + " are sent.");
+    return json::write(object);
+}
+
+std::string outcomeOf(const std::exception_ptr& failure)
+{
+    container::v1::Fault fault(failure);
+    fault.details.erase("output"); // has been told
+    auto object = json::makeObject();
+    object->set("kind", "error");
+    const auto members = membersOf(fault);
+    for (const auto* member : json::membersInOrder(*members))
+        object->set(member->first, member->second);
+    return json::write(object);
+}
+
+} // namespace
+
+/// What the service keeps of an evaluation. Its task may outlive it.
+struct Kept
+{
+    EvaluationPtr evaluation;
+    std::string title; ///< the code's beginning
+    std::string httpSession;
+    std::atomic<rqe::TaskId> task{0};
+};
+
+/// Runs the code of an evaluation and tells it how that ended.
+class AsyncTask final : public rqe::Task
+{
+public:
+    AsyncTask(std::shared_ptr<Kept> kept, std::unique_ptr<Eval> request, boost::shared_ptr<rqe::RQE> engine,
+              std::shared_ptr<void> keep)
+        : kept_(std::move(kept)), request_(std::move(request)), engine_(std::move(engine)), keep_(std::move(keep))
+    {}
+
+    void run(rqe::Interpreter& interpreter) override
+    {
+        kept_->evaluation->begin();
+        const Deadline deadline(request_->deadline, engine_, Deadline::TaskNumber(kept_, &kept_->task));
+        try {
+            rqe::EvalOptions options;
+            options.wantValue = request_->wantValue;
+            options.echo = request_->echo;
+            auto result = interpreter.evaluate(request_->code, options, *kept_->evaluation);
+            response_.hasValue = result.hasValue;
+            response_.value = std::move(result.value);
+            response_.valueText = std::move(result.valueText);
+            response_.conversionError = std::move(result.conversionError);
+        } catch (const rqe::ScriptError& error) {
+            const auto fault = faultOf(error, {});
+            const bool late = deadline.isOver() && fault.code() == "interrupted";
+            failure_ = std::make_exception_ptr(late ? deadline.fault(fault) : fault);
+        }
+    }
+
+    void finish() noexcept override { end(failure_); }
+
+    void abandon(std::exception_ptr reason) noexcept override
+    {
+        try {
+            std::rethrow_exception(reason);
+        } catch (const rqe::EngineError& error) {
+            end(std::make_exception_ptr(faultOf(error)));
+        } catch (...) {
+            end(reason);
+        }
+    }
+
+private:
+    void end(const std::exception_ptr& failure) noexcept
+    {
+        keep_.reset();
+        std::string outcome;
+        try {
+            outcome = failure ? outcomeOf(failure) : outcomeOf(response_);
+        } catch (...) {
+            outcome = outcomeOf(std::current_exception());
+        }
+        kept_->evaluation->end(outcome);
+    }
+
+    const std::shared_ptr<Kept> kept_;
+    const std::unique_ptr<Eval> request_;
+    const boost::shared_ptr<rqe::RQE> engine_;
+    std::shared_ptr<void> keep_;
+    EvalResponse response_;
+    std::exception_ptr failure_;
+};
+
+/// The service's work. Threads: any.
+class AsyncEvalService::Impl final : public http::HttpSessionListener, public std::enable_shared_from_this<Impl>
+{
+public:
+    Impl(std::shared_ptr<shadow_files::v1::ShadowService> shadows, boost::shared_ptr<rqe::RQE> engine)
+        : shadows_(std::move(shadows)), engine_(std::move(engine))
+    {}
+
+    void handle(const bayeux::BayeuxMessage& message);
+    void stop();
+    void sessionEnded(const std::shared_ptr<http::HttpSession>& session) override;
+
+private:
+    using Handler = Object::Ptr (Impl::*)(const Request&);
+    using KeptPtr = std::shared_ptr<Kept>;
+
+    static const std::map<std::string, Handler, std::less<>> kHandlers;
+
+    /// These answer at once, or, with null, later by themselves.
+    Object::Ptr eval(const Request& request);
+    Object::Ptr feval(const Request& request);
+    Object::Ptr start(const Request& request);
+    Object::Ptr attach(const Request& request);
+    Object::Ptr detach(const Request& request);
+    Object::Ptr list(const Request& request);
+    Object::Ptr cancel(const Request& request);
+    Object::Ptr input(const Request& request);
+    Object::Ptr forget(const Request& request);
+    Object::Ptr interrupt(const Request& request);
+
+    void requireEngine() const;
+    template <class Call, class Response>
+    Object::Ptr call(const Request& request, std::unique_ptr<Call> message,
+                     Object::Ptr (*encode)(const Response& response));
+    std::shared_ptr<void> pathFor(const Object& data) const;
+    KeptPtr find(const Request& request) const;
+    void add(const KeptPtr& kept);
+    void removeOld();
+
+    const std::shared_ptr<shadow_files::v1::ShadowService> shadows_;
+    const boost::shared_ptr<rqe::RQE> engine_;
+    const std::shared_ptr<Pump> pump_ = std::make_shared<Pump>();
+    const std::shared_ptr<CancellationToken> uncancelled_ = std::make_shared<CancellationToken>();
+    mutable std::mutex mutex_;
+    std::vector<KeptPtr> kept_; ///< the oldest first
+};
+
+const std::map<std::string, AsyncEvalService::Impl::Handler, std::less<>> AsyncEvalService::Impl::kHandlers{
+    {"eval", &Impl::eval},     {"feval", &Impl::feval},        {"start", &Impl::start},   {"attach", &Impl::attach},
+    {"detach", &Impl::detach}, {"list", &Impl::list},          {"cancel", &Impl::cancel}, {"input", &Impl::input},
+    {"forget", &Impl::forget}, {"interrupt", &Impl::interrupt}};
+
+void AsyncEvalService::Impl::handle(const bayeux::BayeuxMessage& message)
+{
+    if (!message.sender)
+        return; // nobody to answer
+    Poco::Dynamic::Var tag;
+    try {
+        static const Object::Ptr none = json::makeObject();
+        const auto data = message.data.isEmpty()
+                              ? none
+                              : json::within(std::string("data"), [&] { return json::asObject(message.data); });
+        tag = data->get("tag");
+        const auto name = std::string_view(message.channel).substr(message.channel.rfind('/') + 1);
+        const auto handler = kHandlers.find(name);
+        if (handler == kHandlers.end())
+            throw ServiceFault("unknownType", "There is no \"" + std::string(name) + "\" here.");
+        if (const auto members = (this->*handler->second)({message, *data, tag}))
+            reply(message.sender, message.channel, tag, members);
+    } catch (...) {
+        replyFault(message.sender, message.channel, tag, std::current_exception());
+    }
+}
+
+void AsyncEvalService::Impl::stop()
+{
+    std::vector<KeptPtr> kept;
+    {
+        std::lock_guard lock(mutex_);
+        kept.swap(kept_);
+    }
+    for (const auto& one : kept) {
+        if (engine_)
+            engine_->cancel(one->task);
+        one->evaluation->close();
+    }
+    pump_->stop();
+}
+
+/// Nobody comes back for what has ended.
+void AsyncEvalService::Impl::sessionEnded(const std::shared_ptr<http::HttpSession>& session)
+{
+    std::lock_guard lock(mutex_);
+    std::erase_if(kept_, [&](const KeptPtr& kept) {
+        return kept->httpSession == session->id() && kept->evaluation->summary().state == Evaluation::State::ended;
+    });
+}
+
+void AsyncEvalService::Impl::requireEngine() const
+{
+    if (!engine_)
+        throw ServiceFault("unavailable", "There is no interpreter in this process.");
+}
+
+/// The folders of a client type, on the search path until the result dies.
+std::shared_ptr<void> AsyncEvalService::Impl::pathFor(const Object& data) const
+{
+    const auto clientType = json::optionalString(data, "clientType");
+    if (clientType.empty() || !shadows_)
+        return nullptr;
+    try {
+        return {nullptr, [shadows = shadows_, folders = shadows_->addToPath(clientType)](std::nullptr_t) {
+                    shadows->removeFromPath(folders);
+                }};
+    } catch (const rqe::EngineError& error) {
+        throw faultOf(error);
+    } catch (const std::length_error& error) {
+        throw ServiceFault("busy", error.what());
+    }
+}
+
+template <class Call, class Response>
+Object::Ptr AsyncEvalService::Impl::call(const Request& request, std::unique_ptr<Call> message,
+                                         Object::Ptr (*encode)(const Response& response))
+{
+    requireEngine();
+    EngineTask::Terms terms;
+    terms.maxOutputBytes = kMaxAnswerBytes;
+    if (!message->outputChannel.empty())
+        terms.streamed = std::make_shared<StreamedOutput>(message->outputChannel, pump_);
+    terms.isWanted = [sender = request.sender()] { return !sender->isOver(); };
+    terms.keep = pathFor(request.data);
+    EngineTask::post(makeTask(engine_, std::move(message), std::move(terms)), *uncancelled_)
+        .then([sender = request.sender(), channel = request.message.channel, tag = request.tag,
+               encode](MessageFuture settled) {
+            try {
+                const auto answer = settled.get();
+                const auto members = encode(static_cast<const Response&>(*answer));
+                const auto bytes = json::write(members).size();
+                if (bytes > 2 * kMaxAnswerBytes)
+                    throw ServiceFault("tooLarge", "The answer takes " + std::to_string(bytes) + " bytes.");
+                reply(sender, channel, tag, members);
+            } catch (...) {
+                replyFault(sender, channel, tag, std::current_exception());
+            }
+            return true;
+        });
+    return nullptr;
+}
+
+Object::Ptr AsyncEvalService::Impl::eval(const Request& request)
+{
+    return call(request, decodeEval(request.data), &encodeEvalResponse);
+}
+
+Object::Ptr AsyncEvalService::Impl::feval(const Request& request)
+{
+    return call(request, decodeFEval(request.data), &encodeFEvalResponse);
+}
+
+Object::Ptr AsyncEvalService::Impl::start(const Request& request)
+{
+    auto message = decodeEval(request.data);
+    requireEngine();
+    auto kept = std::make_shared<Kept>();
+    kept->evaluation = std::make_shared<Evaluation>(common::randomHex(kIdBytes), pump_);
+    kept->title = message->code.substr(0, kTitleBytes);
+    kept->httpSession = request.sender()->httpSessionId();
+    add(kept);
+    auto task = std::make_unique<AsyncTask>(kept, std::move(message), engine_, pathFor(request.data));
+
+    // The id has to be there before the first event.
+    auto members = json::makeObject();
+    members->set("id", kept->evaluation->id());
+    members->set("channel", kept->evaluation->channel());
+    reply(request.sender(), request.message.channel, request.tag, members);
+    kept->evaluation->attach(request.sender(), 0);
+    try {
+        kept->task = engine_->post(std::move(task));
+    } catch (const rqe::EngineError& error) {
+        kept->evaluation->end(outcomeOf(std::make_exception_ptr(faultOf(error))));
+    }
+    return nullptr;
+}
+
+Object::Ptr AsyncEvalService::Impl::attach(const Request& request)
+{
+    const auto evaluation = find(request)->evaluation;
+    const auto after = json::optionalInteger(request.data, "after", 0, 0);
+    const auto summary = evaluation->summary();
+    if (!evaluation->attach(request.sender(), static_cast<std::uint64_t>(after)))
+        throw ServiceFault("busy", "The evaluation has " + std::to_string(Evaluation::kMaxReaders) + " readers.");
+    auto members = json::makeObject();
+    members->set("id", evaluation->id());
+    members->set("channel", evaluation->channel());
+    members->set("state", nameOf(summary.state));
+    members->set("last", static_cast<std::int64_t>(summary.last));
+    return members;
+}
+
+Object::Ptr AsyncEvalService::Impl::detach(const Request& request)
+{
+    auto members = json::makeObject();
+    members->set("detached", find(request)->evaluation->detach(*request.sender()));
+    return members;
+}
+
+Object::Ptr AsyncEvalService::Impl::list(const Request&)
+{
+    std::vector<KeptPtr> kept;
+    {
+        std::lock_guard lock(mutex_);
+        removeOld();
+        kept = kept_;
+    }
+    json::Array::Ptr evaluations = new json::Array;
+    for (const auto& one : kept) {
+        const auto summary = one->evaluation->summary();
+        auto object = json::makeObject();
+        object->set("id", one->evaluation->id());
+        object->set("channel", one->evaluation->channel());
+        object->set("code", one->title);
+        object->set("state", nameOf(summary.state));
+        object->set("wantsInput", summary.wantsInput);
+        object->set("first", static_cast<std::int64_t>(summary.first));
+        object->set("last", static_cast<std::int64_t>(summary.last));
+        evaluations->add(object);
+    }
+    auto members = json::makeObject();
+    members->set("evaluations", evaluations);
+    return members;
+}
+
+Object::Ptr AsyncEvalService::Impl::cancel(const Request& request)
+{
+    const auto kept = find(request);
+    requireEngine();
+    auto members = json::makeObject();
+    members->set("cancelled", engine_->cancel(kept->task) || engine_->interrupt(kept->task));
+    return members;
+}
+
+Object::Ptr AsyncEvalService::Impl::input(const Request& request)
+{
+    const bool end = json::optionalBool(request.data, "end", false);
+    std::string line = end ? std::string() : json::requireString(request.data, "text");
+    if (!end && !line.ends_with('\n'))
+        line += '\n';
+    if (!find(request)->evaluation->answer(std::move(line)))
+        throw ServiceFault("notAsked", "The evaluation does not wait for input.");
+    return json::makeObject();
+}
+
+Object::Ptr AsyncEvalService::Impl::forget(const Request& request)
+{
+    const auto kept = find(request);
+    if (kept->evaluation->summary().state != Evaluation::State::ended)
+        throw ServiceFault("busy", "The evaluation has not ended.");
+    std::lock_guard lock(mutex_);
+    std::erase(kept_, kept);
+    return json::makeObject();
+}
+
+Object::Ptr AsyncEvalService::Impl::interrupt(const Request&)
+{
+    auto members = json::makeObject();
+    members->set("interrupted", engine_ && engine_->interrupt());
+    return members;
+}
+
+AsyncEvalService::Impl::KeptPtr AsyncEvalService::Impl::find(const Request& request) const
+{
+    const auto id = json::requireString(request.data, "id");
+    std::lock_guard lock(mutex_);
+    const auto found =
+        std::find_if(kept_.begin(), kept_.end(), [&](const KeptPtr& kept) { return kept->evaluation->id() == id; });
+    if (found == kept_.end())
+        throw ServiceFault("notFound", "There is no evaluation \"" + id + "\", or none any more.");
+    return *found;
+}
+
+void AsyncEvalService::Impl::add(const KeptPtr& kept)
+{
+    std::lock_guard lock(mutex_);
+    removeOld();
+    if (kept_.size() >= kMaxEvaluations)
+        throw ServiceFault("busy", std::to_string(kMaxEvaluations) + " evaluations have not ended.");
+    kept_.push_back(kept);
+}
+
+/// With the lock held.
+void AsyncEvalService::Impl::removeOld()
+{
+    const auto now = Clock::now();
+    std::size_t count = kept_.size();
+    std::uint64_t bytes = 0;
+    for (const auto& kept : kept_)
+        bytes += kept->evaluation->summary().bytes;
+    std::erase_if(kept_, [&](const KeptPtr& kept) {
+        const auto summary = kept->evaluation->summary();
+        const bool tooMuch = count >= kMaxEvaluations || bytes > kMaxKeptBytes;
+        if (summary.state != Evaluation::State::ended || (!tooMuch && now - summary.endedAt < kKeepTime))
+            return false;
+        --count;
+        bytes -= summary.bytes;
+        return true;
+    });
+}
+
+AsyncEvalService::AsyncEvalService(std::shared_ptr<bayeux::BayeuxServer> server,
+                                   std::shared_ptr<http::HttpSessionManager> httpSessions,
+                                   std::shared_ptr<shadow_files::v1::ShadowService> shadows,
+                                   boost::shared_ptr<rqe::RQE> engine)
+    : impl_(std::make_shared<Impl>(std::move(shadows), std::move(engine)))
+{
+    if (httpSessions)
+        httpSessions->addListener(impl_);
+    if (server)
+        registration_ = server->handleService(kChannels, [weak = std::weak_ptr(impl_)](const auto& message) {
+            if (const auto impl = weak.lock())
+                impl->handle(message);
+            return Poco::Dynamic::Var();
+        });
+}
+
+AsyncEvalService::~AsyncEvalService()
+{
+    registration_.reset();
+    impl_->stop();
+}
+
+} // namespace connector::interpreter::v1

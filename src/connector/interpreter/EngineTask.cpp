@@ -1,0 +1,207 @@
+#include "connector/interpreter/EngineTask.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <boost/smart_ptr/weak_ptr.hpp>
+
+#include "platform/fl/i18n.h"
+
+namespace connector::interpreter::v1 {
+
+using MessagePtr = std::unique_ptr<Message>;
+
+ServiceFault faultOf(const rqe::EngineError& error)
+{
+    switch (error.reason()) {
+    case rqe::EngineError::Reason::queueFull:
+        return {"busy", error.what()};
+    case rqe::EngineError::Reason::cancelled:
+        return {"cancelled", error.what()};
+    case rqe::EngineError::Reason::closed:
+        break;
+    }
+    return {"unavailable", error.what()};
+}
+
+ServiceFault faultOf(const rqe::ScriptError& error, const std::string& printed)
+{
+    const bool interrupted = error.type() == "KeyboardInterrupt";
+    return {interrupted ? "interrupted" : "scriptError",
+            error.what(),
+            {{"error", error.type()}, {"traceback", error.traceback()}, {"output", printed}}};
+}
+
+void OutputBuffer::write(rqe::Stream, std::string_view text)
+{
+    const auto kept = std::min(text.size(), limit_ - output_.text.size());
+    output_.text.append(text.substr(0, kept));
+    output_.omittedBytes += text.size() - kept;
+}
+
+Output OutputBuffer::take()
+{
+    // A cut in the middle of a character leaves half of it.
+    if (output_.omittedBytes > 0)
+        output_.text = fl::i18n::toValidUtf8(output_.text);
+    return std::exchange(output_, {});
+}
+
+Deadline::Deadline(std::chrono::milliseconds time, const boost::shared_ptr<rqe::RQE>& engine, TaskNumber task)
+    : time_(time)
+{
+    if (time_.count() == 0)
+        return;
+    ticks_ = common::TickManager::instance()->every(
+        time_, [over = over_, weak = boost::weak_ptr<rqe::RQE>(engine), task = std::move(task)] {
+            *over = true;
+            if (const auto known = weak.lock())
+                known->interrupt(*task);
+        });
+}
+
+ServiceFault Deadline::fault(const ServiceFault& interrupted) const
+{
+    return {"deadline", "It took longer than " + std::to_string(time_.count()) + " ms.", interrupted.details()};
+}
+
+EngineTask::EngineTask(boost::shared_ptr<rqe::RQE> engine, Terms terms)
+    : engine_(std::move(engine)), terms_(std::move(terms)), output_(terms_.maxOutputBytes)
+{}
+
+void EngineTask::run(rqe::Interpreter& interpreter)
+{
+    if (terms_.isWanted && !terms_.isWanted())
+        throw rqe::EngineError(rqe::EngineError::Reason::cancelled, "The client went away.");
+    const Deadline deadline(terms_.deadline, engine_, Deadline::TaskNumber(posted_, &posted_->number));
+    try {
+        answer_ = terms_.streamed ? work(interpreter, *terms_.streamed) : work(interpreter, output_);
+    } catch (const rqe::ScriptError& error) {
+        const auto fault = faultOf(error, output_.take().text);
+        failure_ =
+            std::make_exception_ptr(deadline.isOver() && fault.code() == "interrupted" ? deadline.fault(fault) : fault);
+    }
+}
+
+void EngineTask::finish() noexcept
+{
+    posted_.reset();
+    terms_.keep.reset();
+    try {
+        const auto messages = terms_.streamed ? terms_.streamed->finish() : 0;
+        if (auto* output = answer_ ? outputOf(*answer_) : nullptr) {
+            *output = output_.take();
+            output->messages = messages;
+        }
+    } catch (...) {
+        failure_ = failure_ ? failure_ : std::current_exception();
+    }
+    if (failure_)
+        promise_.setException(failure_);
+    else
+        promise_.setValue(std::move(answer_));
+}
+
+void EngineTask::abandon(std::exception_ptr reason) noexcept
+{
+    posted_.reset();
+    terms_.keep.reset();
+    try {
+        std::rethrow_exception(reason);
+    } catch (const rqe::EngineError& error) {
+        promise_.setException(faultOf(error));
+    } catch (...) {
+        promise_.setException(reason);
+    }
+}
+
+MessageFuture EngineTask::post(std::unique_ptr<EngineTask> task, CancellationToken& cancellation)
+{
+    auto future = task->future();
+    const auto posted = task->posted_;
+    const boost::weak_ptr<rqe::RQE> weak(task->engine_);
+    try {
+        posted->number = weak.lock()->post(std::move(task));
+    } catch (const rqe::EngineError& error) {
+        throw faultOf(error);
+    }
+    // A task that has begun is not cancelled: others may wait for its effects.
+    posted->registration = cancellation.onCancel([weak, number = posted->number.load()] {
+        if (const auto engine = weak.lock())
+            engine->cancel(number);
+    });
+    return future;
+}
+
+namespace {
+
+class EvalTask final : public EngineTask
+{
+public:
+    EvalTask(boost::shared_ptr<rqe::RQE> engine, std::unique_ptr<Eval> request, Terms terms)
+        : EngineTask(std::move(engine), std::move(terms)), request_(std::move(request))
+    {}
+
+private:
+    MessagePtr work(rqe::Interpreter& interpreter, rqe::OutputSink& output) override
+    {
+        rqe::EvalOptions options;
+        options.wantValue = request_->wantValue;
+        options.echo = request_->echo;
+        auto result = interpreter.evaluate(request_->code, options, output);
+
+        auto answer = std::make_unique<EvalResponse>();
+        answer->hasValue = result.hasValue;
+        answer->value = std::move(result.value);
+        answer->valueText = std::move(result.valueText);
+        answer->conversionError = std::move(result.conversionError);
+        return answer;
+    }
+    Output* outputOf(Message& answer) override { return &static_cast<EvalResponse&>(answer).output; }
+
+    const std::unique_ptr<Eval> request_;
+};
+
+class FEvalTask final : public EngineTask
+{
+public:
+    FEvalTask(boost::shared_ptr<rqe::RQE> engine, std::unique_ptr<FEval> request, Terms terms)
+        : EngineTask(std::move(engine), std::move(terms)), request_(std::move(request))
+    {}
+
+private:
+    MessagePtr work(rqe::Interpreter& interpreter, rqe::OutputSink& output) override
+    {
+        auto answer = std::make_unique<FEvalResponse>();
+        answer->results =
+            interpreter.call(request_->function, std::move(request_->arguments), request_->results, output);
+        return answer;
+    }
+    Output* outputOf(Message& answer) override { return &static_cast<FEvalResponse&>(answer).output; }
+
+    const std::unique_ptr<FEval> request_;
+};
+
+template <class TaskType, class Request>
+std::unique_ptr<EngineTask> make(boost::shared_ptr<rqe::RQE> engine, std::unique_ptr<Request> request,
+                                 EngineTask::Terms terms)
+{
+    terms.deadline = request->deadline;
+    return std::make_unique<TaskType>(std::move(engine), std::move(request), std::move(terms));
+}
+
+} // namespace
+
+std::unique_ptr<EngineTask> makeTask(boost::shared_ptr<rqe::RQE> engine, std::unique_ptr<Eval> request,
+                                     EngineTask::Terms terms)
+{
+    return make<EvalTask>(std::move(engine), std::move(request), std::move(terms));
+}
+
+std::unique_ptr<EngineTask> makeTask(boost::shared_ptr<rqe::RQE> engine, std::unique_ptr<FEval> request,
+                                     EngineTask::Terms terms)
+{
+    return make<FEvalTask>(std::move(engine), std::move(request), std::move(terms));
+}
+
+} // namespace connector::interpreter::v1

@@ -1,0 +1,241 @@
+#include "connector/interpreter/Evaluation.h"
+
+#include <algorithm>
+
+namespace connector::interpreter::v1 {
+namespace {
+
+using std::chrono::milliseconds;
+
+/// Output of so much time goes out together.
+constexpr milliseconds kBatchTime{5};
+/// How soon a reader that had no room is looked at again.
+constexpr milliseconds kRetryTime{5};
+constexpr milliseconds kRoomLook{100};
+/// Read from the log and handed to a reader at a time.
+constexpr std::size_t kBatchBytes = 256u << 10;
+
+std::string numbered(std::uint64_t number, const std::string& members)
+{
+    return "{\"seq\":" + std::to_string(number) + "," + members + "}";
+}
+
+std::string stateMembers(const char* state) { return std::string(R"("kind":"state","state":")") + state + '"'; }
+
+} // namespace
+
+Evaluation::Evaluation(std::string id, std::weak_ptr<Pump> pump)
+    : id_(std::move(id)), channel_("/interpreter/eval/" + id_), pump_(std::move(pump))
+{}
+
+Evaluation::Summary Evaluation::summary() const
+{
+    std::lock_guard lock(mutex_);
+    return {state_, asking_, log_.first(), log_.next() - 1, log_.bytes(), endedAt_};
+}
+
+bool Evaluation::attach(const bayeux::SessionPtr& session, std::uint64_t after)
+{
+    std::lock_guard lock(mutex_);
+    const auto known = std::find_if(readers_.begin(), readers_.end(),
+                                    [&](const ReaderPtr& reader) { return reader->session == session; });
+    if (known == readers_.end() && readers_.size() >= kMaxReaders)
+        return false;
+    if (known != readers_.end())
+        readers_.erase(known); // what is on its way to it comes first, and has numbers
+    // A number that is not there yet is none: the client has it from another life of this process.
+    readers_.push_back(std::make_shared<Reader>(Reader{session, std::min(after + 1, log_.next()), Clock::now()}));
+    wakePump();
+    return true;
+}
+
+bool Evaluation::detach(const bayeux::BayeuxSession& session)
+{
+    std::lock_guard lock(mutex_);
+    const auto gone =
+        std::erase_if(readers_, [&](const ReaderPtr& reader) { return reader->session.get() == &session; });
+    readAt_ = Clock::now();
+    changed_.notify_all();
+    return gone > 0;
+}
+
+bool Evaluation::answer(std::string line)
+{
+    std::lock_guard lock(mutex_);
+    if (!asking_ || line_)
+        return false;
+    line_ = std::move(line);
+    changed_.notify_all();
+    return true;
+}
+
+void Evaluation::close()
+{
+    std::vector<ReaderPtr> dropped;
+    std::lock_guard lock(mutex_);
+    closed_ = true;
+    dropped.swap(readers_);
+    changed_.notify_all();
+}
+
+void Evaluation::begin()
+{
+    Lock lock(mutex_);
+    state_ = State::running;
+    readAt_ = Clock::now();
+    append(lock, stateMembers("running"));
+}
+
+void Evaluation::end(const std::string& outcome)
+{
+    Lock lock(mutex_);
+    asking_ = false;
+    flush(lock, true);
+    append(lock, outcome.substr(1, outcome.size() - 2));
+    append(lock, stateMembers("ended"));
+    state_ = State::ended;
+    endedAt_ = Clock::now();
+}
+
+void Evaluation::write(rqe::Stream stream, std::string_view text)
+{
+    Lock lock(mutex_);
+    if (closed_)
+        return;
+    asking_ = false; // code that was interrupted while it waited for input goes on otherwise
+    pieces_.add(stream, text);
+    if (pieces_.bytes() >= Pieces::kBytes)
+        flush(lock, true);
+    if (!pumpKnows_)
+        wakePump();
+}
+
+std::optional<std::string> Evaluation::readLine(milliseconds patience)
+{
+    Lock lock(mutex_);
+    if (!asking_) {
+        line_.reset();
+        flush(lock, true);
+        append(lock, R"("kind":"input")");
+        asking_ = true;
+    }
+    changed_.wait_for(lock, patience, [this] { return line_ || closed_; });
+    std::erase_if(readers_, [](const ReaderPtr& reader) { return reader->session->isOver(); });
+    if (!readers_.empty())
+        readAt_ = Clock::now();
+    if (!line_ && !closed_ && Clock::now() - readAt_ < kInputPatience)
+        return std::nullopt;
+    asking_ = false;
+    return std::exchange(line_, std::nullopt).value_or("");
+}
+
+Evaluation::Clock::time_point Evaluation::pump()
+{
+    Lock lock(mutex_);
+    auto next = Clock::time_point::max();
+    pumpKnows_ = false;
+    if (!pieces_.empty() && (Clock::now() < flushedAt_ + kBatchTime || !flush(lock, false)))
+        next = std::max(flushedAt_ + kBatchTime, Clock::now() + milliseconds(1));
+    for (const auto& reader : std::vector<ReaderPtr>(readers_))
+        if (!serve(lock, reader))
+            next = std::min(next, Clock::now() + kRetryTime);
+    pumpKnows_ = next != Clock::time_point::max();
+    return next;
+}
+
+/// False when the reader is to get more, and has no room for it now.
+bool Evaluation::serve(Lock& lock, const ReaderPtr& reader)
+{
+    while (reader->next < log_.next()) {
+        if (!reader->session->hasRoom())
+            return false;
+        reader->hadRoomAt = readAt_ = Clock::now();
+        const auto events = batchFor(*reader);
+        lock.unlock();
+        const bool taken = std::all_of(events.begin(), events.end(),
+                                       [&](const auto& event) { return reader->session->deliver(event); });
+        lock.lock();
+        changed_.notify_all();
+        if (!taken) {
+            std::erase(readers_, reader);
+            return true;
+        }
+    }
+    return true;
+}
+
+std::vector<bayeux::EventPtr> Evaluation::batchFor(Reader& reader)
+{
+    std::vector<bayeux::EventPtr> events;
+    if (reader.next < log_.first()) {
+        const auto missing = log_.first() - reader.next;
+        events.push_back(bayeux::BayeuxEvent::ofText(
+            channel_, numbered(log_.first() - 1, R"("kind":"gap","missing":)" + std::to_string(missing))));
+        reader.next = log_.first();
+    }
+    for (std::size_t bytes = 0; bytes < kBatchBytes && reader.next < log_.next(); ++reader.next) {
+        const auto text = log_.read(reader.next);
+        bytes += text.size();
+        events.push_back(bayeux::BayeuxEvent::ofText(channel_, text));
+    }
+    return events;
+}
+
+/// Puts what was printed into the log. Without `wait`, and when closed, false if there is no room.
+bool Evaluation::flush(Lock& lock, bool wait)
+{
+    while (!pieces_.empty() && !makeRoom(2 * pieces_.bytes())) {
+        if (!wait)
+            return false;
+        if (!pumpKnows_)
+            wakePump();
+        changed_.wait_for(lock, kRoomLook);
+    }
+    for (const auto& piece : pieces_.take())
+        if (!closed_)
+            log_.append(numbered(log_.next(), R"("kind":"output",)" + membersOf(piece)));
+    flushedAt_ = Clock::now();
+    return true;
+}
+
+void Evaluation::append(Lock& lock, const std::string& members)
+{
+    while (!closed_ && !makeRoom(members.size()))
+        changed_.wait_for(lock, kRoomLook);
+    if (closed_)
+        return;
+    log_.append(numbered(log_.next(), members));
+    wakePump();
+}
+
+bool Evaluation::makeRoom(std::size_t bytes)
+{
+    while (!closed_ && !log_.empty() && log_.bytes() + bytes > kMaxBytes) {
+        if (isAwaited(log_.first()))
+            return false;
+        log_.dropFirst();
+    }
+    return true;
+}
+
+/// Whether a reader that moves has not had the event yet; one that stands still has to come back.
+bool Evaluation::isAwaited(std::uint64_t number)
+{
+    const auto now = Clock::now();
+    std::erase_if(readers_, [&](const ReaderPtr& reader) {
+        return reader->next <= number && (now - reader->hadRoomAt > kPatience || reader->session->isOver());
+    });
+    return std::any_of(readers_.begin(), readers_.end(),
+                       [&](const ReaderPtr& reader) { return reader->next <= number; });
+}
+
+void Evaluation::wakePump()
+{
+    const auto pump = pump_.lock();
+    if (!pump)
+        return;
+    pumpKnows_ = true;
+    pump->wake(shared_from_this());
+}
+
+} // namespace connector::interpreter::v1

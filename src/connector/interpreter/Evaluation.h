@@ -1,0 +1,111 @@
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "connector/bayeux/BayeuxServer.h"
+#include "connector/interpreter/EventLog.h"
+#include "connector/interpreter/Pieces.h"
+#include "connector/interpreter/Pump.h"
+
+namespace connector::interpreter::v1 {
+
+/// What an evaluation that outlives its request has to tell: numbered events, kept for readers that come, go and come
+/// back (docs/interpreter.md). Each reader gets them in order on `channel()`, as fast as it takes them. Code that
+/// prints faster than readers read waits once kMaxBytes are kept, for each reader until it stands still for kPatience;
+/// what no reader waits for makes room. Threads: any, unless said otherwise.
+class CONNECTOR_API Evaluation final : public rqe::OutputSink,
+                                       public Pump::Job,
+                                       public std::enable_shared_from_this<Evaluation>
+{
+public:
+    using Clock = Pump::Clock;
+
+    static constexpr std::uint64_t kMaxBytes = 64u << 20;
+    static constexpr std::chrono::seconds kPatience{10};
+    static constexpr std::chrono::seconds kInputPatience{60}; ///< of code that asks for input while nobody reads
+    static constexpr std::size_t kMaxReaders = 100;
+
+    enum class State
+    {
+        queued,
+        running,
+        ended
+    };
+
+    struct Summary
+    {
+        State state;
+        bool wantsInput;
+        std::uint64_t first; ///< number of the oldest event kept
+        std::uint64_t last;  ///< of the newest; 0 for none
+        std::uint64_t bytes; ///< kept
+        Clock::time_point endedAt;
+    };
+
+    Evaluation(std::string id, std::weak_ptr<Pump> pump);
+
+    const std::string& id() const noexcept { return id_; }
+    const std::string& channel() const noexcept { return channel_; }
+    Summary summary() const;
+
+    /// The session gets all events after this number, and those to come; a reader begins anew. False when there are too
+    /// many readers.
+    bool attach(const bayeux::SessionPtr& session, std::uint64_t after);
+    bool detach(const bayeux::BayeuxSession& session);
+    /// The line that was asked for, with its end; "" for the end of input. False when none was.
+    bool answer(std::string line);
+    /// From now on nothing is told to anybody, and nothing waits.
+    void close();
+
+    /// Interpreter thread, as are the operations of OutputSink.
+    void begin();
+    /// `outcome`: the members of the last event but one, as a JSON object. May wait for readers. Once.
+    void end(const std::string& outcome);
+
+    void write(rqe::Stream stream, std::string_view text) override;
+    std::optional<std::string> readLine(std::chrono::milliseconds patience) override;
+    Clock::time_point pump() override;
+
+private:
+    using Lock = std::unique_lock<std::mutex>;
+
+    struct Reader
+    {
+        bayeux::SessionPtr session;
+        std::uint64_t next;
+        Clock::time_point hadRoomAt;
+    };
+    using ReaderPtr = std::shared_ptr<Reader>;
+
+    void append(Lock& lock, const std::string& members);
+    bool flush(Lock& lock, bool wait);
+    bool makeRoom(std::size_t bytes);
+    bool isAwaited(std::uint64_t number);
+    std::vector<bayeux::EventPtr> batchFor(Reader& reader);
+    bool serve(Lock& lock, const ReaderPtr& reader);
+    void wakePump();
+
+    const std::string id_;
+    const std::string channel_;
+    const std::weak_ptr<Pump> pump_;
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_; ///< room in the log, or a line of input
+    EventLog log_;
+    Pieces pieces_; ///< printed, not in the log yet
+    Clock::time_point flushedAt_{};
+    std::vector<ReaderPtr> readers_;
+    Clock::time_point readAt_{}; ///< when there was a reader the last time
+    State state_ = State::queued;
+    Clock::time_point endedAt_{};
+    bool pumpKnows_ = false; ///< it will come by without being woken
+    bool asking_ = false;
+    std::optional<std::string> line_;
+    bool closed_ = false;
+};
+
+} // namespace connector::interpreter::v1

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <mutex>
+#include <string>
+
+#include "connector/interpreter/Pieces.h"
+#include "connector/interpreter/Pump.h"
+
+namespace connector::interpreter::v1 {
+
+/// Publishes what a request prints on a channel of the bus: {"seq":1,"stream":"output","text":…}, numbered from 1. Code
+/// that prints faster than subscribers read waits for them, a second for each that stands still.
+class StreamedOutput final : public rqe::OutputSink,
+                             public Pump::Job,
+                             public std::enable_shared_from_this<StreamedOutput>
+{
+public:
+    using Clock = Pump::Clock;
+
+    /// Throws std::invalid_argument for what is no channel that can be published to.
+    StreamedOutput(std::string channel, std::weak_ptr<Pump> pump);
+
+    void write(rqe::Stream stream, std::string_view text) override;
+    Clock::time_point pump() override;
+    /// Publishes what is left; how many messages there were.
+    std::size_t finish();
+
+private:
+    void publish();
+
+    const std::string channel_;
+    const std::weak_ptr<Pump> pump_;
+    std::mutex publishing_; ///< held while pieces are on their way, so that they stay in order; before mutex_
+    std::size_t messages_ = 0;
+    std::mutex mutex_;
+    Pieces pieces_;
+    Clock::time_point publishedAt_{};
+    bool pumpKnows_ = false;
+};
+
+} // namespace connector::interpreter::v1
