@@ -342,7 +342,7 @@ Object::Ptr AsyncEvalService::Impl::start(const Request& request)
     auto message = decodeEval(request.data);
     requireEngine();
     auto kept = std::make_shared<Kept>();
-    kept->evaluation = std::make_shared<Evaluation>(common::randomHex(kIdBytes), pump_);
+    kept->evaluation = std::make_shared<Evaluation>(common::randomHex(kIdBytes), pump_, Evaluation::Limits());
     kept->title = message->code.substr(0, kTitleBytes);
     kept->httpSession = request.sender()->httpSessionId();
     add(kept);

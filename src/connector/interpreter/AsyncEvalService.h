@@ -13,7 +13,7 @@
 namespace connector::interpreter::v1 {
 
 /// Evaluation over the bus: requests on "/service/interpreter/…", among them those that start an evaluation which
-/// outlives its request and its client (docs/interpreter.md). Serves while it lives; evaluations that run when it goes
+/// outlives its request and its client (docs/evaluation.md). Serves while it lives; evaluations that run when it goes
 /// run on, without anybody who hears of them.
 class CONNECTOR_API AsyncEvalService
 {

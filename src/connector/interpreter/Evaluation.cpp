@@ -24,8 +24,8 @@ std::string stateMembers(const char* state) { return std::string(R"("kind":"stat
 
 } // namespace
 
-Evaluation::Evaluation(std::string id, std::weak_ptr<Pump> pump)
-    : id_(std::move(id)), channel_("/interpreter/eval/" + id_), pump_(std::move(pump))
+Evaluation::Evaluation(std::string id, std::weak_ptr<Pump> pump, const Limits& limits)
+    : id_(std::move(id)), channel_("/interpreter/eval/" + id_), pump_(std::move(pump)), limits_(limits)
 {}
 
 Evaluation::Summary Evaluation::summary() const
@@ -123,7 +123,7 @@ std::optional<std::string> Evaluation::readLine(milliseconds patience)
     std::erase_if(readers_, [](const ReaderPtr& reader) { return reader->session->isOver(); });
     if (!readers_.empty())
         readAt_ = Clock::now();
-    if (!line_ && !closed_ && Clock::now() - readAt_ < kInputPatience)
+    if (!line_ && !closed_ && Clock::now() - readAt_ < limits_.inputPatience)
         return std::nullopt;
     asking_ = false;
     return std::exchange(line_, std::nullopt).value_or("");
@@ -210,7 +210,7 @@ void Evaluation::append(Lock& lock, const std::string& members)
 
 bool Evaluation::makeRoom(std::size_t bytes)
 {
-    while (!closed_ && !log_.empty() && log_.bytes() + bytes > kMaxBytes) {
+    while (!closed_ && !log_.empty() && log_.bytes() + bytes > limits_.logBytes) {
         if (isAwaited(log_.first()))
             return false;
         log_.dropFirst();
@@ -223,7 +223,8 @@ bool Evaluation::isAwaited(std::uint64_t number)
 {
     const auto now = Clock::now();
     std::erase_if(readers_, [&](const ReaderPtr& reader) {
-        return reader->next <= number && (now - reader->hadRoomAt > kPatience || reader->session->isOver());
+        return reader->next <= number &&
+               (now - reader->hadRoomAt > limits_.readerPatience || reader->session->isOver());
     });
     return std::any_of(readers_.begin(), readers_.end(),
                        [&](const ReaderPtr& reader) { return reader->next <= number; });

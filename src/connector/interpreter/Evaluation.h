@@ -14,9 +14,9 @@
 namespace connector::interpreter::v1 {
 
 /// What an evaluation that outlives its request has to tell: numbered events, kept for readers that come, go and come
-/// back (docs/interpreter.md). Each reader gets them in order on `channel()`, as fast as it takes them. Code that
-/// prints faster than readers read waits once kMaxBytes are kept, for each reader until it stands still for kPatience;
-/// what no reader waits for makes room. Threads: any, unless said otherwise.
+/// back (docs/evaluation.md). Each reader gets them in order on `channel()`, as fast as it takes them. Code that
+/// prints faster than readers read waits once the log is full, for each reader until it stands still for too long; what
+/// no reader waits for makes room. Threads: any, unless said otherwise.
 class CONNECTOR_API Evaluation final : public rqe::OutputSink,
                                        public Pump::Job,
                                        public std::enable_shared_from_this<Evaluation>
@@ -24,10 +24,14 @@ class CONNECTOR_API Evaluation final : public rqe::OutputSink,
 public:
     using Clock = Pump::Clock;
 
-    static constexpr std::uint64_t kMaxBytes = 64u << 20;
-    static constexpr std::chrono::seconds kPatience{10};
-    static constexpr std::chrono::seconds kInputPatience{60}; ///< of code that asks for input while nobody reads
     static constexpr std::size_t kMaxReaders = 100;
+
+    struct Limits
+    {
+        std::uint64_t logBytes = 64u << 20;
+        std::chrono::milliseconds readerPatience{10'000}; ///< with a reader that takes nothing
+        std::chrono::milliseconds inputPatience{60'000};  ///< of code that asks for input while nobody reads
+    };
 
     enum class State
     {
@@ -46,7 +50,7 @@ public:
         Clock::time_point endedAt;
     };
 
-    Evaluation(std::string id, std::weak_ptr<Pump> pump);
+    Evaluation(std::string id, std::weak_ptr<Pump> pump, const Limits& limits);
 
     const std::string& id() const noexcept { return id_; }
     const std::string& channel() const noexcept { return channel_; }
@@ -92,6 +96,7 @@ private:
     const std::string id_;
     const std::string channel_;
     const std::weak_ptr<Pump> pump_;
+    const Limits limits_;
 
     mutable std::mutex mutex_;
     std::condition_variable changed_; ///< room in the log, or a line of input

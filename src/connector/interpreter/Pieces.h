@@ -4,13 +4,14 @@
 #include <string_view>
 #include <vector>
 
+#include "connector/Export.h"
 #include "platform/rqe/Interpreter.h"
 
 namespace connector::interpreter::v1 {
 
 /// What was printed and has not been passed on: neighbours of one stream are joined, up to kBytes. One thread at a
 /// time.
-class Pieces
+class CONNECTOR_API Pieces
 {
 public:
     static constexpr std::size_t kBytes = 32u << 10; ///< of one piece

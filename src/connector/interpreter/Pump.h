@@ -7,10 +7,12 @@
 #include <mutex>
 #include <thread>
 
+#include "connector/Export.h"
+
 namespace connector::interpreter::v1 {
 
 /// One thread that passes on what was printed, so that the interpreter does not wait for clients. Threads: any.
-class Pump
+class CONNECTOR_API Pump
 {
 public:
     using Clock = std::chrono::steady_clock;

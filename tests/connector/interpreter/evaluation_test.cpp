@@ -1,0 +1,254 @@
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "connector/interpreter/Evaluation.h"
+#include "connector/json/JsonFields.h"
+#include "connector/json/JsonText.h"
+
+namespace connector::interpreter::v1 {
+namespace {
+
+using std::chrono::milliseconds;
+
+/// A client that notes what it gets, and has room for so many messages.
+class Client final : public bayeux::BayeuxSession
+{
+public:
+    explicit Client(std::size_t room) : room_(room) {}
+
+    const std::string& id() const noexcept override { return id_; }
+    bool isLocal() const noexcept override { return false; }
+    const std::string& httpSessionId() const noexcept override { return id_; }
+    bool deliver(bayeux::EventPtr event) override
+    {
+        std::lock_guard lock(mutex_);
+        if (over_)
+            return false;
+        events_.push_back(json::asObject(json::parse(event->text()))->getObject("data"));
+        changed_.notify_all();
+        return true;
+    }
+    bool hasRoom() const override
+    {
+        std::lock_guard lock(mutex_);
+        return events_.size() < room_;
+    }
+    void disconnect() override { over_ = true; }
+    bool isOver() const override { return over_; }
+
+    void giveRoom(std::size_t more)
+    {
+        std::lock_guard lock(mutex_);
+        room_ += more;
+    }
+
+    /// "seq:kind" of all events once the wanted one is there, output with its text's length.
+    std::vector<std::string> until(const std::string& kind)
+    {
+        std::unique_lock lock(mutex_);
+        const auto arrived = [&] {
+            return !events_.empty() && (events_.back()->getValue<std::string>("kind") == kind ||
+                                        events_.back()->optValue<std::string>("state", "") == kind);
+        };
+        EXPECT_TRUE(changed_.wait_for(lock, std::chrono::seconds(20), arrived)) << kind << " did not come";
+        std::vector<std::string> seen;
+        for (const auto& event : events_)
+            seen.push_back(event->getValue<std::string>("seq") + ":" + event->getValue<std::string>("kind"));
+        return seen;
+    }
+    std::string output() const
+    {
+        std::lock_guard lock(mutex_);
+        std::string text;
+        for (const auto& event : events_)
+            text += event->optValue<std::string>("text", "");
+        return text;
+    }
+    std::size_t missing() const
+    {
+        std::lock_guard lock(mutex_);
+        std::size_t count = 0;
+        for (const auto& event : events_)
+            count += event->optValue<std::size_t>("missing", 0);
+        return count;
+    }
+
+private:
+    const std::string id_ = "client";
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<json::Object::Ptr> events_;
+    std::size_t room_;
+    std::atomic<bool> over_{false};
+};
+
+class EvaluationTest : public testing::Test
+{
+protected:
+    ~EvaluationTest() override
+    {
+        evaluation->close();
+        pump->stop();
+    }
+
+    static Evaluation::Limits limits(std::uint64_t bytes, milliseconds patience)
+    {
+        Evaluation::Limits made;
+        made.logBytes = bytes;
+        made.readerPatience = made.inputPatience = patience;
+        return made;
+    }
+    void make(std::uint64_t bytes, milliseconds patience = milliseconds(20'000))
+    {
+        evaluation = std::make_shared<Evaluation>("e", pump, limits(bytes, patience));
+        evaluation->begin();
+    }
+    /// `count` pieces of 32 KiB, all different.
+    std::string print(int count)
+    {
+        std::string all;
+        for (int i = 0; i < count; ++i) {
+            const std::string piece(Pieces::kBytes, static_cast<char>('a' + i % 26));
+            evaluation->write(rqe::Stream::output, piece);
+            all += piece;
+        }
+        return all;
+    }
+    void end() { evaluation->end(R"({"kind":"result"})"); }
+
+    std::shared_ptr<Pump> pump = std::make_shared<Pump>();
+    std::shared_ptr<Evaluation> evaluation;
+};
+
+constexpr std::uint64_t kPlenty = 64u << 20;
+constexpr std::uint64_t kTenPieces = 10 * (Pieces::kBytes + 200);
+
+TEST_F(EvaluationTest, WhatLiesInTheFileIsReadBack)
+{
+    make(kPlenty);
+    const auto all = print(100);
+    end();
+    EXPECT_GT(evaluation->summary().bytes, 10 * EventLog::kMemoryBytes);
+    const auto client = std::make_shared<Client>(1'000);
+    EXPECT_TRUE(evaluation->attach(client, 0));
+    EXPECT_EQ(client->until("ended").size(), 103u);
+    EXPECT_TRUE(client->output() == all);
+    const auto late = std::make_shared<Client>(1'000);
+    EXPECT_TRUE(evaluation->attach(late, 101));
+    EXPECT_EQ(late->until("ended"), (std::vector<std::string>{"102:result", "103:state"}));
+    const auto beyond = std::make_shared<Client>(1'000);
+    EXPECT_TRUE(evaluation->attach(beyond, ~std::uint64_t{0} - 1));
+    EXPECT_EQ(beyond->output(), "");
+}
+
+TEST_F(EvaluationTest, CodeWaitsForAReaderThatIsBehind)
+{
+    make(kTenPieces);
+    const auto client = std::make_shared<Client>(3);
+    evaluation->attach(client, 0);
+    auto printing = std::async(std::launch::async, [this] {
+        auto all = print(60);
+        end();
+        return all;
+    });
+    EXPECT_EQ(printing.wait_for(milliseconds(200)), std::future_status::timeout);
+    client->giveRoom(1'000);
+    EXPECT_EQ(client->until("ended").size(), 63u);
+    EXPECT_TRUE(client->output() == printing.get());
+    EXPECT_EQ(client->missing(), 0u);
+}
+
+TEST_F(EvaluationTest, ReaderThatStandsStillHoldsNobodyUp)
+{
+    make(kTenPieces, milliseconds(100));
+    const auto stuck = std::make_shared<Client>(2);
+    const auto quick = std::make_shared<Client>(1'000);
+    evaluation->attach(stuck, 0);
+    evaluation->attach(quick, 0);
+    const auto all = print(60);
+    end();
+    EXPECT_EQ(quick->until("ended").size(), 63u);
+    EXPECT_TRUE(quick->output() == all);
+    // It comes back and learns how much it missed.
+    const auto seen = stuck->until("output").size();
+    stuck->giveRoom(1'000);
+    evaluation->attach(stuck, seen);
+    const auto events = stuck->until("ended");
+    EXPECT_EQ(events[seen].substr(events[seen].find(':')), ":gap");
+    EXPECT_EQ(stuck->missing() + events.size() - 1, 63u);
+}
+
+TEST_F(EvaluationTest, WithoutReadersTheOldestGo)
+{
+    make(kTenPieces);
+    print(60);
+    end();
+    EXPECT_LE(evaluation->summary().bytes, kTenPieces);
+    const auto client = std::make_shared<Client>(1'000);
+    evaluation->attach(client, 0);
+    const auto events = client->until("ended");
+    EXPECT_EQ(events.front().substr(events.front().find(':')), ":gap");
+    EXPECT_EQ(client->missing() + events.size() - 1, 63u);
+    EXPECT_EQ(events.back(), "63:state");
+}
+
+TEST_F(EvaluationTest, InputIsAskedForOnceAndEnds)
+{
+    make(kPlenty, milliseconds(100));
+    const auto client = std::make_shared<Client>(1'000);
+    evaluation->attach(client, 0);
+    EXPECT_FALSE(evaluation->answer("early\n"));
+    evaluation->write(rqe::Stream::output, "? ");
+    EXPECT_EQ(evaluation->readLine(milliseconds(1)), std::nullopt);
+    EXPECT_EQ(evaluation->readLine(milliseconds(1)), std::nullopt);
+    EXPECT_EQ(client->until("input"), (std::vector<std::string>{"1:state", "2:output", "3:input"}));
+    EXPECT_TRUE(evaluation->answer("line\n"));
+    EXPECT_FALSE(evaluation->answer("another\n"));
+    EXPECT_EQ(evaluation->readLine(milliseconds(1)), "line\n");
+    // A reader that left is waited for a while only.
+    client->disconnect();
+    while (!evaluation->readLine(milliseconds(10))) {
+    }
+    EXPECT_FALSE(evaluation->answer("late\n"));
+}
+
+TEST_F(EvaluationTest, CloseEndsAllWaiting)
+{
+    make(kTenPieces);
+    const auto client = std::make_shared<Client>(1);
+    evaluation->attach(client, 0);
+    auto printing = std::async(std::launch::async, [this] { print(60); });
+    EXPECT_EQ(printing.wait_for(milliseconds(100)), std::future_status::timeout);
+    evaluation->close();
+    printing.get();
+    EXPECT_EQ(evaluation->readLine(std::chrono::hours(1)), "");
+    end();
+}
+
+TEST(Pieces, AreCutBetweenCharacters)
+{
+    Pieces pieces;
+    std::string all;
+    for (const char* text : {"x", "\xF0\x9F\x98\x80"}) // of one and of four bytes
+        for (int i = 0; i < 20'000; ++i) {
+            pieces.add(rqe::Stream::output, text);
+            all += text;
+        }
+    pieces.add(rqe::Stream::output, all);
+    pieces.add(rqe::Stream::error, std::string(100'000, '\x80')); // no characters at all
+    EXPECT_EQ(pieces.bytes(), 2 * all.size() + 100'000);
+    std::string output;
+    for (const auto& piece : pieces.take()) {
+        EXPECT_LE(piece.text.size(), Pieces::kBytes);
+        if (piece.stream == rqe::Stream::error)
+            continue;
+        EXPECT_NE(static_cast<unsigned char>(piece.text.front()) & 0xC0, 0x80);
+        output += piece.text;
+    }
+    EXPECT_TRUE(output == all + all);
+    EXPECT_TRUE(pieces.empty());
+}
+
+} // namespace
+} // namespace connector::interpreter::v1
