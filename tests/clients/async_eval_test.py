@@ -208,7 +208,8 @@ class AsyncEval(unittest.TestCase):
     def test_client_that_left_is_not_served(self):
         client, stays = BayeuxSocket(self.host), BayeuxSocket(self.host)
         self.addCleanup(stays.close)
-        started = Reader(self.host).start("import time\nserved = []\nhold = True\nwhile hold: time.sleep(0.001)")
+        started = Reader(self.host).start("import time\nserved = []\nprint('begun')\nwhile True: time.sleep(0.001)")
+        started.until("output")
         client.send("/service/interpreter/eval", data={"code": "served.append(1)"})
         client.ask("/meta/disconnect")
         client.close()
