@@ -1,27 +1,42 @@
-// The body of a POST to the container route. Whatever it holds, it is refused with 400 or read; what was read is
-// answered message by message, and the answer is JSON again, with the ids and in the order of the request.
+// The body of a POST to the container route, through the real dispatcher and providers of all families to an
+// interpreter that echoes. Whatever it holds, it is refused with 400 or read; what was read is answered message by
+// message, and the answer is JSON again, in the order of the request and with its ids.
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <string_view>
 
+#include <boost/smart_ptr/make_shared.hpp>
+
+#include "EchoEngine.h"
+#include "connector/configuration/ConfigurationImpl.h"
+#include "connector/container/ContainerDispatcherImpl.h"
 #include "connector/container/ContainerHttpServiceProvider.h"
-#include "connector/container/ContainerMessages.h"
 #include "connector/core/ConnectorImpl2.h"
-#include "connector/interpreter/InterpreterMessages.h"
+#include "connector/desktop/DesktopServiceProvider.h"
+#include "connector/desktop/DesktopWire.h"
+#include "connector/hitchhiker/HitchhikerServiceProvider.h"
+#include "connector/hitchhiker/HitchhikerWire.h"
+#include "connector/http/HttpSessionManagerImpl.h"
+#include "connector/information/InformationServiceProvider.h"
+#include "connector/information/InformationWire.h"
+#include "connector/interpreter/FEvalSequenceServiceProvider.h"
+#include "connector/interpreter/InterpreterServiceProvider.h"
 #include "connector/interpreter/InterpreterWire.h"
 #include "connector/json/JsonFields.h"
 #include "connector/json/JsonSerializerImpl.h"
 #include "connector/json/JsonText.h"
+#include "connector/shadow_files/MobileConfigurationServiceProvider.h"
+#include "connector/shadow_files/ShadowServiceProvider.h"
+#include "connector/shadow_files/ShadowWire.h"
 
 using namespace connector;
-using namespace connector::container::v1;
-using namespace connector::interpreter::v1;
 
 namespace {
+
+using MessagePtr = std::unique_ptr<Message>;
 
 void require(bool holds, const char* what)
 {
@@ -31,68 +46,77 @@ void require(bool holds, const char* what)
     std::abort();
 }
 
-using MessagePtr = std::unique_ptr<Message>;
-
-/// Sends back what a message brought, in the class of its answer.
-MessagePtr echo(ContainerRequest::Entry& entry)
-{
-    require(!entry.message == static_cast<bool>(entry.failure), "an entry is neither read nor failed, or both");
-    if (entry.failure)
-        return std::make_unique<Fault>(entry.failure);
-    if (const auto* eval = dynamic_cast<Eval*>(entry.message.get())) {
-        require(entry.type == "Eval", "a type was read as Eval");
-        auto answer = std::make_unique<EvalResponse>();
-        answer->valueText = answer->output.text = eval->code;
-        return answer;
-    }
-    if (auto* call = dynamic_cast<FEval*>(entry.message.get())) {
-        require(entry.type == "FEval" && call->results <= 100, "a type was read as FEval");
-        auto answer = std::make_unique<FEvalResponse>();
-        answer->results = std::move(call->arguments);
-        answer->output.text = call->function;
-        return answer;
-    }
-    if (dynamic_cast<Interrupt*>(entry.message.get()))
-        return std::make_unique<InterruptResponse>(false);
-    require(dynamic_cast<ContainerRequest*>(entry.message.get()), "a message of no registered type");
-    return std::make_unique<Fault>("unknownType", entry.type);
-}
-
-/// In the place of dispatcher and interpreter. Keeps what the last request asked for.
-class Echo final : public ServiceProvider
+/// Notes what a request asked for, and hands it on.
+class Note final : public container::v1::ContainerServiceProvider
 {
 public:
-    void start() override {}
-    void stop() override {}
-    bool isRunning() const override { return true; }
-
-    MessageFuture deliver(MessagePtr&& message, Address&&, std::shared_ptr<Context>&&) override
+    MessageFuture handleRequest(std::unique_ptr<container::v1::ContainerRequest>&& request, Address&& rest,
+                                std::shared_ptr<Context>&& context) override
     {
-        auto& request = dynamic_cast<ContainerRequest&>(*message);
-        require(request.entries.size() <= ContainerJsonSerialization::kMaxMessages, "too many messages");
-        auto response = std::make_unique<ContainerResponse>();
-        response->id = request.id;
+        require(request->entries.size() <= container::v1::ContainerJsonSerialization::kMaxMessages,
+                "too many messages");
         ids.clear();
-        for (auto& entry : request.entries) {
+        for (const auto& entry : request->entries) {
+            require(!entry.message == static_cast<bool>(entry.failure), "an entry is neither read nor failed, or both");
             ids.push_back(entry.id);
-            response->entries.push_back({entry.id, echo(entry)});
         }
-        return makeReadyFuture<MessagePtr>(std::move(response));
+        return context->connector()->handle(std::move(request), std::move(rest), std::shared_ptr<Context>(context));
     }
 
     std::vector<std::string> ids;
 };
 
+/// The families that containers reach, wired as in the module.
 struct Route
 {
     std::shared_ptr<ConnectorImpl2> connector = std::make_shared<ConnectorImpl2>("fuzz");
-    std::shared_ptr<Echo> echo = std::make_shared<Echo>();
+    boost::shared_ptr<rqe::RQE> engine = boost::make_shared<EchoEngine>();
     std::shared_ptr<json::JsonSerializerImpl> serializer = std::make_shared<json::JsonSerializerImpl>();
-    ContainerJsonSerialization containers{serializer};
-    InterpreterJsonSerialization interpreter{serializer};
-    std::shared_ptr<ContainerHttpServiceProvider> provider = std::make_shared<ContainerHttpServiceProvider>(serializer);
+    std::shared_ptr<container::v1::ContainerDispatcherImpl> dispatcher =
+        std::make_shared<container::v1::ContainerDispatcherImpl>();
+    std::shared_ptr<http::HttpSessionManagerImpl> sessions = std::make_shared<http::HttpSessionManagerImpl>();
+    std::shared_ptr<hitchhiker::v1::HitchhikerServiceImpl> hitchhikers =
+        std::make_shared<hitchhiker::v1::HitchhikerServiceImpl>();
+    std::shared_ptr<shadow_files::v1::ShadowServiceImpl> shadows =
+        std::make_shared<shadow_files::v1::ShadowServiceImpl>(std::make_shared<shadow_files::PathManagerImpl>(engine),
+                                                              std::make_shared<shadow_files::BehaviorsImpl>());
+    std::shared_ptr<Note> note = std::make_shared<Note>();
+    std::shared_ptr<container::v1::ContainerHttpServiceProvider> provider =
+        std::make_shared<container::v1::ContainerHttpServiceProvider>(serializer);
 
-    Route() { connector->addServiceProvider("echo", echo); }
+    container::v1::ContainerJsonSerialization containerJson{serializer};
+    interpreter::v1::InterpreterJsonSerialization interpreterJson{serializer};
+    desktop::v1::DesktopJsonSerialization desktopJson{serializer};
+    information::v1::InformationJsonSerialization informationJson{serializer};
+    hitchhiker::v1::HitchhikerJsonSerialization hitchhikerJson{serializer};
+    shadow_files::v1::ShadowJsonSerialization shadowJson{serializer};
+
+    interpreter::v1::InterpreterMessageMapProvider interpreterMap{dispatcher, Address{"interpreter"},
+                                                                  Address{"feval", "interpreter"}};
+    desktop::v1::DesktopMessageMapProvider desktopMap{dispatcher, Address{"desktop"}};
+    information::v1::InformationMessageMapProvider informationMap{dispatcher, Address{"information"}};
+    hitchhiker::v1::HitchhikerMessageMapProvider hitchhikerMap{dispatcher, Address{"hitchhiker"}};
+    shadow_files::v1::ShadowMessageMapProvider shadowMap{dispatcher, Address{"shadow"}};
+    shadow_files::v1::MobileConfigurationMessageMapProvider mobileMap{dispatcher, Address{"mobile"}};
+
+    Route()
+    {
+        const auto add = [this](const char* name, std::shared_ptr<ServiceProvider> served) {
+            connector->addServiceProvider(name, std::move(served));
+        };
+        add("note", note);
+        add("dispatcher", std::make_shared<container::v1::ContainerDispatcherServiceProviderImpl>(dispatcher));
+        add("interpreter", std::make_shared<interpreter::v1::InterpreterServiceProviderImpl>(
+                               std::make_shared<configuration::ConfigurationImpl>(), engine));
+        add("feval", std::make_shared<interpreter::v1::FEvalSequenceServiceProvider>());
+        add("desktop", std::make_shared<desktop::v1::DesktopServiceProviderImpl>(engine));
+        add("information", std::make_shared<information::v1::InformationServiceProviderImpl>(sessions, engine));
+        add("hitchhiker", std::make_shared<hitchhiker::v1::HitchhikerContainerServiceProvider>(hitchhikers));
+        add("shadow", std::make_shared<shadow_files::v1::ShadowContainerServiceProvider>(shadows));
+        add("connector/v1/shadowFiles", std::make_shared<shadow_files::v1::ShadowServiceProviderImpl>(shadows));
+        add("mobile", std::make_shared<shadow_files::v1::MobileConfigurationContainerServiceProvider>(
+                          std::make_shared<shadow_files::v1::MobileConfigurationServiceImpl>(engine)));
+    }
 
     MessagePtr post(std::string body)
     {
@@ -101,7 +125,14 @@ struct Route
         request->path = "/messageservice/container";
         request->headers.add("Content-Type", "application/json");
         request->body = std::move(body);
-        return provider->handleHttp(std::move(request), Address{"echo"}, connector->newContext()).get();
+        const auto context = connector->newContext();
+        auto answer =
+            provider->handleHttp(std::move(request), Address{"note", "dispatcher"}, std::shared_ptr<Context>(context));
+        // Who waits for a change that nobody makes is told so when it goes away.
+        if (!answer.isReady())
+            context->cancellation()->cancel();
+        require(answer.isReady(), "a message is never answered");
+        return answer.get();
     }
 };
 
@@ -129,12 +160,12 @@ void checkAnswer(const std::string& body, const std::vector<std::string>& ids)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     static Route route;
-    route.echo->ids.clear();
+    route.note->ids.clear();
     const auto message = route.post({reinterpret_cast<const char*>(data), size});
     const auto* answer = dynamic_cast<http::HttpResponse*>(message.get());
     require(answer && (answer->status == 200 || answer->status == 400), "neither 200 nor 400");
     if (answer->status == 200)
-        checkAnswer(answer->body, route.echo->ids);
+        checkAnswer(answer->body, route.note->ids);
     else
         require(!answer->body.empty() && answer->body.size() < 2 * size + 1000, "a refusal is long, or says nothing");
     return 0;
