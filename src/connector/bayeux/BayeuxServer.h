@@ -231,6 +231,13 @@ public:
     virtual std::vector<SessionPtr> sessions() const = 0;
     /// Subscribers of the channel itself, not of patterns that match it.
     virtual std::vector<SessionPtr> subscribers(const std::string& channel) const = 0;
+    /// Whether a session or a function gets what is published on the channel, be it by a pattern. A server that does
+    /// not know says yes.
+    virtual bool hasReceivers(const std::string& channel) const
+    {
+        (void)channel;
+        return true;
+    }
 
     /// Null sets the default policy: remote clients subscribe and publish anywhere but below /meta; /service goes to
     /// handlers. A change takes effect with the next message; `recheck` also ends subscriptions that it forbids.

@@ -135,6 +135,11 @@ SessionPtr BayeuxServerImpl::findSession(const std::string& id) const { return s
 
 std::vector<SessionPtr> BayeuxServerImpl::sessions() const { return state_->core->all(); }
 
+bool BayeuxServerImpl::hasReceivers(const std::string& channel) const
+{
+    return state_->core->channels().hasReceivers(channel);
+}
+
 std::vector<SessionPtr> BayeuxServerImpl::subscribers(const std::string& channel) const
 {
     std::vector<SessionPtr> sessions;

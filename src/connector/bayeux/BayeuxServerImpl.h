@@ -25,6 +25,7 @@ public:
     SessionPtr findSession(const std::string& id) const override;
     std::vector<SessionPtr> sessions() const override;
     std::vector<SessionPtr> subscribers(const std::string& channel) const override;
+    bool hasReceivers(const std::string& channel) const override;
     void setPolicy(std::shared_ptr<BayeuxSecurityPolicy> policy, bool recheck) override;
     void setChannelOptions(const std::string& channel, const ChannelOptions& options) override;
     void setLimits(const BayeuxLimits& limits) override;

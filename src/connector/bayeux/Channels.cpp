@@ -174,6 +174,19 @@ std::shared_ptr<const Channels::Receivers> Channels::receivers(const std::string
     return united(rebuild(channel, patterns));
 }
 
+bool Channels::hasReceivers(const std::string& channel) const
+{
+    const auto hasMembers = [this](const std::string& name) {
+        const auto found = channels_.find(name);
+        return found != channels_.end() && !found->second.members.empty();
+    };
+    std::shared_lock lock(mutex_);
+    if (channels_.empty())
+        return false;
+    const auto patterns = patternsOf(channel);
+    return hasMembers(channel) || std::any_of(patterns.begin(), patterns.end(), hasMembers);
+}
+
 bool Channels::setOptions(const std::string& channel, const ChannelOptions& options)
 {
     std::lock_guard retaining(retainMutex_);

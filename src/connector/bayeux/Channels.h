@@ -52,6 +52,8 @@ public:
     /// The same without publishing anything.
     std::shared_ptr<const Receivers> receivers(const std::string& channel);
 
+    bool hasReceivers(const std::string& channel) const;
+
     /// Answers whether that made the channel.
     bool setOptions(const std::string& channel, const ChannelOptions& options);
     ChannelOptions options(const std::string& channel) const;

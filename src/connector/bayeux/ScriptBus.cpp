@@ -6,9 +6,16 @@ namespace connector::bayeux {
 
 void ScriptBus::publish(const std::string& channel, const std::string& json)
 {
-    server_->publish(channel, json::parse(json));
+    tell(channel, json);
     server_->waitForRoom(channel, kPatience);
 }
+
+void ScriptBus::tell(const std::string& channel, const std::string& json)
+{
+    server_->publish(channel, json::parse(json));
+}
+
+bool ScriptBus::hasSubscribers(const std::string& channel) const { return server_->hasReceivers(channel); }
 
 std::function<void()> ScriptBus::subscribe(const std::string& channel, Receiver receiver)
 {

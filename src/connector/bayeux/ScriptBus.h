@@ -18,6 +18,8 @@ public:
     explicit ScriptBus(std::shared_ptr<BayeuxServer> server) : server_(std::move(server)) {}
 
     void publish(const std::string& channel, const std::string& json) override;
+    void tell(const std::string& channel, const std::string& json) override;
+    bool hasSubscribers(const std::string& channel) const override;
     std::function<void()> subscribe(const std::string& channel, Receiver receiver) override;
 
 private:

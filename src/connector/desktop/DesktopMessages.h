@@ -18,8 +18,15 @@ namespace connector::desktop::v1 {
 
 class DesktopServiceProvider;
 
+/// What only looks, and need not wait for the end of what the interpreter runs.
+class CONNECTOR_API LookRequest : public ServiceMessage<DesktopServiceProvider>
+{
+public:
+    bool inOrder = false; ///< wait all the same, since a message before it in its container may change what it sees
+};
+
 /// Lists variables.
-class CONNECTOR_API Workspace final : public ServiceMessage<DesktopServiceProvider>
+class CONNECTOR_API Workspace final : public LookRequest
 {
 public:
     std::size_t offset = 0;
@@ -37,7 +44,7 @@ public:
 };
 
 /// Looks at a variable or something inside it.
-class CONNECTOR_API Variable final : public ServiceMessage<DesktopServiceProvider>
+class CONNECTOR_API Variable final : public LookRequest
 {
 public:
     rqe::ValueQuery query;
@@ -104,7 +111,7 @@ public:
 };
 
 /// Asks what may stand at the cursor.
-class CONNECTOR_API TabCompletion final : public ServiceMessage<DesktopServiceProvider>
+class CONNECTOR_API TabCompletion final : public LookRequest
 {
 public:
     std::string text;

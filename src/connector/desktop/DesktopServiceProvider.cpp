@@ -3,7 +3,10 @@
 #include <stdexcept>
 #include <utility>
 
+#include "connector/container/ContainerMessages.h"
 #include "connector/desktop/EngineCall.h"
+#include "connector/desktop/LookDesk.h"
+#include "connector/desktop/StateNews.h"
 #include "connector/desktop/VariableWatch.h"
 
 namespace connector::desktop::v1 {
@@ -111,17 +114,50 @@ MessageFuture CurrentFolder::deliverTo(std::shared_ptr<DesktopServiceProvider> p
 }
 
 DesktopServiceProviderImpl::DesktopServiceProviderImpl(boost::shared_ptr<rqe::RQE> engine)
-    : engine_(std::move(engine)), watch_(std::make_shared<VariableWatch>(engine_))
+    : engine_(std::move(engine)), looks_(std::make_shared<LookDesk>(engine_)),
+      watch_(std::make_shared<VariableWatch>(engine_)), news_(std::make_shared<StateNews>(engine_, watch_))
 {}
 
-void DesktopServiceProviderImpl::starting() { watch_->start(); }
+MessageFuture DesktopServiceProviderImpl::deliver(MessagePtr&& message, Address&& address,
+                                                  std::shared_ptr<Context>&& context)
+{
+    auto* container = dynamic_cast<container::v1::ContainerRequest*>(message.get());
+    if (!container)
+        return DesktopServiceProvider::deliver(std::move(message), std::move(address), std::move(context));
+    bool afterOthers = false;
+    for (const auto& entry : container->entries) {
+        if (auto* look = dynamic_cast<LookRequest*>(entry.message.get()))
+            look->inOrder = afterOthers;
+        else
+            afterOthers = true;
+    }
+    return makeReadyFuture(std::move(message));
+}
 
-void DesktopServiceProviderImpl::stopped() { watch_->stop(); }
+MessageFuture DesktopServiceProviderImpl::look(const LookRequest& request, const std::shared_ptr<Context>& context,
+                                               EngineWork work)
+{
+    return request.inOrder ? callEngine(engine_, context, std::move(work)) : looks_->ask(context, std::move(work));
+}
+
+void DesktopServiceProviderImpl::starting()
+{
+    watch_->start();
+    news_->start();
+}
+
+void DesktopServiceProviderImpl::stopped()
+{
+    looks_->stop();
+    watch_->stop();
+    news_->stop();
+}
 
 MessageFuture DesktopServiceProviderImpl::handleWorkspace(std::unique_ptr<Workspace>&& message, Address&&,
                                                           std::shared_ptr<Context>&& context)
 {
-    return callEngine(engine_, context, [request = shared(message)](rqe::Interpreter& interpreter) -> MessagePtr {
+    const std::shared_ptr<Workspace> request = shared(message);
+    return look(*request, context, [request](rqe::Interpreter& interpreter) -> MessagePtr {
         auto answer = std::make_unique<WorkspaceResponse>();
         answer->page = interpreter.listVariables(request->pattern, request->offset, request->limit);
         return answer;
@@ -131,7 +167,8 @@ MessageFuture DesktopServiceProviderImpl::handleWorkspace(std::unique_ptr<Worksp
 MessageFuture DesktopServiceProviderImpl::handleVariable(std::unique_ptr<Variable>&& message, Address&&,
                                                          std::shared_ptr<Context>&& context)
 {
-    return callEngine(engine_, context, [request = shared(message)](rqe::Interpreter& interpreter) -> MessagePtr {
+    const std::shared_ptr<Variable> request = shared(message);
+    return look(*request, context, [request](rqe::Interpreter& interpreter) -> MessagePtr {
         auto answer = std::make_unique<VariableResponse>();
         answer->view = interpreter.inspect(request->query);
         answer->path = request->query.path;
@@ -174,7 +211,8 @@ MessageFuture DesktopServiceProviderImpl::handleTabCompletion(std::unique_ptr<Ta
     if (countCodePoints(std::string_view(message->text).substr(0, cursor)) > kMaxCode)
         throw std::invalid_argument("More than " + std::to_string(kMaxCode) +
                                     " characters stand in front of the cursor.");
-    return callEngine(engine_, context, [request = shared(message), cursor](rqe::Interpreter& interpreter) {
+    const std::shared_ptr<TabCompletion> request = shared(message);
+    return look(*request, context, [request, cursor](rqe::Interpreter& interpreter) {
         return completionOf(interpreter, *request, cursor);
     });
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include <boost/smart_ptr/shared_ptr.hpp>
 
 #include "connector/desktop/DesktopMessages.h"
@@ -7,12 +9,15 @@
 
 namespace connector::desktop::v1 {
 
+class LookDesk;
+class StateNews;
 class VariableWatch;
 
-/// What a console attached to the running interpreter needs besides evaluation. Every request is a task of the engine,
-/// in the order of arrival; each is answered with the response of its name. Faults: "notFound" (no such variable, or
-/// nothing at the path), "badRequest" (std::invalid_argument), "scriptError" and "interrupted" (details error,
-/// traceback), "busy" (too many requests wait), "unavailable" (no interpreter, or it is shutting down), "cancelled".
+/// What a console attached to the running interpreter needs besides evaluation. Requests are tasks of the engine, in
+/// the order of arrival, but those that only look are answered beside what runs; each is answered with the response of
+/// its name. Faults: "notFound" (no such variable, or nothing at the path), "badRequest" (std::invalid_argument),
+/// "scriptError" and "interrupted" (details error, traceback), "busy" (too many requests wait, or nobody can look now),
+/// "unavailable" (no interpreter, or it is shutting down), "cancelled".
 class CONNECTOR_API DesktopServiceProvider : public ServiceProviderAPI<DesktopServiceProvider>
 {
 public:
@@ -38,6 +43,11 @@ public:
     /// `engine` may be empty: every request then fails with the fault "unavailable".
     explicit DesktopServiceProviderImpl(boost::shared_ptr<rqe::RQE> engine);
 
+    /// Also a filter of containers: answers a ContainerRequest with itself, in which the looks are in order that stand
+    /// behind other messages.
+    MessageFuture deliver(std::unique_ptr<Message>&& message, Address&& address,
+                          std::shared_ptr<Context>&& context) override;
+
     MessageFuture handleWorkspace(std::unique_ptr<Workspace>&& message, Address&& rest,
                                   std::shared_ptr<Context>&& context) override;
     MessageFuture handleVariable(std::unique_ptr<Variable>&& message, Address&& rest,
@@ -58,8 +68,13 @@ protected:
     void stopped() override;
 
 private:
+    MessageFuture look(const LookRequest& request, const std::shared_ptr<Context>& context,
+                       std::function<std::unique_ptr<Message>(rqe::Interpreter&)> work);
+
     const boost::shared_ptr<rqe::RQE> engine_;
+    const std::shared_ptr<LookDesk> looks_;
     const std::shared_ptr<VariableWatch> watch_;
+    const std::shared_ptr<StateNews> news_;
 };
 
 } // namespace connector::desktop::v1

@@ -231,17 +231,6 @@ Object::Ptr encodeVariableResponse(const VariableResponse& response)
     return object;
 }
 
-Object::Ptr encodeVariableChangeResponse(const VariableChangeResponse& response)
-{
-    auto object = json::makeObject();
-    object->set("token", response.changes.token);
-    object->set("changed", json::makeArray(response.changes.changed));
-    object->set("removed", json::makeArray(response.changes.removed));
-    if (response.changes.restarted)
-        object->set("restarted", true);
-    return object;
-}
-
 Object::Ptr encodeTabCompletionResponse(const TabCompletionResponse& response)
 {
     auto object = json::makeObject();
@@ -261,6 +250,17 @@ Object::Ptr encodeOne(const char* name, T M::*member, const M& response)
 
 } // namespace
 
+Object::Ptr encodeChanges(const rqe::VariableChanges& changes)
+{
+    auto object = json::makeObject();
+    object->set("token", changes.token);
+    object->set("changed", json::makeArray(changes.changed));
+    object->set("removed", json::makeArray(changes.removed));
+    if (changes.restarted)
+        object->set("restarted", true);
+    return object;
+}
+
 DesktopJsonSerialization::DesktopJsonSerialization(std::shared_ptr<json::JsonSerializer> serializer)
     : JsonSerialization(std::move(serializer))
 {
@@ -279,7 +279,9 @@ DesktopJsonSerialization::DesktopJsonSerialization(std::shared_ptr<json::JsonSer
         },
         nullptr);
     add<VariableChange>("VariableChange", nullptr, decodeVariableChange);
-    add<VariableChangeResponse>("VariableChangeResponse", encodeVariableChangeResponse, nullptr);
+    add<VariableChangeResponse>(
+        "VariableChangeResponse",
+        [](const VariableChangeResponse& response) { return encodeChanges(response.changes); }, nullptr);
     add<TabCompletion>("TabCompletion", nullptr, decodeTabCompletion);
     add<TabCompletionResponse>("TabCompletionResponse", encodeTabCompletionResponse, nullptr);
     add<CurrentFolder>("CurrentFolder", nullptr, decodeCurrentFolder);
@@ -298,6 +300,7 @@ DesktopMessageMapProvider::DesktopMessageMapProvider(std::shared_ptr<container::
     for (const char* type :
          {"Workspace", "Variable", "SetVariable", "ClearVariable", "VariableChange", "TabCompletion", "CurrentFolder"})
         map(type, desktop);
+    passBefore(desktop);
 }
 
 } // namespace connector::desktop::v1

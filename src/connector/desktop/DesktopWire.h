@@ -2,8 +2,11 @@
 
 #include <memory>
 
+#include <Poco/JSON/Object.h>
+
 #include "connector/container/ContainerDispatcher.h"
 #include "connector/json/JsonSerializer.h"
+#include "platform/rqe/Browsing.h"
 
 namespace connector::desktop::v1 {
 
@@ -13,6 +16,9 @@ class CONNECTOR_API DesktopJsonSerialization final : public json::JsonSerializat
 public:
     explicit DesktopJsonSerialization(std::shared_ptr<json::JsonSerializer> serializer);
 };
+
+/// What the members of VariableChangeResponse say.
+Poco::JSON::Object::Ptr encodeChanges(const rqe::VariableChanges& changes);
 
 /// Maps the desktop's messages to the provider at `desktop`.
 class CONNECTOR_API DesktopMessageMapProvider final : public container::v1::MessageMapProvider

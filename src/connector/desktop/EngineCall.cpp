@@ -29,35 +29,53 @@ const char* codeOf(const rqe::EngineError& error)
 class EngineCall final : public rqe::Task
 {
 public:
-    explicit EngineCall(EngineWork work) : work_(std::move(work)) {}
+    EngineCall(EngineWork work, const rqe::RQE& engine, std::shared_ptr<EngineAnswer> answer)
+        : work_(std::move(work)), engine_(engine), answer_(std::move(answer))
+    {}
 
-    MessageFuture future() const { return promise_.future(); }
-
-    /// What takes the task out of the queue when its client goes away; shared with the thread that posts, which fills
-    /// it when the task may have ended already.
-    std::shared_ptr<CancellationToken::Registration> registration() const { return registration_; }
-
-    void run(rqe::Interpreter& interpreter) override { answer_ = work_(interpreter); }
-
-    void finish() noexcept override
+    void run(rqe::Interpreter& interpreter) override
     {
-        registration_.reset();
-        promise_.setValue(std::move(answer_));
+        answer_->begin(!engine_.onInterpreterThread());
+        message_ = work_(interpreter);
     }
 
-    void abandon(std::exception_ptr reason) noexcept override
-    {
-        registration_.reset();
-        promise_.setException(faultOf(reason));
-    }
+    void finish() noexcept override { answer_->succeed(std::move(message_)); }
+
+    void abandon(std::exception_ptr reason) noexcept override { answer_->fail(faultOf(reason)); }
 
 private:
     const EngineWork work_;
-    MessagePtr answer_;
-    Promise<MessagePtr> promise_;
-    std::shared_ptr<CancellationToken::Registration> registration_ =
-        std::make_shared<CancellationToken::Registration>();
+    const rqe::RQE& engine_; ///< runs this, so it is there
+    const std::shared_ptr<EngineAnswer> answer_;
+    MessagePtr message_;
 };
+
+using Begun = std::pair<MessageFuture, std::shared_ptr<EngineAnswer>>;
+
+Begun begin(const boost::shared_ptr<rqe::RQE>& engine, const std::shared_ptr<Context>& context, EngineWork work,
+            bool looks)
+{
+    if (!engine)
+        throw ServiceFault("unavailable", "There is no interpreter in this process.");
+    if (!looks && engine->queued() >= kMaxQueued)
+        throw ServiceFault("busy", "Too many requests wait for the interpreter.");
+
+    auto answer = std::make_shared<EngineAnswer>();
+    auto future = answer->future();
+    auto task = std::make_unique<EngineCall>(std::move(work), *engine, answer);
+    try {
+        answer->id = looks ? engine->look(std::move(task)) : engine->post(std::move(task));
+    } catch (const rqe::EngineError& error) {
+        throw ServiceFault(codeOf(error), error.what());
+    }
+    // The answer may be there already: its end is no business of the registration, which then cancels nothing.
+    answer->registration =
+        context->cancellation()->onCancel([weak = boost::weak_ptr<rqe::RQE>(engine), id = answer->id] {
+            if (auto known = weak.lock())
+                known->cancel(id);
+        });
+    return {std::move(future), std::move(answer)};
+}
 
 } // namespace
 
@@ -70,34 +88,36 @@ try {
     const bool interrupted = error.type() == "KeyboardInterrupt";
     return std::make_exception_ptr(ServiceFault(interrupted ? "interrupted" : "scriptError", error.what(),
                                                 {{"error", error.type()}, {"traceback", error.traceback()}}));
+} catch (const rqe::UnsteadyError& error) {
+    return std::make_exception_ptr(ServiceFault("busy", error.what()));
 } catch (const std::out_of_range& error) {
     return std::make_exception_ptr(ServiceFault("notFound", error.what()));
 } catch (...) {
     return reason;
 }
 
+void EngineAnswer::succeed(std::unique_ptr<Message> answer) noexcept
+{
+    stage_ = Stage::settled;
+    promise_.setValue(std::move(answer));
+}
+
+void EngineAnswer::fail(const std::exception_ptr& failure) noexcept
+{
+    stage_ = Stage::settled;
+    promise_.setException(failure);
+}
+
 MessageFuture callEngine(const boost::shared_ptr<rqe::RQE>& engine, const std::shared_ptr<Context>& context,
                          EngineWork work)
 {
-    if (!engine)
-        throw ServiceFault("unavailable", "There is no interpreter in this process.");
-    if (engine->queued() >= kMaxQueued)
-        throw ServiceFault("busy", "Too many requests wait for the interpreter.");
+    return begin(engine, context, std::move(work), false).first;
+}
 
-    auto task = std::make_unique<EngineCall>(std::move(work));
-    auto future = task->future();
-    const auto registration = task->registration();
-    rqe::TaskId id = 0;
-    try {
-        id = engine->post(std::move(task));
-    } catch (const rqe::EngineError& error) {
-        throw ServiceFault(codeOf(error), error.what());
-    }
-    *registration = context->cancellation()->onCancel([weak = boost::weak_ptr<rqe::RQE>(engine), id] {
-        if (auto known = weak.lock())
-            known->cancel(id);
-    });
-    return future;
+std::pair<MessageFuture, std::shared_ptr<EngineAnswer>>
+lookAtEngine(const boost::shared_ptr<rqe::RQE>& engine, const std::shared_ptr<Context>& context, EngineWork work)
+{
+    return begin(engine, context, std::move(work), true);
 }
 
 } // namespace connector::desktop::v1

@@ -4,7 +4,10 @@
 #include <utility>
 
 #include "connector/core/ServiceFault.h"
+#include "connector/desktop/DesktopWire.h"
 #include "connector/desktop/EngineCall.h"
+#include "connector/json/JsonText.h"
+#include "platform/rqe/MessageBus.h"
 
 namespace connector::desktop::v1 {
 namespace {
@@ -17,6 +20,9 @@ MessagePtr answerOf(rqe::VariableChanges changes)
     answer->changes = std::move(changes);
     return answer;
 }
+
+/// A token that nobody has: the answer names all variables.
+constexpr const char* kNoToken = "none";
 
 bool hasNews(const rqe::VariableChanges& changes)
 {
@@ -162,6 +168,7 @@ void VariableWatch::expire()
     const auto now = Clock::now();
     std::vector<Waiter> ended;
     common::TickManager::Subscription tick;
+    bool looks = false;
     {
         std::lock_guard lock(mutex_);
         for (auto next = waiters_.begin(); next != waiters_.end();) {
@@ -172,11 +179,18 @@ void VariableWatch::expire()
             ended.push_back(std::move(next->second));
             next = waiters_.erase(next);
         }
-        if (waiters_.empty()) {
+        if (channelDue_ && channelGapEnd_ <= now) {
+            channelDue_ = false;
+            channelWanted_ = true;
+            looks = mustLook();
+        }
+        if (waiters_.empty() && !channelDue_) {
             ticking_ = false;
             std::swap(tick, tick_);
         }
     }
+    if (looks)
+        postLook();
     for (Waiter& waiter : ended) {
         rqe::VariableChanges none;
         none.token = std::move(waiter.since);
@@ -202,11 +216,44 @@ void VariableWatch::variablesMayHaveChanged()
 {
     if (ownTask_.exchange(false))
         return;
+    const bool hasSubscribers = rqe::ProcessBus::hasSubscribers(kChannel);
+    bool looks = false;
+    bool mustTick = false;
     {
         std::lock_guard lock(mutex_);
-        if (stopped_ || waiters_.empty() || std::exchange(lookQueued_, true))
+        if (stopped_)
             return;
+        mustTick = noteNewsForChannel(hasSubscribers) && !std::exchange(ticking_, true);
+        looks = mustLook();
     }
+    if (mustTick)
+        startTick();
+    if (looks)
+        postLook();
+}
+
+bool VariableWatch::noteNewsForChannel(bool hasSubscribers)
+{
+    if (!hasSubscribers) {
+        channelToken_.clear();
+        channelWanted_ = channelDue_ = false;
+        return false;
+    }
+    channelDue_ = Clock::now() < channelGapEnd_;
+    channelWanted_ = channelWanted_ || !channelDue_;
+    return channelDue_;
+}
+
+bool VariableWatch::lookIsQueued() const
+{
+    std::lock_guard lock(mutex_);
+    return lookQueued_;
+}
+
+bool VariableWatch::mustLook() { return (!waiters_.empty() || channelWanted_) && !std::exchange(lookQueued_, true); }
+
+void VariableWatch::postLook()
+{
     try {
         engine_->post(std::make_unique<Look>(shared_from_this()));
     } catch (const rqe::EngineError&) {
@@ -221,14 +268,29 @@ std::vector<std::string> VariableWatch::tokens() const
     std::vector<std::string> tokens;
     for (const auto& [id, waiter] : waiters_)
         tokens.push_back(waiter.since);
+    if (channelWanted_)
+        tokens.push_back(channelToken_.empty() ? kNoToken : channelToken_);
     return tokens;
 }
 
 void VariableWatch::tell(const ChangesByToken& found)
 {
     std::vector<std::pair<Waiter, const rqe::VariableChanges*>> told;
+    const rqe::VariableChanges* news = nullptr;
+    bool again = false;
     {
         std::lock_guard lock(mutex_);
+        const auto forChannel = found.find(channelToken_.empty() ? kNoToken : channelToken_);
+        if (channelWanted_ && forChannel != found.end()) {
+            channelWanted_ = false;
+            channelToken_ = forChannel->second.token;
+            if (hasNews(forChannel->second)) {
+                news = &forChannel->second;
+                channelGapEnd_ = Clock::now() + kGap;
+            }
+        }
+        // A tick may have asked for it after the look began.
+        again = channelWanted_ && mustLook();
         for (auto next = waiters_.begin(); next != waiters_.end();) {
             const auto changes = found.find(next->second.since);
             if (changes != found.end() && hasNews(changes->second)) {
@@ -243,6 +305,19 @@ void VariableWatch::tell(const ChangesByToken& found)
     }
     for (auto& [waiter, changes] : told)
         waiter.promise.setValue(answerOf(*changes));
+    if (news)
+        tellChannel(*news);
+    if (again)
+        postLook();
+}
+
+void VariableWatch::tellChannel(const rqe::VariableChanges& changes)
+{
+    try {
+        rqe::ProcessBus::tell(kChannel, json::write(Poco::Dynamic::Var(encodeChanges(changes))));
+    } catch (const std::exception&) {
+        // The bus is going down.
+    }
 }
 
 void VariableWatch::lookEnded(const std::exception_ptr& failure)

@@ -1,5 +1,8 @@
 // The destructors of the pure interfaces: they anchor the type information in this library.
 
+#include <stdexcept>
+#include <utility>
+
 #include "platform/rqe/Interpreter.h"
 #include "platform/rqe/LocalRQE.h"
 #include "platform/rqe/RQE.h"
@@ -12,6 +15,14 @@ Interpreter::~Interpreter() = default;
 Task::~Task() = default;
 EngineListener::~EngineListener() = default;
 RQE::~RQE() = default;
+
+TaskId RQE::look(std::unique_ptr<Task> task) { return post(std::move(task)); }
+
 LanguageHost::~LanguageHost() = default;
+
+void LanguageHost::withLook(const std::function<void(Interpreter&)>&)
+{
+    throw std::logic_error("This host lets nobody look while it is busy.");
+}
 
 } // namespace rqe

@@ -55,6 +55,8 @@ struct Completions
 
 /// What a task sees of the script language. One per process; used only inside Task::run, on the interpreter thread.
 /// Errors of the script's own code are ScriptError; std::invalid_argument names an argument that makes no sense.
+/// A look (RQE::look) calls `listVariables`, `inspect`, `complete`, `searchPath` and `currentFolder` only, since it may
+/// run on the looking thread.
 /// Variables are those of the top-level workspace, the same that the terminal's prompt sees.
 class VENDRA_PLATFORM_API Interpreter
 {

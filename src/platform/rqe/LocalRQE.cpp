@@ -14,6 +14,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include "platform/rqe/LookingThread.h"
+
 namespace rqe {
 namespace {
 
@@ -48,9 +50,10 @@ private:
 class LocalRQE::Impl
 {
 public:
-    Impl(LanguageHost& host, std::size_t capacity) : host_(host), capacity_(capacity) {}
+    Impl(LanguageHost& host, std::size_t capacity) : host_(host), capacity_(capacity), looks_(host) {}
 
     TaskId post(std::unique_ptr<Task> task);
+    TaskId look(std::unique_ptr<Task> task);
     bool cancel(TaskId id);
     /// Breaks what runs if `wanted` says so of the running task's number (0: the host's own script).
     template <class Wanted>
@@ -59,6 +62,7 @@ public:
     void enterForeground();
     void leaveForeground() noexcept;
     void close(const std::string& reason);
+    void endLooks() { looks_.end(); }
 
     State state() const;
     std::size_t queued() const;
@@ -75,7 +79,13 @@ private:
     {
         TaskId id = 0;
         std::unique_ptr<Task> task;
+        bool isLook = false; ///< these stand before all others in the queue
     };
+
+    // With mutex_ held:
+    void requireOpen(const std::unique_ptr<Task>& task) const;
+    TaskId enqueue(std::unique_ptr<Task> task, bool isLook);
+    bool isFreeForLooks() const;
 
     Entry takeNext();
     /// From here on no interrupt reaches what ran; true when one was sent.
@@ -88,8 +98,10 @@ private:
 
     mutable std::mutex mutex_;
     std::deque<Entry> queue_;
+    LookingThread looks_; ///< its own lock is taken after mutex_
     TaskId lastId_ = 0;
     TaskId running_ = 0; ///< 0: no task
+    bool runningLooks_ = false;
     unsigned foreground_ = 0;
     bool breakSent_ = false;
     bool closed_ = false;
@@ -101,15 +113,41 @@ private:
 
 TaskId LocalRQE::Impl::post(std::unique_ptr<Task> task)
 {
+    std::lock_guard lock(mutex_);
+    requireOpen(task);
+    return enqueue(std::move(task), false);
+}
+
+TaskId LocalRQE::Impl::look(std::unique_ptr<Task> task)
+{
+    std::lock_guard lock(mutex_);
+    requireOpen(task);
+    if (isFreeForLooks())
+        return enqueue(std::move(task), true);
+    looks_.add(lastId_ + 1, task, false);
+    return ++lastId_;
+}
+
+void LocalRQE::Impl::requireOpen(const std::unique_ptr<Task>& task) const
+{
     if (!task)
         throw std::invalid_argument("No task was posted: the pointer is null.");
-    std::lock_guard lock(mutex_);
     if (closed_)
         throw EngineError(EngineError::Reason::closed, closeReason_);
+}
+
+/// Nothing but looks runs or waits, so that another one's turn comes soon.
+bool LocalRQE::Impl::isFreeForLooks() const
+{
+    return foreground_ == 0 && (running_ == 0 || runningLooks_) && (queue_.empty() || queue_.back().isLook);
+}
+
+TaskId LocalRQE::Impl::enqueue(std::unique_ptr<Task> task, bool isLook)
+{
     if (queue_.size() >= capacity_)
         throw EngineError(EngineError::Reason::queueFull,
                           "The interpreter's queue is full: " + std::to_string(queue_.size()) + " tasks wait.");
-    queue_.push_back({lastId_ + 1, std::move(task)});
+    queue_.push_back({lastId_ + 1, std::move(task), isLook});
     if (queue_.size() == 1)
         wake_.set();
     return ++lastId_;
@@ -117,20 +155,24 @@ TaskId LocalRQE::Impl::post(std::unique_ptr<Task> task)
 
 bool LocalRQE::Impl::cancel(TaskId id)
 {
-    Entry entry;
+    std::unique_ptr<Task> task;
     {
         std::lock_guard lock(mutex_);
         // Numbers grow along the queue.
         auto found = std::lower_bound(queue_.begin(), queue_.end(), id,
                                       [](const Entry& queued, TaskId wanted) { return queued.id < wanted; });
-        if (found == queue_.end() || found->id != id)
-            return false;
-        entry = std::move(*found);
-        queue_.erase(found);
-        if (queue_.empty())
-            wake_.clear();
+        if (found != queue_.end() && found->id == id) {
+            task = std::move(found->task);
+            queue_.erase(found);
+            if (queue_.empty())
+                wake_.clear();
+        } else {
+            task = looks_.remove(id);
+        }
     }
-    entry.task->abandon(std::make_exception_ptr(
+    if (!task)
+        return false;
+    task->abandon(std::make_exception_ptr(
         EngineError(EngineError::Reason::cancelled, "The task was cancelled before it began.")));
     return true;
 }
@@ -161,6 +203,7 @@ LocalRQE::Impl::Entry LocalRQE::Impl::takeNext()
     if (queue_.empty())
         wake_.clear();
     running_ = next.id;
+    runningLooks_ = next.isLook;
     return next;
 }
 
@@ -179,6 +222,7 @@ bool LocalRQE::Impl::runOne()
     if (!entry.task)
         return false;
 
+    notify([](EngineListener& listener) { listener.workBegins(); });
     std::exception_ptr failure = std::make_exception_ptr(std::logic_error("The host did not run the task."));
     try {
         host_.withInterpreter([&](Interpreter& interpreter) {
@@ -209,8 +253,26 @@ bool LocalRQE::Impl::runOne()
 
 void LocalRQE::Impl::enterForeground()
 {
-    std::lock_guard lock(mutex_);
-    ++foreground_;
+    std::deque<Entry> stranded;
+    std::exception_ptr failure;
+    {
+        std::lock_guard lock(mutex_);
+        ++foreground_;
+        // Looks that came just before must not wait for the end of what begins.
+        try {
+            for (; !queue_.empty() && queue_.front().isLook; queue_.pop_front())
+                looks_.add(queue_.front().id, queue_.front().task, true);
+        } catch (const std::exception&) {
+            failure = std::current_exception();
+            for (; !queue_.empty() && queue_.front().isLook; queue_.pop_front())
+                stranded.push_back(std::move(queue_.front()));
+        }
+        if (queue_.empty())
+            wake_.clear();
+    }
+    for (Entry& entry : stranded)
+        entry.task->abandon(failure);
+    notify([](EngineListener& listener) { listener.workBegins(); });
 }
 
 void LocalRQE::Impl::leaveForeground() noexcept
@@ -233,20 +295,26 @@ void LocalRQE::Impl::leaveForeground() noexcept
 void LocalRQE::Impl::close(const std::string& reason)
 {
     std::deque<Entry> waiting;
+    bool insideTask = false;
     {
         std::lock_guard lock(mutex_);
         if (closed_)
             return;
         closed_ = true;
         closeReason_ = reason;
+        insideTask = running_ != 0;
         waiting.swap(queue_);
         wake_.clear();
     }
     auto error = std::make_exception_ptr(EngineError(EngineError::Reason::closed, reason));
+    looks_.close(error);
     for (Entry& entry : waiting) {
         entry.task->abandon(error);
         entry.task.reset();
     }
+    // The thread may need the language's lock for its end, which a task has.
+    if (!insideTask)
+        looks_.end();
 }
 
 RQE::State LocalRQE::Impl::state() const
@@ -304,9 +372,15 @@ try {
 
 LocalRQE::LocalRQE(LanguageHost& host, std::size_t capacity) : impl_(std::make_unique<Impl>(host, capacity)) {}
 
-LocalRQE::~LocalRQE() { close("The interpreter has ended."); }
+LocalRQE::~LocalRQE()
+{
+    close("The interpreter has ended.");
+    impl_->endLooks();
+}
 
 TaskId LocalRQE::post(std::unique_ptr<Task> task) { return impl_->post(std::move(task)); }
+
+TaskId LocalRQE::look(std::unique_ptr<Task> task) { return impl_->look(std::move(task)); }
 
 bool LocalRQE::cancel(TaskId task) { return impl_->cancel(task); }
 

@@ -18,6 +18,9 @@ public:
     /// Takes the language's lock, calls `body`, releases the lock, also on the way out of an exception. Interpreter
     /// thread.
     virtual void withInterpreter(const std::function<void(Interpreter&)>& body) = 0;
+    /// As withInterpreter, for looks: on the looking thread, while other code may run on the interpreter thread. Waits
+    /// for the lock as long as it takes. The default throws std::logic_error.
+    virtual void withLook(const std::function<void(Interpreter&)>& body);
     /// Makes the code that runs on the interpreter thread stop with the language's interrupt error. Any thread; quick.
     virtual void breakRunning() = 0;
     /// Forgets an interrupt that came too late to break anything. Interpreter thread, inside withInterpreter.
@@ -36,6 +39,7 @@ public:
     ~LocalRQE() override;
 
     TaskId post(std::unique_ptr<Task> task) override;
+    TaskId look(std::unique_ptr<Task> task) override;
     bool cancel(TaskId task) override;
     bool interrupt() override;
     bool interrupt(TaskId task) override;
@@ -69,7 +73,8 @@ public:
     void notifyFolderChanged(const std::string& folder);
     void notifyPrompt(bool waiting);
 
-    /// Abandons what waits (EngineError, closed, with this text) and refuses what comes. Interpreter thread.
+    /// Abandons what waits (EngineError, closed, with this text), refuses what comes, and ends the looking thread, for
+    /// whose end it waits at most a second (from inside a task the destructor does). Interpreter thread.
     void close(const std::string& reason);
 
 private:

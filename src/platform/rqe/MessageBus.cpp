@@ -134,6 +134,18 @@ void ProcessBus::publish(const std::string& channel, const std::string& json)
     bus->publish(channel, json);
 }
 
+void ProcessBus::tell(const std::string& channel, const std::string& json)
+{
+    if (const auto bus = Switchboard::instance().bus())
+        bus->tell(channel, json);
+}
+
+bool ProcessBus::hasSubscribers(const std::string& channel)
+{
+    const auto bus = Switchboard::instance().bus();
+    return bus && bus->hasSubscribers(channel);
+}
+
 std::unique_ptr<ProcessBus::Subscription> ProcessBus::subscribe(const std::string& channel,
                                                                 MessageBus::Receiver receiver)
 {

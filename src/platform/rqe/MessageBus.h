@@ -20,6 +20,10 @@ public:
     /// To all subscribers; waits a moment for those that are behind, unless on a thread that serves them. Throws
     /// std::invalid_argument for a channel that cannot be published to and for text that is not JSON.
     virtual void publish(const std::string& channel, const std::string& json) = 0;
+    /// As publish, but waits for nobody: for news that is rare or merged.
+    virtual void tell(const std::string& channel, const std::string& json) = 0;
+    /// Whether anybody gets what is published there, be it by a pattern. Quick.
+    virtual bool hasSubscribers(const std::string& channel) const = 0;
     /// `channel`: a name, or a pattern ("/a/*", "/a/**"). Calling the result ends the subscription. Throws
     /// std::invalid_argument for what is neither.
     virtual std::function<void()> subscribe(const std::string& channel, Receiver receiver) = 0;
@@ -36,6 +40,10 @@ public:
 
     /// As MessageBus::publish; throws std::runtime_error when there is no bus.
     static void publish(const std::string& channel, const std::string& json);
+    /// As MessageBus::tell; nothing without a bus.
+    static void tell(const std::string& channel, const std::string& json);
+    /// False without a bus.
+    static bool hasSubscribers(const std::string& channel);
 
     /// Ends when it dies. A receiver that is being called meanwhile is not waited for.
     class VENDRA_PLATFORM_API Subscription

@@ -12,7 +12,8 @@
 
 namespace rqe {
 
-/// A piece of work for the interpreter thread. Exactly one of these happens to a posted task: `run` and then `finish`,
+/// A piece of work for the interpreter thread, or, when it only looks, for the looking thread (RQE::look): what is said
+/// of the one holds for the other. Exactly one of these happens to a posted task: `run` and then `finish`,
 /// or `abandon`. Then it is deleted, on the thread of the last call.
 class VENDRA_PLATFORM_API Task
 {
@@ -35,6 +36,8 @@ class VENDRA_PLATFORM_API EngineListener
 {
 public:
     virtual ~EngineListener();
+    /// A task or a line of the terminal begins.
+    virtual void workBegins() {}
     /// After a task or a line of the terminal may have changed variables.
     virtual void variablesMayHaveChanged() {}
     virtual void folderChanged(const std::string& folder) { (void)folder; }
@@ -57,6 +60,10 @@ public:
 
     /// Queues a task. Throws EngineError (queueFull, closed); the task is then deleted without `abandon`.
     virtual TaskId post(std::unique_ptr<Task> task) = 0;
+    /// Runs a task that only looks (Interpreter says what a look may do), also while something else runs: then beside
+    /// it, on a thread for looks, in turns with what runs. Otherwise, and in an engine that cannot do that, it is
+    /// posted. Throws as `post`, and EngineError (queueFull) when too many looks wait.
+    virtual TaskId look(std::unique_ptr<Task> task);
     /// Takes a task that has not begun out of the queue and abandons it (EngineError, cancelled). False when it has
     /// begun, ended or never was.
     virtual bool cancel(TaskId task) = 0;

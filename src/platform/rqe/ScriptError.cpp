@@ -14,4 +14,8 @@ EngineError::EngineError(Reason reason, const std::string& message) : std::runti
 
 EngineError::~EngineError() = default;
 
+UnsteadyError::UnsteadyError(const std::string& message) : std::runtime_error(message) {}
+
+UnsteadyError::~UnsteadyError() = default;
+
 } // namespace rqe

@@ -47,4 +47,14 @@ private:
     Reason reason_;
 };
 
+/// What a look is after changes all the time, so that nothing could be said about it.
+class VENDRA_PLATFORM_API UnsteadyError : public std::runtime_error
+{
+public:
+    explicit UnsteadyError(const std::string& message);
+    ~UnsteadyError() override;
+    UnsteadyError(const UnsteadyError&) = default;
+    UnsteadyError& operator=(const UnsteadyError&) = default;
+};
+
 } // namespace rqe

@@ -103,17 +103,17 @@ Ref PythonInterpreter::callBrowser(const char* name, std::initializer_list<PyObj
         throw std::out_of_range(message);
     if (code == "badRequest")
         throw std::invalid_argument(message);
-    throw rqe::ScriptError("RuntimeError", message, "");
+    throw rqe::UnsteadyError(message);
 }
 
 std::vector<rqe::VariableInfo> PythonInterpreter::listVariables()
 {
-    return guarded(nullptr, [&] { return infosOf(callSupport("list_variables", {}).get()); });
+    return looking([&] { return infosOf(callSupport("list_variables", {}).get()); });
 }
 
 rqe::WorkspacePage PythonInterpreter::listVariables(std::string_view pattern, std::size_t offset, std::size_t limit)
 {
-    return guarded(nullptr, [&] {
+    return looking([&] {
         Ref wanted = makeText(pattern);
         Ref first = numberOf(offset);
         Ref most = numberOf(limit);
@@ -124,7 +124,7 @@ rqe::WorkspacePage PythonInterpreter::listVariables(std::string_view pattern, st
 
 rqe::ValueView PythonInterpreter::inspect(const rqe::ValueQuery& query)
 {
-    return guarded(nullptr, [&] {
+    return looking([&] {
         Ref name = makeText(query.name);
         Ref path = pathOf(query.path);
         Ref rows = rangeOf(query.rows);

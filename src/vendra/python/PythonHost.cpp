@@ -101,6 +101,24 @@ private:
     PyGILState_STATE state_;
 };
 
+/// While it stands no garbage is collected, on whichever thread. A script that switches collecting off just then finds
+/// it on again.
+class NoCollection
+{
+public:
+    NoCollection() : collects_(PyGC_Disable() != 0) {}
+    ~NoCollection()
+    {
+        if (collects_)
+            PyGC_Enable();
+    }
+    NoCollection(const NoCollection&) = delete;
+    NoCollection& operator=(const NoCollection&) = delete;
+
+private:
+    const bool collects_;
+};
+
 } // namespace
 
 class PythonHost::Impl
@@ -129,6 +147,7 @@ public:
     OutputCapture capture;
     Ref support;
     std::unique_ptr<PythonInterpreter> interpreter;
+    std::unique_ptr<PythonInterpreter> looker; ///< for the looking thread
     std::optional<int> leaveStatus;
     bool interruptNoted = false;
 
@@ -172,7 +191,8 @@ PythonHost::Impl::Impl(const Settings& settings)
         PyErr_Print();
         throw std::runtime_error("The script language cannot be prepared.");
     }
-    interpreter = std::make_unique<PythonInterpreter>(Ref::share(support.get()), capture);
+    interpreter = std::make_unique<PythonInterpreter>(Ref::share(support.get()), &capture);
+    looker = std::make_unique<PythonInterpreter>(Ref::share(support.get()), nullptr);
     mainThread = PyEval_SaveThread();
 }
 
@@ -206,6 +226,7 @@ void PythonHost::Impl::setWakeDescriptor(int descriptor)
 void PythonHost::Impl::dropReferences()
 {
     interpreter.reset();
+    looker.reset();
     for (Ref* reference : {&support, &setWakeFunction_, &wakeDescriptor_, &noDescriptor_})
         *reference = Ref{};
 }
@@ -335,6 +356,15 @@ void PythonHost::withInterpreter(const std::function<void(rqe::Interpreter&)>& b
 {
     Running running(*impl_);
     body(*impl_->interpreter);
+}
+
+void PythonHost::withLook(const std::function<void(rqe::Interpreter&)>& body)
+{
+    // Signals and their descriptor are the interpreter thread's business: the language handles them nowhere else.
+    Locked locked;
+    // What collecting ends may belong to the interpreter thread: a window, a database connection.
+    NoCollection noCollection;
+    body(*impl_->looker);
 }
 
 void PythonHost::breakRunning() { impl_->breakRunning(); }

@@ -46,6 +46,7 @@ public:
     ~PythonHost() override;
 
     void withInterpreter(const std::function<void(rqe::Interpreter&)>& body) override;
+    void withLook(const std::function<void(rqe::Interpreter&)>& body) override;
     void breakRunning() override;
     void discardBreak() override;
 

@@ -43,6 +43,12 @@ PyObject* workspace()
 
 } // namespace
 
+void PythonInterpreter::flush()
+{
+    if (capture_)
+        capture_->flush();
+}
+
 void PythonInterpreter::throwScriptError()
 {
     Ref error = takeError();
@@ -57,7 +63,7 @@ void PythonInterpreter::throwScriptError()
             std::string trace = textOf(PyTuple_GET_ITEM(described.get(), 2));
             type = textOf(PyTuple_GET_ITEM(described.get(), 0));
             error = {};
-            capture_.flush();
+            flush();
             throw rqe::ScriptError(type, message, trace);
         } catch (const ErrorSet&) {
             PyErr_Clear();
@@ -185,7 +191,7 @@ rqe::Completions PythonInterpreter::complete(std::string_view text, std::size_t 
     if (cursor > text.size())
         throw std::invalid_argument("The cursor at byte " + std::to_string(cursor) + " is beyond the text of " +
                                     std::to_string(text.size()) + " bytes.");
-    return guarded(nullptr, [&] {
+    return looking([&] {
         Ref before = makeText(text.substr(0, cursor));
         Ref found = callSupport("complete", {before.get()});
         rqe::Completions completions;
@@ -198,7 +204,7 @@ rqe::Completions PythonInterpreter::complete(std::string_view text, std::size_t 
 
 std::vector<std::string> PythonInterpreter::searchPath()
 {
-    return guarded(nullptr, [&] { return textsOf(callSupport("search_path", {}).get()); });
+    return looking([&] { return textsOf(callSupport("search_path", {}).get()); });
 }
 
 void PythonInterpreter::setSearchPath(const std::vector<std::string>& folders)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <initializer_list>
+#include <stdexcept>
 #include <string>
 
 #include "platform/rqe/Interpreter.h"
@@ -9,12 +10,14 @@
 
 namespace vendra::python {
 
-/// The embedded interpreter as tasks see it. Every operation needs the language's lock and the interpreter thread.
+/// The embedded interpreter as tasks see it. Every operation needs the language's lock and the interpreter thread, but
+/// looks may be on another thread with an object that captures nothing.
 class PythonInterpreter : public rqe::Interpreter
 {
 public:
-    /// `support`: the module of support/. `capture` must outlive this.
-    PythonInterpreter(Ref support, OutputCapture& capture) : support_(std::move(support)), capture_(capture) {}
+    /// `support`: the module of support/. `capture` must outlive this; null when this is for looks only: what may run
+    /// code of scripts then throws std::logic_error.
+    PythonInterpreter(Ref support, OutputCapture* capture) : support_(std::move(support)), capture_(capture) {}
 
     rqe::EvalResult evaluate(std::string_view code, const rqe::EvalOptions& options, rqe::OutputSink& output) override;
     std::vector<matrix::ArrayPtr> call(std::string_view name, std::vector<matrix::ArrayPtr> arguments,
@@ -39,6 +42,10 @@ private:
     /// Calls `body` with output going to `sink` (nowhere when null); an error of the language becomes a ScriptError.
     template <class Body>
     auto guarded(rqe::OutputSink* sink, Body body);
+    /// The same for what runs no code of scripts: there is nothing to capture.
+    template <class Body>
+    auto looking(Body body);
+    void flush();
     [[noreturn]] void throwScriptError();
     Ref callSupport(const char* name, std::initializer_list<PyObject*> arguments);
     /// Throws std::invalid_argument for what cannot be a variable's name.
@@ -51,17 +58,31 @@ private:
     static matrix::ArrayPtr arrayOrReason(PyObject* value, std::string& reason);
 
     Ref support_;
-    OutputCapture& capture_;
+    OutputCapture* const capture_;
 };
 
 template <class Body>
 auto PythonInterpreter::guarded(rqe::OutputSink* sink, Body body)
 {
-    OutputCapture::Scope scope(capture_, sink);
+    if (!capture_)
+        throw std::logic_error("A look runs no code.");
+    OutputCapture::Scope scope(*capture_, sink);
     try {
         auto result = body();
-        capture_.flush();
+        flush();
         return result;
+    } catch (const ErrorSet&) {
+        throwScriptError();
+    }
+}
+
+template <class Body>
+auto PythonInterpreter::looking(Body body)
+{
+    if (capture_)
+        return guarded(nullptr, body);
+    try {
+        return body();
     } catch (const ErrorSet&) {
         throwScriptError();
     }

@@ -57,6 +57,25 @@ TEST(BayeuxServer, policyDecidesAndRechecks)
     EXPECT_EQ(bus.sink->take().size(), 1u);
 }
 
+TEST(BayeuxServer, knowsWhetherAnybodyWouldReceive)
+{
+    Bus bus;
+    bus.join(bus.socket());
+    ChannelOptions kept;
+    kept.retain = true;
+    bus.server->setChannelOptions("/a/b", kept);
+    EXPECT_FALSE(bus.server->hasReceivers("/a/b")) << "a channel without subscribers";
+    for (const char* subscription : {"/a/b", "/a/*", "/a/**", "/**"}) {
+        const auto function = bus.server->subscribe(subscription, [](const BayeuxMessage&) {});
+        EXPECT_TRUE(bus.server->hasReceivers("/a/b")) << subscription;
+        EXPECT_EQ(bus.server->hasReceivers("/a"), std::string(subscription) == "/**") << subscription;
+    }
+    EXPECT_FALSE(bus.server->hasReceivers("/a/b"));
+    bus.subscribe("/a/*", bus.socket());
+    EXPECT_TRUE(bus.server->hasReceivers("/a/b"));
+    EXPECT_FALSE(bus.server->hasReceivers("/a/b/c"));
+}
+
 TEST(BayeuxServer, servicesAnswerTheSenderOnly)
 {
     Bus bus;

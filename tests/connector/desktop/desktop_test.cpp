@@ -1,14 +1,20 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <condition_variable>
 #include <deque>
+#include <mutex>
+#include <set>
 #include <thread>
 
 #include <boost/smart_ptr/make_shared.hpp>
 
 #include "connector/common/TickManager.h"
+#include "connector/container/ContainerMessages.h"
 #include "connector/core/ConnectorImpl2.h"
 #include "connector/core/ServiceFault.h"
 #include "connector/desktop/DesktopServiceProvider.h"
+#include "platform/rqe/MessageBus.h"
 
 namespace connector::desktop::v1 {
 namespace {
@@ -48,6 +54,7 @@ public:
         note("changes");
         rqe::VariableChanges changes;
         changes.token = std::to_string(revision);
+        changes.restarted = token == "none";
         if (!token.empty() && token != changes.token)
             changes.changed.push_back("x");
         return changes;
@@ -82,36 +89,44 @@ private:
 class SteppedEngine final : public rqe::RQE
 {
 public:
-    rqe::TaskId post(std::unique_ptr<rqe::Task> task) override
-    {
-        if (closed)
-            throw rqe::EngineError(rqe::EngineError::Reason::closed, "over");
-        tasks.emplace_back(++lastId, std::move(task));
-        return lastId;
-    }
+    using Tasks = std::deque<std::pair<rqe::TaskId, std::unique_ptr<rqe::Task>>>;
+
+    rqe::TaskId post(std::unique_ptr<rqe::Task> task) override { return add(tasks, std::move(task)); }
+    rqe::TaskId look(std::unique_ptr<rqe::Task> task) override { return add(busy ? aside : tasks, std::move(task)); }
     bool cancel(rqe::TaskId id) override
     {
-        const auto found =
-            std::find_if(tasks.begin(), tasks.end(), [&](const auto& entry) { return entry.first == id; });
-        if (found == tasks.end())
+        auto task = take(tasks, id);
+        if (!task)
+            task = take(aside, id);
+        if (!task)
             return false;
-        auto task = std::move(found->second);
-        tasks.erase(found);
         task->abandon(std::make_exception_ptr(rqe::EngineError(rqe::EngineError::Reason::cancelled, "gone")));
         return true;
     }
     bool interrupt() override { return false; }
     bool interrupt(rqe::TaskId) override { return false; }
-    State state() const override { return State::idle; }
-    std::size_t queued() const override { return tasks.size() + pretended; }
-    bool onInterpreterThread() const override { return false; }
-    void addListener(const std::shared_ptr<rqe::EngineListener>& added) override { listener = added; }
-    void removeListener(const rqe::EngineListener*) override { listener.reset(); }
-
-    void runOne()
+    State state() const override { return busy ? State::busy : State::idle; }
+    std::size_t queued() const override { return waiting() + pretended; }
+    bool onInterpreterThread() const override { return onThread; }
+    void addListener(const std::shared_ptr<rqe::EngineListener>& added) override { listeners.push_back(added); }
+    void removeListener(const rqe::EngineListener* removed) override
     {
-        auto task = std::move(tasks.front().second);
-        tasks.pop_front();
+        std::erase_if(listeners, [&](const auto& known) { return known.lock().get() == removed; });
+    }
+
+    std::size_t waiting() const
+    {
+        std::lock_guard lock(mutex);
+        return tasks.size();
+    }
+    void runOne(bool beside = false)
+    {
+        auto& from = beside ? aside : tasks;
+        std::unique_lock lock(mutex);
+        auto task = std::move(from.front().second);
+        from.pop_front();
+        lock.unlock();
+        onThread = !beside;
         std::exception_ptr failure;
         try {
             task->run(interpreter);
@@ -119,28 +134,106 @@ public:
             failure = std::current_exception();
         }
         failure ? task->abandon(failure) : task->finish();
-        mayHaveChanged();
+        if (!beside)
+            mayHaveChanged();
     }
     /// How many tasks it took.
     std::size_t runAll()
     {
         std::size_t count = 0;
-        for (; !tasks.empty() && count < 1'000; ++count)
+        for (; waiting() > 0 && count < 1'000; ++count)
             runOne();
         return count;
     }
-    void mayHaveChanged()
+    void mayHaveChanged() { tell(&rqe::EngineListener::variablesMayHaveChanged); }
+    template <class Call, class... Arguments>
+    void tell(Call call, Arguments... arguments)
     {
-        if (auto known = listener.lock())
-            known->variablesMayHaveChanged();
+        for (const auto& listener : listeners)
+            if (auto known = listener.lock())
+                ((*known).*call)(arguments...);
     }
 
     FakeInterpreter interpreter;
-    std::deque<std::pair<rqe::TaskId, std::unique_ptr<rqe::Task>>> tasks;
-    std::weak_ptr<rqe::EngineListener> listener;
+    mutable std::mutex mutex; ///< ticks post, too
+    Tasks tasks;
+    Tasks aside; ///< the looking thread's
+    std::vector<std::weak_ptr<rqe::EngineListener>> listeners;
     rqe::TaskId lastId = 0;
     std::size_t pretended = 0;
     bool closed = false;
+    std::atomic<bool> busy = false;
+    bool onThread = true;
+
+private:
+    rqe::TaskId add(Tasks& to, std::unique_ptr<rqe::Task> task)
+    {
+        if (closed)
+            throw rqe::EngineError(rqe::EngineError::Reason::closed, "over");
+        std::lock_guard lock(mutex);
+        to.emplace_back(++lastId, std::move(task));
+        return lastId;
+    }
+    std::unique_ptr<rqe::Task> take(Tasks& from, rqe::TaskId id)
+    {
+        std::lock_guard lock(mutex);
+        const auto found = std::find_if(from.begin(), from.end(), [&](const auto& entry) { return entry.first == id; });
+        if (found == from.end())
+            return nullptr;
+        auto task = std::move(found->second);
+        from.erase(found);
+        return task;
+    }
+};
+
+/// Notes what it is told.
+class NotingBus final : public rqe::MessageBus
+{
+public:
+    void publish(const std::string&, const std::string&) override { ADD_FAILURE() << "It would wait."; }
+    void tell(const std::string& channel, const std::string& json) override
+    {
+        std::lock_guard lock(mutex_);
+        told_.push_back(channel + " " + json);
+        changed_.notify_all();
+    }
+    bool hasSubscribers(const std::string& channel) const override
+    {
+        std::lock_guard lock(mutex_);
+        return subscribed_.contains(channel);
+    }
+    std::function<void()> subscribe(const std::string& channel, Receiver) override
+    {
+        std::lock_guard lock(mutex_);
+        subscribed_.insert(channel);
+        return [] {};
+    }
+    void unsubscribe(const std::string& channel)
+    {
+        std::lock_guard lock(mutex_);
+        subscribed_.erase(channel);
+    }
+    /// The next one, "" when none comes.
+    std::string next()
+    {
+        std::unique_lock lock(mutex_);
+        if (!changed_.wait_for(lock, std::chrono::seconds(10), [this] { return !told_.empty(); }))
+            return {};
+        auto first = std::move(told_.front());
+        told_.pop_front();
+        return first;
+    }
+    bool isSilent() const
+    {
+        std::lock_guard lock(mutex_);
+        return told_.empty();
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::set<std::string> subscribed_;
+    std::deque<std::string> told_;
 };
 
 template <class M>
@@ -184,6 +277,7 @@ protected:
     {
         connector->removeServiceProvider("desktop");
         common::TickManager::destructInstance();
+        rqe::ProcessBus::setBus(nullptr);
     }
 
     void serve(const boost::shared_ptr<rqe::RQE>& with)
@@ -239,7 +333,7 @@ TEST_F(DesktopTest, NothingWorksWithoutAnEngine)
     engine->closed = true;
     EXPECT_EQ(faultOf(send(std::make_unique<Workspace>())), "unavailable");
     engine->pretended = 1'000;
-    EXPECT_EQ(faultOf(send(std::make_unique<Workspace>())), "busy");
+    EXPECT_EQ(faultOf(send(named<ClearVariable>("v"))), "busy");
 }
 
 TEST_F(DesktopTest, RequestsRunInTheOrderOfArrival)
@@ -263,6 +357,7 @@ TEST_F(DesktopTest, FailuresKeepTheirMeaning)
         {std::make_exception_ptr(std::invalid_argument("rows of a dict")), "badRequest"},
         {std::make_exception_ptr(rqe::ScriptError("ValueError", "m", "t")), "scriptError"},
         {std::make_exception_ptr(rqe::ScriptError("KeyboardInterrupt", "", "")), "interrupted"},
+        {std::make_exception_ptr(rqe::UnsteadyError("changes")), "busy"},
     };
     for (const auto& [failure, code] : cases) {
         engine->interpreter.failure = failure;
@@ -366,7 +461,7 @@ TEST_F(DesktopTest, WaitsEnd)
     engine->runAll();
     connector->removeServiceProvider("desktop");
     EXPECT_EQ(faultOf(std::move(stopped)), "unavailable");
-    EXPECT_TRUE(engine->listener.expired());
+    EXPECT_TRUE(engine->listeners.empty());
 }
 
 TEST_F(DesktopTest, TheNumberOfWaitersIsBounded)
@@ -395,6 +490,118 @@ TEST_F(DesktopTest, AnInterruptedLookIsMadeUpFor)
     engine->mayHaveChanged();
     engine->runAll();
     EXPECT_EQ(changesOf(std::move(waiting)).changed.size(), 1u);
+}
+
+TEST_F(DesktopTest, OnlyLooksAreAnsweredBesideWhatRuns)
+{
+    engine->busy = true;
+    std::vector<MessageFuture> looks;
+    looks.push_back(send(std::make_unique<Workspace>()));
+    looks.push_back(send(std::make_unique<Variable>()));
+    looks.push_back(send(completing("ab", {})));
+    auto change = send(setting({}));
+    EXPECT_EQ(engine->aside.size(), 3u);
+    EXPECT_EQ(engine->waiting(), 1u);
+    for (auto& look : looks) {
+        engine->runOne(true);
+        EXPECT_NE(look.get(), nullptr);
+    }
+    EXPECT_FALSE(change.isReady());
+}
+
+TEST_F(DesktopTest, InAContainerLooksWaitForWhatTheySee)
+{
+    auto container = std::make_unique<container::v1::ContainerRequest>();
+    const auto add = [&](MessagePtr message) { container->entries.push_back({"", "", std::move(message), nullptr}); };
+    add(std::make_unique<Workspace>());
+    add(completing("ab", {}));
+    add(setting({}));
+    add(std::make_unique<Workspace>());
+    auto answer = send(std::move(container)).get();
+    auto& passed = dynamic_cast<container::v1::ContainerRequest&>(*answer);
+    engine->busy = true;
+    std::vector<MessageFuture> sent;
+    for (auto& entry : passed.entries)
+        sent.push_back(send(std::move(entry.message)));
+    EXPECT_EQ(engine->aside.size(), 2u);
+    engine->runAll();
+    EXPECT_EQ(engine->interpreter.asked, (std::vector<std::string>{"set v", "list "}));
+    engine->runOne(true);
+    engine->runOne(true);
+}
+
+TEST_F(DesktopTest, ALookThatCannotBeginIsAnsweredAndTakenOut)
+{
+    engine->busy = true;
+    auto stuck = send(std::make_unique<Workspace>());
+    auto begun = send(std::make_unique<Workspace>());
+    EXPECT_EQ(faultOf(std::move(stuck)), "busy");
+    const auto isEmpty = [this] {
+        std::lock_guard lock(engine->mutex);
+        return engine->aside.empty();
+    };
+    for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+         !isEmpty() && std::chrono::steady_clock::now() < end;)
+        std::this_thread::yield();
+    EXPECT_TRUE(isEmpty());
+    EXPECT_EQ(faultOf(std::move(begun)), "busy");
+}
+
+TEST_F(DesktopTest, SubscribersOfTheBusHearOfChanges)
+{
+    const auto bus = std::make_shared<NotingBus>();
+    rqe::ProcessBus::setBus(bus);
+    engine->mayHaveChanged();
+    EXPECT_EQ(engine->waiting(), 0u) << "nobody listens";
+
+    bus->subscribe("/interpreter/variables", {});
+    engine->mayHaveChanged();
+    EXPECT_EQ(engine->runAll(), 1u);
+    EXPECT_EQ(bus->next(), R"(/interpreter/variables {"token":"1","changed":["x"],"removed":[],"restarted":true})");
+
+    for (int i = 0; i < 100; ++i) {
+        engine->interpreter.revision = 2 + i;
+        engine->mayHaveChanged();
+        engine->runAll();
+    }
+    while (bus->isSilent())
+        engine->runAll(); // what a tick posts
+    // In as many messages as there were gaps, which is what a slow machine may need for the loop.
+    std::string last = bus->next();
+    while (last.find(R"("token":"101")") == std::string::npos) {
+        ASSERT_NE(last, "");
+        while (bus->isSilent())
+            engine->runAll();
+        last = bus->next();
+    }
+    EXPECT_EQ(last, R"(/interpreter/variables {"token":"101","changed":["x"],"removed":[]})");
+
+    bus->unsubscribe("/interpreter/variables");
+    engine->mayHaveChanged();
+    EXPECT_EQ(engine->waiting(), 0u);
+}
+
+TEST_F(DesktopTest, SubscribersOfTheBusHearOfTheFolderAndOfLongWork)
+{
+    const auto bus = std::make_shared<NotingBus>();
+    rqe::ProcessBus::setBus(bus);
+    engine->tell(&rqe::EngineListener::folderChanged, "/unheard");
+    bus->subscribe("/interpreter/folder", {});
+    bus->subscribe("/interpreter/state", {});
+    engine->tell(&rqe::EngineListener::folderChanged, "/data");
+    EXPECT_EQ(bus->next(), R"(/interpreter/folder {"folder":"/data"})");
+
+    engine->tell(&rqe::EngineListener::workBegins);
+    engine->mayHaveChanged();
+    EXPECT_TRUE(bus->isSilent()) << "short work is no news";
+    engine->busy = true;
+    engine->tell(&rqe::EngineListener::workBegins);
+    EXPECT_EQ(bus->next(), R"(/interpreter/state {"state":"busy","queued":0})");
+    auto waiting = send(setting({}));
+    EXPECT_EQ(bus->next(), R"(/interpreter/state {"state":"busy","queued":1})");
+    engine->busy = false;
+    engine->runAll();
+    EXPECT_EQ(bus->next(), R"(/interpreter/state {"state":"idle","queued":0})");
 }
 
 } // namespace

@@ -2,12 +2,15 @@
 
 #include <atomic>
 #include <future>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 
 #include <boost/smart_ptr/make_shared.hpp>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace rqe;
 
@@ -51,6 +54,13 @@ public:
         body(interpreter);
         locked = false;
     }
+    void withLook(const std::function<void(Interpreter&)>& body) override
+    {
+        ++waitingLooks;
+        std::lock_guard lock(looking);
+        --waitingLooks;
+        body(interpreter);
+    }
     void breakRunning() override { ++breaks; }
     void discardBreak() override
     {
@@ -61,6 +71,8 @@ public:
     NoInterpreter interpreter;
     bool locked = false;
     bool refuse = false;
+    std::mutex looking; ///< the language's lock, as the looking thread has it
+    std::atomic<int> waitingLooks = 0;
     std::atomic<int> breaks = 0; ///< interrupts that nothing took yet
     int discarded = 0;
 };
@@ -99,6 +111,32 @@ private:
     std::function<void()> body_;
 };
 
+/// How a look ends: where it ran and whether an interrupt could reach it there, or why it did not run.
+class Look : public Task
+{
+public:
+    struct Outcome
+    {
+        std::thread::id thread;
+        bool takesInterrupts = false;
+        std::string abandoned;
+    };
+
+    std::future<Outcome> outcome() { return promise_.get_future(); }
+    void run(Interpreter&) override
+    {
+        sigset_t mask;
+        ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+        outcome_ = {std::this_thread::get_id(), ::sigismember(&mask, SIGINT) == 0, ""};
+    }
+    void finish() noexcept override { promise_.set_value(outcome_); }
+    void abandon(std::exception_ptr reason) noexcept override { promise_.set_value({{}, false, textOf(reason)}); }
+
+private:
+    Outcome outcome_;
+    std::promise<Outcome> promise_;
+};
+
 bool readable(int descriptor)
 {
     pollfd waited{descriptor, POLLIN, 0};
@@ -111,6 +149,21 @@ protected:
     TaskId post(const std::string& name, std::function<void()> body = {})
     {
         return engine->post(std::make_unique<LoggingTask>(log, name, std::move(body)));
+    }
+    std::future<Look::Outcome> look(TaskId* id = nullptr)
+    {
+        auto task = std::make_unique<Look>();
+        auto outcome = task->outcome();
+        const TaskId number = engine->look(std::move(task));
+        if (id)
+            *id = number;
+        return outcome;
+    }
+    static Look::Outcome endOf(std::future<Look::Outcome>& look)
+    {
+        if (look.wait_for(std::chrono::seconds(10)) != std::future_status::ready)
+            throw std::runtime_error("The look does not end.");
+        return look.get();
     }
     void remake(std::size_t capacity) { engine = boost::make_shared<LocalRQE>(host, capacity); }
 
@@ -313,6 +366,102 @@ TEST_F(LocalRQETest, takesTasksFromManyThreads)
     EXPECT_EQ(seen, std::vector<int>(kThreads, kEach));
 }
 
+TEST_F(LocalRQETest, looksAreTasksWhileNothingElseRunsOrWaits)
+{
+    auto first = look();
+    auto second = look();
+    EXPECT_EQ(engine->queued(), 2U);
+    engine->runOne();
+    engine->runOne();
+    for (auto* outcome : {&first, &second})
+        EXPECT_EQ(endOf(*outcome).thread, std::this_thread::get_id());
+
+    post("a");
+    auto beside = look();
+    EXPECT_NE(endOf(beside).thread, std::this_thread::get_id()) << "it would wait for the task";
+    engine->runOne();
+}
+
+TEST_F(LocalRQETest, looksRunBesideATaskAndTheForeground)
+{
+    post("a", [&] {
+        auto beside = look();
+        const auto outcome = endOf(beside);
+        EXPECT_NE(outcome.thread, std::this_thread::get_id());
+        EXPECT_NE(outcome.thread, std::thread::id());
+        EXPECT_FALSE(outcome.takesInterrupts);
+        EXPECT_TRUE(engine->interrupt()); // which is the task's
+    });
+    engine->runOne();
+    EXPECT_EQ(host.discarded, 1);
+
+    auto stranded = look();
+    LocalRQE::ForegroundScope scope(*engine);
+    auto beside = look();
+    EXPECT_NE(endOf(stranded).thread, std::this_thread::get_id());
+    EXPECT_NE(endOf(beside).thread, std::this_thread::get_id());
+    EXPECT_FALSE(readable(engine->wakeFd()));
+}
+
+TEST_F(LocalRQETest, looksThatCannotHaveTheLockAreBoundedAndCanBeCancelled)
+{
+    LocalRQE::ForegroundScope scope(*engine);
+    std::unique_lock kept(host.looking);
+    std::vector<std::future<Look::Outcome>> waiting;
+    TaskId last = 0;
+    for (int i = 0; i < 100; ++i)
+        waiting.push_back(look(&last));
+    try {
+        look();
+        FAIL() << "one more look was taken";
+    } catch (const EngineError& error) {
+        EXPECT_EQ(error.reason(), EngineError::Reason::queueFull);
+    }
+    EXPECT_TRUE(engine->cancel(last));
+    EXPECT_FALSE(engine->cancel(last));
+    EXPECT_EQ(endOf(waiting.back()).abandoned, "engine 2: The task was cancelled before it began.");
+    waiting.pop_back();
+    kept.unlock();
+    for (auto& outcome : waiting)
+        EXPECT_EQ(endOf(outcome).abandoned, "");
+}
+
+TEST_F(LocalRQETest, closeDoesNotWaitForLongForALookWithoutTheLock)
+{
+    std::future<Look::Outcome> waiting;
+    std::unique_lock kept(host.looking);
+    {
+        LocalRQE::ForegroundScope scope(*engine);
+        waiting = look();
+        while (host.waitingLooks == 0)
+            std::this_thread::yield();
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    engine->close("going down");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    EXPECT_EQ(endOf(waiting).abandoned, "engine 1: going down");
+    EXPECT_THROW(look(), EngineError);
+    kept.unlock(); // the thread is still to be able to end
+    engine.reset();
+    EXPECT_EQ(host.waitingLooks, 0);
+}
+
+TEST_F(LocalRQETest, aForkedChildEndsWithoutTheLookingThread)
+{
+    LocalRQE::ForegroundScope scope(*engine);
+    auto beside = look();
+    endOf(beside);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(10);
+        engine->close("the child ends");
+        ::_exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(LocalRQETest, tellsListenersThatLive)
 {
     struct Listener : EngineListener
@@ -323,6 +472,7 @@ TEST_F(LocalRQETest, tellsListenersThatLive)
             log_.push_back("variables");
             throw std::runtime_error("not the engine's business");
         }
+        void workBegins() override { log_.push_back("begins"); }
         void folderChanged(const std::string& folder) override { log_.push_back(folder); }
         void promptChanged(bool waiting) override { log_.push_back(waiting ? "prompt" : "line"); }
         Log& log_;
@@ -346,7 +496,7 @@ TEST_F(LocalRQETest, tellsListenersThatLive)
         LocalRQE::ForegroundScope scope(*engine);
     }
     EXPECT_EQ(first, Log{});
-    EXPECT_EQ(second, (Log{"prompt", "line", "/data", "variables", "variables"}));
+    EXPECT_EQ(second, (Log{"prompt", "line", "/data", "begins", "variables", "begins", "variables"}));
 }
 
 TEST_F(LocalRQETest, theProcessSessionGivesTheEngineUntilItCloses)

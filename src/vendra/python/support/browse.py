@@ -9,11 +9,6 @@ import math
 
 _DEEPEST_VALUE = 64
 _LABEL_BYTES = 64
-_TRIES = 3  # to read a container that another thread changes
-
-
-class _Refused(Exception):
-    """(code, text) for the client."""
 
 
 def _not_found(place):
@@ -104,9 +99,9 @@ def _read_inside(value, offset, limit):
         if _is_any(base, (list, tuple, range)):
             return count, _numbered(base.__getitem__(value, slice(offset, end)), offset)
         if base is dict:
-            return count, _keyed(itertools.islice(dict.items(value), offset, end))
+            return count, _keyed(list(itertools.islice(dict.items(value), offset, end)))
         if _is_any(base, _CONTAINERS):
-            items = _numbered(itertools.islice(base.__iter__(value), offset, end), offset)
+            items = _numbered(list(itertools.islice(base.__iter__(value), offset, end)), offset)
             return count, items if base is collections.deque else [(None, name, item) for _, name, item in items]
         return 0, []
     if _is_array(value):
@@ -124,17 +119,8 @@ def _read_inside(value, offset, limit):
         return 0, []
     attributes = {} if type(value) is types.ModuleType or issubclass(type(value), type) else _dict_of(value)
     parts = [(name, name, part) for name, part in _slots_of(value)]
-    parts += [(key, key, part) for key, part in dict.items(attributes or {}) if type(key) is str]
+    parts += [(key, key, part) for key, part in list(dict.items(attributes or {})) if type(key) is str]
     return len(parts), parts[offset:end]
-
-
-def _inside(value, offset, limit):
-    for _ in range(_TRIES):
-        try:
-            return _read_inside(value, offset, limit)
-        except RuntimeError:
-            pass
-    raise _Refused("busy", "The value changes all the time.")
 
 
 class _Budget:
@@ -318,15 +304,18 @@ def _answered(function):
             return "found", *function(*arguments)
         except _Refused as refusal:
             return refusal.args
+        except _Unsteady as reason:
+            return "unsteady", str(reason)
 
     return call
 
 
 @_answered
+@_steady
 def browse(name, path, rows, columns, offset, limit, value_bytes):
     """(_info, number of parts, [(step, _info) of parts], _Part's members as a tuple) of a value."""
     value = _walk(name, path)
-    count, parts = _inside(value, offset, limit)
+    count, parts = _read_inside(value, offset, limit)
     part = _Part()
     try:
         _fill_part(part, value, rows, columns, _Budget(value_bytes))

@@ -59,6 +59,7 @@ def _scan(code):
     return "code", brackets
 
 
+@_steady
 def complete(before):
     """(text that a candidate replaces, candidates) at the end of `before`."""
     if len(before) > _MOST_CODE:
@@ -104,8 +105,8 @@ def _member_names(value):
     names = set()
     if type(value) is not types.ModuleType:
         for kind in _ancestors(value if issubclass(type(value), type) else type(value)):
-            names.update(name for name in _names_in(kind) if type(name) is str)
-    names.update(name for name in dict.keys(_dict_of(value) or {}) if type(name) is str)
+            names.update(name for name in list(_names_in(kind)) if type(name) is str)
+    names.update(name for name in list(dict.keys(_dict_of(value) or {})) if type(name) is str)
     if _is_frame(value):
         names.update(name for name in value.columns[:1000].tolist() if type(name) is str and name.isidentifier())
     return names
@@ -172,7 +173,7 @@ _PLAIN_MEMBERS = (
 
 
 def _defined_in(kind):
-    return {name for ancestor in _ancestors(kind)[:-1] for name in _names_in(ancestor)}
+    return {name for ancestor in _ancestors(kind)[:-1] for name in list(_names_in(ancestor))}
 
 
 def _arguments(before, brackets, tail):

@@ -6,13 +6,21 @@ show in a traceback.
 A watcher looks all the time, so a class of somebody's must not be able to stop or to hang it. Classes are therefore
 compared by identity (a metaclass may define `==`), members are read from the dictionaries where they are, and only the
 `repr` of the language's own types is called.
+
+A look may be on a thread of its own while a script changes what is looked at, and the turn may change between any two
+steps here. What can be large is therefore read in one step of the language's own, as far as it is needed; what goes
+wrong all the same is tried again (_steady).
 """
 
 import collections
+import fnmatch
+import itertools
 import sys
 import types
 
 _MOST_PREVIEW_BYTES = 200
+_MOST_COPIED = 10_000  # entries of a dictionary that is searched
+_TRIES = 10
 _MOST_PREVIEW_BITS = 640  # of an int: the decimal form of a huge number takes its time
 
 _module_of = type.__dict__["__module__"].__get__
@@ -29,6 +37,35 @@ _NUMBERS = (bool, int, float, complex)
 _BASES = {id(kind): kind for kind in (*_CONTAINERS, *_TEXTS, *_NUMBERS)}
 _BRACKETS = {list: "[]", tuple: "()", set: "{}", frozenset: "{}", dict: "{}"}
 _SAFE_DESCRIPTORS = (types.GetSetDescriptorType, types.MemberDescriptorType)
+
+
+class _Refused(Exception):
+    """(code, text) for the client."""
+
+
+class _Unsteady(Exception):
+    pass
+
+
+def _steady(look):
+    """Tries again when what is looked at changed under the look."""
+
+    def call(*arguments):
+        for _ in range(_TRIES - 1):
+            try:
+                return look(*arguments)
+            except (_Refused, RecursionError, MemoryError):
+                raise
+            except Exception:
+                pass
+        try:
+            return look(*arguments)
+        except RecursionError:
+            raise
+        except RuntimeError:  # that is how a container says that it changed
+            raise _Unsteady("What is looked at changes all the time.") from None
+
+    return call
 
 
 def _is_any(kind, kinds):
@@ -156,7 +193,7 @@ def _short_preview(value):
 
 def _preview_items(items, brackets):
     parts, length = [], 0
-    for item in items:
+    for item in list(itertools.islice(items, _MOST_PREVIEW_BYTES)):
         if length > _MOST_PREVIEW_BYTES:
             break
         part = ": ".join(map(_short_preview, item)) if brackets == ":" else _short_preview(item)
@@ -256,7 +293,8 @@ def _slots_of(value):
 
 def _find(names, wanted):
     """The value of a str in a dictionary, found without comparing it to keys of other types; KeyError."""
-    for key, value in dict.items(names):
+    items = dict.items(names)
+    for key, value in list(items) if dict.__len__(names) <= _MOST_COPIED else items:
         if type(key) is type(wanted) and key == wanted:
             return value
     raise KeyError(wanted)
@@ -274,16 +312,16 @@ def variable_names():
     return sorted(_variables())
 
 
+@_steady
 def list_variables():
     """Each variable's _info."""
     variables = _variables()
     return [_info(name, variables[name]) for name in sorted(variables)]
 
 
+@_steady
 def page_of_variables(pattern, offset, limit):
     """(how many names fit the pattern, the _info of a part of them)"""
-    import fnmatch
-
     variables = _variables()
     names = sorted(name for name in variables if not pattern or fnmatch.fnmatchcase(name, pattern))
     return len(names), [_info(name, variables[name]) for name in names[offset : offset + limit]]
