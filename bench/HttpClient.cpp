@@ -38,10 +38,11 @@ std::string HttpClient::exchange(const std::string& request)
         if (const auto headEnd = received_.find("\r\n\r\n");
             bodyStart == std::string::npos && headEnd != std::string::npos) {
             const auto length = received_.find("Content-Length: ");
-            if (!received_.starts_with("HTTP/1.1 200") || length == std::string::npos)
+            const bool empty = received_.starts_with("HTTP/1.1 204");
+            if (!empty && (!received_.starts_with("HTTP/1.1 200") || length == std::string::npos))
                 throw std::runtime_error("unexpected answer: " + received_);
             bodyStart = headEnd + 4;
-            end = bodyStart + std::stoul(received_.substr(length + 16));
+            end = empty ? bodyStart : bodyStart + std::stoul(received_.substr(length + 16));
         }
     }
     std::string body = received_.substr(bodyStart, end - bodyStart);
@@ -49,8 +50,9 @@ std::string HttpClient::exchange(const std::string& request)
     return body;
 }
 
-std::string postRequest(const std::string& path, const std::string& token, const std::string& body)
+std::string postRequest(std::uint16_t port, const std::string& path, const std::string& token, const std::string& body)
 {
-    return "POST " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer " + token +
-           "\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+    return "POST " + path + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) + "\r\nAuthorization: Bearer " +
+           token + "\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+           body;
 }

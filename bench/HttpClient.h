@@ -13,7 +13,7 @@ public:
     HttpClient& operator=(const HttpClient&) = delete;
 
     /// Sends a whole request and reads the whole answer; yields its body. Throws std::runtime_error for a status other
-    /// than 200 and for a closed connection.
+    /// than 200 and 204 and for a closed connection.
     std::string exchange(const std::string& request);
 
 private:
@@ -21,5 +21,5 @@ private:
     std::string received_;
 };
 
-/// The bytes of a POST of JSON.
-std::string postRequest(const std::string& path, const std::string& token, const std::string& body);
+/// The bytes of a POST of JSON to a port of this machine.
+std::string postRequest(std::uint16_t port, const std::string& path, const std::string& token, const std::string& body);

@@ -114,7 +114,7 @@ int main(int argc, char** argv)
     EchoServer echo(kEvalAnswer);
     HttpClient hostClient(host.port());
     HttpClient echoClient(echo.port());
-    const auto request = postRequest("/messageservice/container", host.token(), kEval);
+    const auto request = postRequest(host.port(), "/messageservice/container", host.token(), kEval);
     if (hostClient.exchange(request).find(R"("value":2)") == std::string::npos)
         throw std::runtime_error("1+1 was not 2");
 

@@ -21,5 +21,8 @@ echo
 echo "== Normal requests among slow ones"
 /usr/bin/python3 bench/slow_clients.py "$build"
 echo
+echo "== Evaluations beside a floor and a notebook server"
+/usr/bin/python3 bench/host_bench.py "$build"
+echo
 echo "== The message bus beside Faye"
 /usr/bin/python3 bench/bayeux_bench.py "$build"

@@ -1,92 +1,185 @@
-// A console on the host's workspace: posts Eval and Interrupt messages and shows what comes back.
+// A console on the host's workspace. What it starts runs on when the page goes, and is there when it comes back.
+
+import {ask, Bus} from "./bus.js";
+import {Cell} from "./cell.js";
+import {Variables} from "./variables.js";
 
 const log = document.getElementById("log");
 const code = document.getElementById("code");
 const state = document.getElementById("state");
+const candidates = document.getElementById("candidates");
+const kPlaceholder = code.placeholder;
+const kReadBack = 100; // events of an evaluation that a new page asks for
 
+const cells = new Map(); // id -> Cell
 const history = [];
-let shown = 0; // index into history while the arrow keys leaf through it
-let running = 0;
+let leafed = 0; // index into history while the arrow keys leaf through it
+let asking = null; // id of the evaluation that waits for input
 
-async function ask(message) {
-  const response = await fetch("/messageservice/container", {
-    method: "POST",
-    headers: {"Content-Type": "application/json", "Accept": "application/json"},
-    body: JSON.stringify({id: "1", ...message}),
+const variables = new Variables(document.querySelector("#variables tbody"), document.querySelector("#variables h2"));
+const bus = new Bus((up) => up ? resume() : show());
+bus.subscribe("/interpreter/variables", () => variables.refresh());
+bus.subscribe("/interpreter/folder", ({folder}) => showFolder(folder));
+
+function show() {
+  const running = [...cells.values()].some((cell) => !cell.ended);
+  state.textContent = !bus.id ? "not connected" : asking ? "waits for input" : running ? "busy" : "ready";
+  document.body.classList.toggle("asking", asking !== null);
+  code.placeholder = asking ? "Input for the running code. Enter: send. Ctrl+D: end of input." : kPlaceholder;
+}
+
+function showFolder(folder) { document.getElementById("folder").textContent = folder; }
+
+function report(error) {
+  const line = document.createElement("pre");
+  line.className = "fault";
+  line.textContent = error.message;
+  log.append(line);
+}
+
+/// After the page was loaded, and after the connection was lost.
+async function resume() {
+  try {
+    const {evaluations} = await bus.call("list");
+    for (const {id, channel, code: source, last} of evaluations) {
+      const cell = cells.get(id) ?? new Cell(log, source, Math.max(0, last - kReadBack));
+      if (cell.ended)
+        continue;
+      follow(id, channel, cell);
+      await bus.call("attach", {id, after: cell.last});
+    }
+    const known = new Set(evaluations.map(({id}) => id));
+    for (const [id, cell] of cells)
+      if (!cell.ended && !known.has(id)) {
+        cell.ended = true;
+        cell.fail("The host does not know this evaluation any more.");
+      }
+    variables.refresh();
+    showFolder((await ask("CurrentFolder")).folder);
+  } catch (error) {
+    report(error);
+  }
+  show();
+}
+
+function follow(id, channel, cell) {
+  cells.set(id, cell);
+  bus.listen(channel, (event) => {
+    if (!cell.take(event))
+      return;
+    if (event.kind === "input")
+      asking = id;
+    else if (asking === id)
+      asking = null;
+    if (cell.ended)
+      bus.forget(channel);
+    show();
   });
-  const answer = await response.json().catch(() => ({}));
-  if (!response.ok)
-    throw new Error(answer.error ?? `The host answered with status ${response.status}.`);
-  return answer;
-}
-
-function append(kind, text) {
-  if (!text)
-    return;
-  const entry = document.createElement("pre");
-  entry.className = kind;
-  entry.textContent = text;
-  log.append(entry);
-  entry.scrollIntoView({block: "end"});
-}
-
-function count(change) {
-  running += change;
-  state.textContent = running > 0 ? "busy" : "ready";
 }
 
 async function run(source) {
-  append("asked", source);
-  count(+1);
+  const cell = new Cell(log, source);
   try {
-    const answer = await ask({type: "Eval", code: source, echo: true, wantValue: false});
-    append("printed", answer.output?.replace(/\n$/, ""));
-    if (answer.type === "Fault")
-      append("fault", answer.traceback?.trimEnd() || answer.message);
+    const {id, channel} = await bus.call("start", {code: source, echo: true, wantValue: false});
+    follow(id, channel, cell);
   } catch (error) {
-    append("fault", String(error.message));
-  } finally {
-    count(-1);
+    cell.fail(error.message);
   }
+  show();
+}
+
+function answer(members) {
+  bus.call("input", {id: asking, ...members}).catch(report);
+  if (members.text !== undefined)
+    cells.get(asking).print("printed", members.text + "\n");
+  asking = null;
+  show();
 }
 
 function fit() {
   code.rows = Math.min(code.value.split("\n").length, 12);
+  candidates.replaceChildren();
 }
 
 function submit() {
-  const source = code.value.trimEnd();
-  if (!source.trim())
+  const text = code.value;
+  if (!asking && !text.trim())
     return;
-  history.push(source);
-  shown = history.length;
   code.value = "";
   fit();
-  run(source);
+  if (asking)
+    return answer({text});
+  history.push(text.trimEnd());
+  leafed = history.length;
+  run(text.trimEnd());
 }
 
 function leaf(step) {
-  const target = shown + step;
+  const target = leafed + step;
   if (target < 0 || target > history.length)
     return;
-  shown = target;
-  code.value = history[shown] ?? "";
+  leafed = target;
+  code.value = history[leafed] ?? "";
   fit();
 }
 
+/// What all the texts begin with.
+function common(texts) {
+  const [first, ...others] = texts;
+  let length = first.length;
+  for (const other of others)
+    while (!other.startsWith(first.slice(0, length)))
+      --length;
+  return first.slice(0, length);
+}
+
+async function complete() {
+  const text = code.value.slice(0, code.selectionStart);
+  const found = await ask("TabCompletion", {text, limit: 50});
+  if (found.candidates.length === 0 || code.value.slice(0, code.selectionStart) !== text)
+    return;
+  const from = [...text].slice(0, found.replaceFrom).join("").length; // from code points to UTF-16
+  const chosen = common(found.candidates);
+  if (chosen.length > text.length - from)
+    code.setRangeText(chosen, from, code.selectionStart, "end");
+  fit();
+  if (found.candidates.length > 1)
+    candidates.textContent = found.candidates.join("  ") + (found.total > found.candidates.length ? "  …" : "");
+}
+
 code.addEventListener("keydown", (event) => {
+  const plain = !event.shiftKey && !event.ctrlKey && !event.altKey && !event.metaKey;
+  const beforeCursor = code.value.slice(0, code.selectionStart);
+  if (event.isComposing)
+    return;
   if (event.key === "Enter" && !event.shiftKey) {
-    event.preventDefault();
     submit();
-  } else if (event.key === "ArrowUp" && !code.value.includes("\n")) {
-    event.preventDefault();
+  } else if (event.key === "Tab" && plain && /[^\s]$/.test(beforeCursor)) {
+    complete().catch(report);
+  } else if (event.key === "Tab" && plain && code.value !== "") {
+    code.setRangeText("    ", code.selectionStart, code.selectionEnd, "end");
+  } else if (event.key === "d" && event.ctrlKey && asking && code.value === "") {
+    answer({end: true});
+  } else if (event.key === "ArrowUp" && !beforeCursor.includes("\n")) {
     leaf(-1);
-  } else if (event.key === "ArrowDown" && !code.value.includes("\n")) {
-    event.preventDefault();
+  } else if (event.key === "ArrowDown" && !code.value.slice(code.selectionEnd).includes("\n")) {
     leaf(+1);
+  } else {
+    return;
   }
+  event.preventDefault();
 });
 code.addEventListener("input", fit);
+
+// The end stays in sight, unless somebody scrolled up.
+let atEnd = true;
+log.addEventListener("scroll", () => {
+  atEnd = log.scrollHeight - log.scrollTop - log.clientHeight < 50;
+});
+new MutationObserver(() => {
+  if (atEnd)
+    log.scrollTop = log.scrollHeight;
+}).observe(log, {childList: true, subtree: true, characterData: true});
 
 document.getElementById("form").addEventListener("submit", (event) => {
   event.preventDefault();
@@ -94,6 +187,8 @@ document.getElementById("form").addEventListener("submit", (event) => {
 });
 
 document.getElementById("interrupt").addEventListener("click", () => {
-  ask({type: "Interrupt"}).catch((error) => append("fault", String(error.message)));
+  ask("Interrupt").catch(report);
   code.focus();
 });
+
+show();

@@ -96,11 +96,25 @@ test("the printed address lets one browser in, once", async () => {
     await page.waitForSelector(".fault >> text=ValueError");
     await page.fill("#code", "while True: pass");
     await page.press("#code", "Enter");
+    await page.waitForSelector("text=busy");
     await page.click("#interrupt");
     await page.waitForSelector(".fault >> text=KeyboardInterrupt");
 
+    await page.waitForSelector("#variables >> text=answer");
+    await page.fill("#code", "answ");
+    await page.press("#code", "Tab");
+    await page.waitForFunction(() => document.getElementById("code").value === "answer");
+    await page.fill("#code", "print('Hello,', input('Who? '))\nfor i in range(100_000): print(i)");
+    await page.press("#code", "Enter");
+    await page.waitForSelector("text=waits for input");
     await page.reload();
     assert.equal(await page.textContent("h1"), "Connector");
+    await page.waitForSelector("text=waits for input");
+    await page.waitForSelector("text=it is 42"); // what was printed before is there again
+    await page.fill("#code", "Ada");
+    await page.press("#code", "Enter");
+    await page.waitForSelector("text=earlier output is not shown");
+    await page.waitForSelector("text=99999");
     await page.goto(entry);
     assert.equal(page.url(), origin + "/", "a used address of a browser that is in leads to the page");
     assert.deepEqual(complaints, []);

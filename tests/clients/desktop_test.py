@@ -1,13 +1,16 @@
 #!/usr/bin/env python3
 """A console's view of the live interpreter. Usage: desktop_test.py VENDRA"""
 
+import base64
 import concurrent.futures
 import json
 import os
 import pty
+import struct
 import sys
 import time
 import unittest
+import xml.etree.ElementTree
 
 from vendra_process import TIMEOUT, Vendra
 
@@ -171,14 +174,64 @@ class Desktop(unittest.TestCase):
         self.host.ask("SetVariable", name="table", path=["n", 1], value=20)
         self.assertEqual(evaluate(self.host, "int(table.n.sum())"), 24)
 
+    def test_pictures(self):
+        self.need("matplotlib")
+        evaluate(self.host, "import matplotlib; from matplotlib.figure import Figure\n"
+                 "figure = Figure(figsize=(2, 1), dpi=40); axes = figure.add_subplot(); axes.plot([1, 3, 2])\n"
+                 "part = figure.subfigures().add_subplot(); held = {'a': [figure]}; backend = matplotlib.get_backend()")
+        for asked, size in [(["figure"], (80, 40)), (["axes"], (80, 40)), (["part"], (80, 40)), (["held", "a", 0], (80, 40))]:
+            for dpi in (None, 100):
+                picture = self.look(*asked, picture="png", dpi=dpi, limit=0)["picture"]
+                data = base64.b64decode(picture["data"], validate=True)
+                self.assertEqual((picture["mediaType"], data[:8]), ("image/png", b"\x89PNG\r\n\x1a\n"))
+                self.assertEqual(struct.unpack(">II", data[16:24]), (200, 100) if dpi else size, (asked, dpi))
+        picture = self.look("figure", picture="svg")["picture"]
+        self.assertEqual(picture["mediaType"], "image/svg+xml")
+        self.assertTrue(xml.etree.ElementTree.fromstring(picture["text"]).tag.endswith("}svg"))
+        self.assertNotIn("picture", self.look("figure"))
+        self.assertEqual(evaluate(self.host, "figure.dpi == 40 and matplotlib.get_backend() == backend"), True)
+
+    def test_a_watcher_may_draw_after_each_change(self):
+        self.need("matplotlib")
+        evaluate(self.host, "from matplotlib.figure import Figure\nwatched = Figure(); watched.add_subplot().plot([1, 2])")
+        self.assertIn("picture", self.look("watched", picture="png"))
+        token = self.host.ask("VariableChange")["token"]
+        for form in ("png", "svg"):
+            self.assertIn("picture", self.look("watched", picture=form))
+            self.assertEqual(self.host.ask("VariableChange", since=token)["changed"], [])
+
+    def test_pictures_that_there_are_not(self):
+        self.need("matplotlib")
+        evaluate(self.host, "import random; from matplotlib.figure import Figure\nfrom matplotlib.artist import Artist\n"
+                 "class Bad(Artist):\n    def draw(self, renderer): raise ValueError('no' * 1000)\n"
+                 "class Endless(Artist):\n    def draw(self, renderer):\n        print('at it')\n        while True: pass\n"
+                 "bad, endless, noise = Figure(), Figure(), Figure(figsize=(4, 4))\n"
+                 "bad.add_artist(Bad()); endless.add_artist(Endless())\n"
+                 "noise.add_axes((0, 0, 1, 1)).imshow([[random.random() for x in range(1600)] for y in range(1600)], cmap='prism')\n"
+                 "gone = Figure().add_subplot(); gone.remove(); huge = Figure(figsize=(1000, 1000))")
+        for name, dpi, reason in [("Bad", None, "type"), ("bad", None, "drawing failed with ValueError: nono"),
+                                  ("gone", None, "no figure"), ("huge", None, "pixels"), ("noise", 600, "4194304 bytes")]:
+            answer = self.look(name, picture="png", dpi=dpi)
+            self.assertIn(reason, answer.get("pictureMissing", answer), name)
+            self.assertNotIn("picture", answer)
+            self.assertLess(len(answer["pictureMissing"]), 600)
+        for members, where in [({"picture": "gif"}, "picture"), ({"picture": "png", "dpi": 601}, "dpi")]:
+            status, text = self.host.post(json.dumps({"type": "Variable", "name": "bad", **members}))
+            self.assertEqual((status, where + ":" in text), (400, True), text)
+        with concurrent.futures.ThreadPoolExecutor() as pool:
+            endless = pool.submit(self.look, "endless", picture="svg")
+            while not endless.done():
+                self.host.ask("Interrupt")
+            self.assertEqual(endless.result()["code"], "interrupted")
+
     def test_nothing_is_imported_for_a_look(self):
         with Vendra(VENDRA) as host:
             evaluate(host, "x = [1]; import sys; before = set(sys.modules)")
-            host.ask("Variable", name="x")
+            self.assertIn("pictureMissing", host.ask("Variable", name="x", picture="png"))
             host.ask("Workspace", pattern="x*")
             host.ask("TabCompletion", text="x.")
             loaded = evaluate(host, "sorted(set(sys.modules) - before)")
-            self.assertFalse({name.partition(".")[0] for name in loaded} & {"numpy", "pandas"})
+            self.assertFalse({name.partition(".")[0] for name in loaded} & {"numpy", "pandas", "matplotlib"})
 
 
 class Prompt(unittest.TestCase):

@@ -168,12 +168,15 @@ MessageFuture DesktopServiceProviderImpl::handleVariable(std::unique_ptr<Variabl
                                                          std::shared_ptr<Context>&& context)
 {
     const std::shared_ptr<Variable> request = shared(message);
-    return look(*request, context, [request](rqe::Interpreter& interpreter) -> MessagePtr {
+    auto work = [request](rqe::Interpreter& interpreter) -> MessagePtr {
         auto answer = std::make_unique<VariableResponse>();
         answer->view = interpreter.inspect(request->query);
         answer->path = request->query.path;
         return answer;
-    });
+    };
+    // Drawing a picture is more than a look.
+    return request->query.picture ? callEngine(engine_, context, std::move(work))
+                                  : look(*request, context, std::move(work));
 }
 
 MessageFuture DesktopServiceProviderImpl::handleSetVariable(std::unique_ptr<SetVariable>&& message, Address&&,

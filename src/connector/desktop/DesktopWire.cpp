@@ -2,6 +2,7 @@
 
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
+#include <openssl/evp.h>
 
 #include "connector/desktop/DesktopMessages.h"
 #include "connector/desktop/VariableWatch.h"
@@ -21,6 +22,8 @@ constexpr std::int64_t kMaxChildren = 1'000;
 constexpr std::int64_t kMaxCandidates = 1'000;
 constexpr std::int64_t kMaxPosition = std::int64_t{1} << 53;
 constexpr std::size_t kMaxPath = 64;
+constexpr std::int64_t kMinDpi = 10;
+constexpr std::int64_t kMaxDpi = 600;
 
 std::size_t optionalCount(const Object& object, const std::string& name, std::int64_t fallback, std::int64_t minimum,
                           std::int64_t maximum)
@@ -70,6 +73,21 @@ rqe::Path optionalPath(const Object& object)
     return path;
 }
 
+std::optional<rqe::PictureQuery> optionalPicture(const Object& object)
+{
+    const auto format = json::optionalString(object, "picture");
+    if (object.isNull("picture"))
+        return std::nullopt;
+    rqe::PictureQuery picture;
+    if (format == "svg")
+        picture.format = rqe::PictureFormat::svg;
+    else if (format != "png")
+        throw json::JsonError("picture: expected \"png\" or \"svg\" but found \"" + format + "\"");
+    if (!object.isNull("dpi"))
+        picture.dots = static_cast<unsigned>(json::requireInteger(object, "dpi", kMinDpi, kMaxDpi));
+    return picture;
+}
+
 std::unique_ptr<Workspace> decodeWorkspace(const Object& object)
 {
     auto message = std::make_unique<Workspace>();
@@ -88,6 +106,7 @@ std::unique_ptr<Variable> decodeVariable(const Object& object)
     message->query.columns = optionalRange(object, "columns");
     message->query.offset = optionalCount(object, "offset", 0, 0, kMaxPosition);
     message->query.limit = optionalCount(object, "limit", 100, 0, kMaxChildren);
+    message->query.picture = optionalPicture(object);
     return message;
 }
 
@@ -195,6 +214,33 @@ void setValue(Object& object, const rqe::ValueView& view)
         object.set("rowNames", json::makeArray(view.rowNames));
 }
 
+std::string base64(const std::string& bytes)
+{
+    std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0'); // the encoder ends it with a zero
+    const int size =
+        ::EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                          reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
+    text.resize(static_cast<std::size_t>(size));
+    return text;
+}
+
+void setPicture(Object& object, const rqe::ValueView& view)
+{
+    if (!view.pictureMissing.empty())
+        object.set("pictureMissing", view.pictureMissing);
+    if (!view.picture)
+        return;
+    auto picture = json::makeObject();
+    if (view.picture->format == rqe::PictureFormat::png) {
+        picture->set("mediaType", "image/png");
+        picture->set("data", base64(view.picture->data));
+    } else {
+        picture->set("mediaType", "image/svg+xml");
+        picture->set("text", view.picture->data);
+    }
+    object.set("picture", picture);
+}
+
 Object::Ptr encodeWorkspaceResponse(const WorkspaceResponse& response)
 {
     auto object = json::makeObject();
@@ -228,6 +274,7 @@ Object::Ptr encodeVariableResponse(const VariableResponse& response)
     object->set("children", children);
     object->set("childCount", number(view.childCount));
     setValue(*object, view);
+    setPicture(*object, view);
     return object;
 }
 

@@ -39,6 +39,26 @@ struct Range
     friend bool operator==(const Range&, const Range&) = default;
 };
 
+enum class PictureFormat
+{
+    png,
+    svg
+};
+
+/// A figure to be drawn. Other than a look this may run code of the script's.
+struct PictureQuery
+{
+    PictureFormat format = PictureFormat::png;
+    std::optional<unsigned> dots;        ///< per inch; the figure's own when there is none
+    std::size_t bytes = 4 * 1024 * 1024; ///< a picture that takes more is left out
+};
+
+struct Picture
+{
+    PictureFormat format = PictureFormat::png;
+    std::string data; ///< the file's bytes; of an SVG UTF-8
+};
+
 struct ValueQuery
 {
     std::string name; ///< of a variable
@@ -48,6 +68,7 @@ struct ValueQuery
     std::size_t offset = 0; ///< the first child to tell of
     std::size_t limit = 100;
     std::size_t valueBytes = 64 * 1024; ///< a value that takes more as a text is left out
+    std::optional<PictureQuery> picture;
 };
 
 struct ChildInfo
@@ -68,6 +89,8 @@ struct ValueView
     std::vector<std::string> rowNames; ///< of tables, each at most 64 bytes
     std::vector<std::string> columnNames;
     std::vector<std::string> columnTypes;
+    std::optional<Picture> picture;
+    std::string pictureMissing; ///< why there is none though one was asked for
 };
 
 struct VariableChanges

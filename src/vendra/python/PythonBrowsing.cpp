@@ -152,8 +152,26 @@ rqe::ValueView PythonInterpreter::inspect(const rqe::ValueQuery& query)
         view.rowNames = textsOf(item(part, 4));
         view.columnNames = textsOf(item(part, 5));
         view.columnTypes = textsOf(item(part, 6));
+        if (query.picture)
+            draw(view, name.get(), path.get(), *query.picture);
         return view;
     });
+}
+
+void PythonInterpreter::draw(rqe::ValueView& view, PyObject* name, PyObject* path, const rqe::PictureQuery& query)
+{
+    Ref format = makeText(query.format == rqe::PictureFormat::png ? "png" : "svg");
+    Ref dots = query.dots ? numberOf(*query.dots) : none();
+    Ref bytes = numberOf(query.bytes);
+    Ref answer = callBrowser("draw", {name, path, format.get(), dots.get(), bytes.get()});
+    char* data = nullptr;
+    Py_ssize_t size = 0;
+    if (item(answer.get(), 1) == Py_None)
+        view.pictureMissing = textOf(item(answer.get(), 2));
+    else if (PyBytes_AsStringAndSize(item(answer.get(), 1), &data, &size) != 0)
+        throw ErrorSet{};
+    else
+        view.picture = rqe::Picture{query.format, std::string(data, static_cast<std::size_t>(size))};
 }
 
 void PythonInterpreter::setInside(std::string_view name, const rqe::Path& path, const vxArray& value)

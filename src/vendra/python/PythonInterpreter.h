@@ -52,6 +52,7 @@ private:
     Ref variableName(std::string_view name);
     /// What support/browse.py answers, unless that is a refusal, which is thrown.
     Ref callBrowser(const char* name, std::initializer_list<PyObject*> arguments);
+    void draw(rqe::ValueView& view, PyObject* name, PyObject* path, const rqe::PictureQuery& query);
     void convertValue(PyObject* value, rqe::EvalResult& result);
 
     /// Null, and why, when the value has no array form.

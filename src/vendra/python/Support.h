@@ -5,7 +5,7 @@
 
 namespace vendra::python {
 
-inline constexpr std::size_t kSupportFiles = 8;
+inline constexpr std::size_t kSupportFiles = 9;
 
 /// The texts of support/, part of the executable. They run one after the other in one namespace.
 extern const std::array<const char*, kSupportFiles> kSupportSources;

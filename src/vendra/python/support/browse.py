@@ -119,7 +119,7 @@ def _read_inside(value, offset, limit):
         return 0, []
     attributes = {} if type(value) is types.ModuleType or issubclass(type(value), type) else _dict_of(value)
     parts = [(name, name, part) for name, part in _slots_of(value)]
-    parts += [(key, key, part) for key, part in list(dict.items(attributes or {})) if type(key) is str]
+    parts += [(key, key, part) for key, part in list(dict.items({} if attributes is None else attributes)) if type(key) is str]
     return len(parts), parts[offset:end]
 
 
@@ -337,6 +337,7 @@ def set_inside(name, path, value):
     holder = _walk(name, above)
     base = _base(holder)
     place = _show_path(name, path)
+    _marks.pop(name, None)  # changed, however deep
     if _is_frame(holder):
         if type(step) is int:
             raise _Refused("badRequest", "A column of a table is named by a text.")

@@ -106,7 +106,9 @@ def _member_names(value):
     if type(value) is not types.ModuleType:
         for kind in _ancestors(value if issubclass(type(value), type) else type(value)):
             names.update(name for name in list(_names_in(kind)) if type(name) is str)
-    names.update(name for name in list(dict.keys(_dict_of(value) or {})) if type(name) is str)
+    attributes = _dict_of(value)
+    if attributes is not None:  # its truth value could be a script's code
+        names.update(name for name in list(dict.keys(attributes)) if type(name) is str)
     if _is_frame(value):
         names.update(name for name in value.columns[:1000].tolist() if type(name) is str and name.isidentifier())
     return names
