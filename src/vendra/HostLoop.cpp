@@ -17,6 +17,8 @@ namespace {
 
 using python::PythonHost;
 
+constexpr unsigned kTasksAtOnce = 16;
+
 std::string currentFolder()
 {
     std::error_code ignored; // a folder that is gone has no name to tell
@@ -53,8 +55,9 @@ bool HostLoop::drainSignals()
 
 Wake HostLoop::wait(int input)
 {
+    bool signalled = true; // maybe, before this
     for (;;) {
-        if (drainSignals() || host_.signalNoted()) {
+        if ((signalled && drainSignals()) || host_.signalNoted()) {
             PythonHost::Signal signal = host_.takeSignals();
             if (signal == PythonHost::Signal::interrupt)
                 return Wake::interrupt;
@@ -68,15 +71,23 @@ Wake HostLoop::wait(int input)
                 continue;
             throw std::system_error(errno, std::generic_category(), "The host cannot wait");
         }
-        if (waited[0].revents != 0)
+        signalled = waited[0].revents != 0;
+        if (signalled)
             continue;
-        if (waited[1].revents != 0) {
-            engine_.runOne();
-            noteFolder();
-        }
+        if (waited[1].revents != 0)
+            runTasks();
         if (waited[2].revents != 0 && !host_.leaveStatus())
             return Wake::input;
     }
+}
+
+/// Those that wait, but not so many that the terminal is kept waiting.
+void HostLoop::runTasks()
+{
+    for (unsigned i = 0; i < kTasksAtOnce && !host_.leaveStatus() && !host_.signalNoted(); ++i)
+        if (!engine_.runOne())
+            break;
+    noteFolder();
 }
 
 void HostLoop::noteFolder()

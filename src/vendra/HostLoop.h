@@ -38,6 +38,7 @@ public:
 
 private:
     bool drainSignals();
+    void runTasks();
     void noteFolder();
     bool mayLeave(bool askedBefore);
 

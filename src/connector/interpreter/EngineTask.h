@@ -26,6 +26,11 @@ class OutputBuffer final : public rqe::OutputSink
 public:
     explicit OutputBuffer(std::size_t limit) : limit_(limit) {}
     void write(rqe::Stream stream, std::string_view text) override;
+    bool tryWrite(rqe::Stream stream, std::string_view text) override
+    {
+        write(stream, text);
+        return true;
+    }
     Output take();
 
 private:

@@ -110,6 +110,17 @@ void Evaluation::write(rqe::Stream stream, std::string_view text)
         wakePump();
 }
 
+bool Evaluation::tryWrite(rqe::Stream stream, std::string_view text)
+{
+    const Lock lock(mutex_, std::try_to_lock);
+    if (!lock || closed_ || asking_ || pieces_.bytes() + text.size() >= Pieces::kBytes)
+        return false;
+    pieces_.add(stream, text);
+    if (!pumpKnows_)
+        wakePump();
+    return true;
+}
+
 std::optional<std::string> Evaluation::readLine(milliseconds patience)
 {
     Lock lock(mutex_);

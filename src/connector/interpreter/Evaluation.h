@@ -71,6 +71,7 @@ public:
     void end(const std::string& outcome);
 
     void write(rqe::Stream stream, std::string_view text) override;
+    bool tryWrite(rqe::Stream stream, std::string_view text) override;
     std::optional<std::string> readLine(std::chrono::milliseconds patience) override;
     Clock::time_point pump() override;
 

@@ -23,18 +23,11 @@ StreamedOutput::StreamedOutput(std::string channel, std::weak_ptr<Pump> pump)
 
 void StreamedOutput::write(rqe::Stream stream, std::string_view text)
 {
-    bool full = false;
-    {
-        std::lock_guard lock(mutex_);
-        pieces_.add(stream, text);
-        full = pieces_.bytes() > kMaxWaiting;
-        if (!full && !std::exchange(pumpKnows_, true))
-            if (const auto pump = pump_.lock())
-                pump->wake(shared_from_this());
-    }
-    if (full)
+    while (!add(stream, text))
         publish();
 }
+
+bool StreamedOutput::tryWrite(rqe::Stream stream, std::string_view text) { return add(stream, text); }
 
 Pump::Clock::time_point StreamedOutput::pump()
 {
@@ -47,6 +40,19 @@ Pump::Clock::time_point StreamedOutput::pump()
     }
     publish();
     return Clock::time_point::max();
+}
+
+/// False when so much waits already that it has to go out first.
+bool StreamedOutput::add(rqe::Stream stream, std::string_view text)
+{
+    std::lock_guard lock(mutex_);
+    if (pieces_.bytes() >= kMaxWaiting)
+        return false;
+    pieces_.add(stream, text);
+    if (!std::exchange(pumpKnows_, true))
+        if (const auto pump = pump_.lock())
+            pump->wake(shared_from_this());
+    return true;
 }
 
 std::size_t StreamedOutput::finish()

@@ -21,11 +21,13 @@ public:
     StreamedOutput(std::string channel, std::weak_ptr<Pump> pump);
 
     void write(rqe::Stream stream, std::string_view text) override;
+    bool tryWrite(rqe::Stream stream, std::string_view text) override;
     Clock::time_point pump() override;
     /// Publishes what is left; how many messages there were.
     std::size_t finish();
 
 private:
+    bool add(rqe::Stream stream, std::string_view text);
     void publish();
 
     const std::string channel_;

@@ -10,6 +10,7 @@
 namespace rqe {
 
 OutputSink::~OutputSink() = default;
+bool OutputSink::tryWrite(Stream, std::string_view) { return false; }
 std::optional<std::string> OutputSink::readLine(std::chrono::milliseconds) { return std::string(); }
 Interpreter::~Interpreter() = default;
 Task::~Task() = default;

@@ -20,13 +20,15 @@ enum class Stream
 };
 
 /// Takes what a piece of script prints, in order, and gives what it reads. Called on the interpreter thread, with the
-/// language's lock released; must not call the engine.
+/// language's lock released unless said otherwise; must not call the engine.
 class VENDRA_PLATFORM_API OutputSink
 {
 public:
     virtual ~OutputSink();
     /// `text`: UTF-8, never empty, of any length.
     virtual void write(Stream stream, std::string_view text) = 0;
+    /// Asked first, with the language's lock held: takes the text if that needs no waiting. This one does not.
+    virtual bool tryWrite(Stream stream, std::string_view text);
     /// The next line of standard input with its end, "" at the end of input, nothing when none came within `patience`:
     /// then the host looks for interrupts and asks again. This one is always at its end.
     virtual std::optional<std::string> readLine(std::chrono::milliseconds patience);

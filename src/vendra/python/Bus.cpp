@@ -227,7 +227,7 @@ PyMethodDef busMethods[] = {
 void addBusFunctions(PyObject* module)
 {
     check(PyModule_AddFunctions(module, busMethods));
-    const Ref code = Ref::own(Py_CompileString(kBusSource, "<connector>", Py_file_input));
+    const Ref code = loadCompiled(kBusSupport);
     PyObject* const names = PyModule_GetDict(module); // borrowed
     check(PyDict_SetItemString(names, "__builtins__", PyEval_GetBuiltins()));
     const Ref result = Ref::own(PyEval_EvalCode(code.get(), names, names));

@@ -145,7 +145,7 @@ void OutputCapture::flush()
 void OutputCapture::handOver(rqe::Stream stream, std::string_view text)
 {
     rqe::OutputSink* sink = sink_;
-    if (!sink)
+    if (!sink || sink->tryWrite(stream, text))
         return;
     Unlocked unlocked;
     sink->write(stream, text);

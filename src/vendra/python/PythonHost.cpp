@@ -82,8 +82,10 @@ Ref loadSupport()
     Ref module = Ref::own(PyModule_New("_vendra"));
     PyObject* names = PyModule_GetDict(module.get());
     check(PyDict_SetItemString(names, "__builtins__", PyEval_GetBuiltins()));
-    for (const char* source : kSupportSources) {
-        Ref code = Ref::own(Py_CompileString(source, "<vendra>", Py_file_input));
+    if (PyImport_GetMagicNumber() != kSupportMagic)
+        throw std::runtime_error("The host was built with another version of the script language: build it again.");
+    for (const CompiledText& text : kSupport) {
+        Ref code = loadCompiled(text);
         Ref::own(PyEval_EvalCode(code.get(), names, names));
     }
     return module;

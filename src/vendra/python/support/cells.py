@@ -5,7 +5,7 @@ show in a traceback.
 """
 
 import __future__
-import ast
+import _ast  # ast itself takes long to load
 import builtins
 import collections
 import linecache
@@ -139,14 +139,14 @@ def evaluate(code, file_name, want_value, echo):
             if name in _cells:
                 _expressions[code, file_name] = name, expression
             return eval(expression, workspace)
-    tree = compile(code, name, "exec", ast.PyCF_ONLY_AST, True)
+    tree = compile(code, name, "exec", _ast.PyCF_ONLY_AST, True)
     last = None
-    if want_value and tree.body and isinstance(tree.body[-1], ast.Expr):
-        last = ast.Expression(tree.body.pop().value)
+    if want_value and tree.body and isinstance(tree.body[-1], _ast.Expr):
+        last = _ast.Expression(tree.body.pop().value)
     flags = 0
     first = None
     if tree.body:
-        whole = ast.Interactive(tree.body) if echo else tree
+        whole = _ast.Interactive(tree.body) if echo else tree
         first = compile(whole, name, "single" if echo else "exec", 0, True)
         flags = first.co_flags & _FUTURE_FLAGS
     if last is not None:

@@ -6,6 +6,7 @@ call could tell (a property's value, what `__getattr__` makes up) is unknown.
 """
 
 import builtins
+import functools
 import itertools
 import keyword
 import os
@@ -16,37 +17,40 @@ import unicodedata
 _MOST_CODE = 65_536  # characters in front of the cursor
 _MOST_FILES = 10_000  # entries of a folder that are read
 
-_PIECE = re.compile(
-    r"""(?P<comment>\#[^\n]*)
+_pattern = functools.cache(re.compile)  # at first use: hosts start without
+
+_PIECE = r"""(?P<comment>\#[^\n]*)
       | (?P<string>[rRbBuUfF]{0,2}(?:\"{3}|'{3}|"|'))
       | (?P<word>\w+)
       | (?P<open>[(\[{])
       | (?P<close>[)\]}])
       | (?P<comma>,)
-      | (?:[^\w\#"'()\[\]{},]+)""",
-    re.VERBOSE,
-)
-_ENDS = {
-    quote: re.compile(rf"(?:\\.|[^\\])*?{quote}" if len(quote) == 3 else rf"(?:\\.|[^\\\n])*?(?:{quote}|\n)", re.DOTALL)
-    for quote in ('"""', "'''", '"', "'")
-}
-_PATH = re.compile(r"[\w.]*\Z")
-_DEFINES = re.compile(r"\b(?:def|class)\s+\Z")
+      | (?:[^\w\#"'()\[\]{},]+)"""
+_PATH = r"[\w.]*\Z"
+_DEFINES = r"\b(?:def|class)\s+\Z"
+_SIGNATURE_PART = r"(\*{0,2}|\$?)(\w+)(?:=(?:[^,'\"()]|'[^']*'|\"[^\"]*\"|\([^)]*\))*)?|(/)"
+
+
+def _end_of(quote):
+    """The rest of a string up to its end; of one that cannot go over lines, up to the line's end."""
+    rest = rf"(?:\\.|[^\\])*?{quote}" if len(quote) == 3 else rf"(?:\\.|[^\\\n])*?(?:{quote}|\n)"
+    return _pattern(rest, re.DOTALL)
 
 
 def _scan(code):
     """How the code ends: ("comment",), ("string", prefix, content so far) or ("code", open brackets), each bracket as
     [its character, its position, where its last argument begins]."""
+    piece_at = _pattern(_PIECE, re.VERBOSE).match
     position, brackets = 0, []
     while position < len(code):
-        piece = _PIECE.match(code, position)
+        piece = piece_at(code, position)
         position, kind = piece.end(), piece.lastgroup
         if kind == "comment" and position == len(code):
             return ("comment",)
         if kind == "string":
             text = piece.group()
             prefix = text.rstrip("\"'")
-            end = _ENDS[text[len(prefix) :]].match(code, position)
+            end = _end_of(text[len(prefix) :]).match(code, position)
             if end is None:
                 return "string", prefix, code[position:]
             position = end.end()
@@ -69,7 +73,7 @@ def complete(before):
         return _files(*details)
     if state == "comment":
         return "", []
-    path = _PATH.search(before).group()
+    path = _pattern(_PATH).search(before).group()
     head, dot, tail = path.rpartition(".")
     if dot:
         if not head or not all(part.isidentifier() for part in head.split(".")):
@@ -185,8 +189,8 @@ def _arguments(before, brackets, tail):
     _, bracket, argument = brackets[-1]
     if before[argument : len(before) - len(tail)].strip():
         return []
-    path = _PATH.search(before[:bracket]).group()
-    if not path or _DEFINES.search(before[: bracket - len(path)]):
+    path = _pattern(_PATH).search(before[:bracket]).group()
+    if not path or _pattern(_DEFINES).search(before[: bracket - len(path)]):
         return []
     try:
         names = _argument_names(_meaning(path.split(".")))
@@ -214,12 +218,9 @@ def _argument_names(function):
     return []
 
 
-_SIGNATURE_PART = re.compile(r"(\*{0,2}|\$?)(\w+)(?:=(?:[^,'\"()]|'[^']*'|\"[^\"]*\"|\([^)]*\))*)?|(/)")
-
-
 def _signature_names(signature):
     names = []
-    for stars, name, slash in _SIGNATURE_PART.findall(signature):
+    for stars, name, slash in _pattern(_SIGNATURE_PART).findall(signature):
         if slash:
             names.clear()  # what stands in front of it has no name for callers
         elif not stars:
