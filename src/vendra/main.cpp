@@ -147,10 +147,17 @@ try {
     rqe::ProcessSession::setSession(rqe::makeSession(engine));
     pid_t self = ::getpid();
     status = run(host, *engine, *options);
-    // A forked child that comes here has its parent's connector on its hands, not one of its own.
-    if (::getpid() == self)
+    // A forked child that comes here has its parent's connector on its hands, not one of its own, and none of the
+    // threads that destructors would wait for.
+    const bool isChild = ::getpid() != self;
+    if (!isChild)
         shutDown(host, *engine);
-    return host.finish(status);
+    status = host.finish(status);
+    if (isChild) {
+        std::fflush(nullptr);
+        ::_exit(status);
+    }
+    return status;
 } catch (const std::exception& error) {
     std::fprintf(stderr, "vendra: %s\n", error.what());
     return 1;

@@ -8,7 +8,9 @@ import os
 import pty
 import re
 import select
+import subprocess
 import sys
+import tempfile
 import unittest
 
 from vendra_process import TIMEOUT, Vendra
@@ -149,6 +151,15 @@ class Terminal(unittest.TestCase):
 
 
 class SuddenEnd(unittest.TestCase):
+    def test_a_forked_child_leaves_in_order(self):
+        code = ("import connector, os, sys\nconnector.start()\nif os.fork() == 0:\n    sys.exit(7)\n"
+                "print(os.waitstatus_to_exitcode(os.wait()[1]))")
+        with tempfile.TemporaryDirectory() as home:
+            environment = {**os.environ, "HOME": home, "XDG_RUNTIME_DIR": home, "XDG_CONFIG_HOME": home}
+            done = subprocess.run([VENDRA, "-c", code], env=environment, capture_output=True, text=True, timeout=TIMEOUT,
+                                  check=False)
+        self.assertEqual((done.returncode, done.stdout), (0, "7\n"), done.stderr)
+
     def test_all_clients_see_the_end(self):
         for code, status in [("import os; os._exit(7)", 7), ("import os; os.kill(os.getpid(), 9)", -9),
                              ("import os; os.abort()", -6)]:
