@@ -187,14 +187,14 @@ void setInfo(Object& object, const rqe::VariableInfo& info)
 /// The value, unless its text is longer than a watcher wants to read; else why there is none.
 void setValue(Object& object, const rqe::ValueView& view)
 {
-    constexpr std::size_t kLongestValue = rqe::ValueQuery{}.valueBytes;
+    const std::size_t longest = rqe::ValueQuery().valueBytes;
     auto missing = view.valueMissing;
     Var value;
     if (view.value) {
         value = json::toJson(*view.value);
-        if (json::write(value).size() > kLongestValue) {
+        if (json::write(value).size() > longest) {
             value = Var();
-            missing = "the value takes more than " + std::to_string(kLongestValue) + " bytes";
+            missing = "the value takes more than " + std::to_string(longest) + " bytes";
         }
     }
     object.set("value", value);
