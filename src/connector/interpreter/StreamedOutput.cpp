@@ -59,10 +59,12 @@ std::size_t StreamedOutput::finish()
 {
     publish();
     std::lock_guard lock(publishing_);
+    if (failure_)
+        std::rethrow_exception(failure_);
     return messages_;
 }
 
-void StreamedOutput::publish()
+void StreamedOutput::publish() noexcept
 {
     std::lock_guard publishing(publishing_);
     std::vector<Pieces::Piece> pieces;
@@ -71,8 +73,15 @@ void StreamedOutput::publish()
         pieces = pieces_.take();
         publishedAt_ = Clock::now();
     }
-    for (const auto& piece : pieces)
-        rqe::ProcessBus::publish(channel_, "{\"seq\":" + std::to_string(++messages_) + "," + membersOf(piece) + "}");
+    if (failure_)
+        return;
+    try {
+        for (const auto& piece : pieces)
+            rqe::ProcessBus::publish(channel_,
+                                     "{\"seq\":" + std::to_string(++messages_) + "," + membersOf(piece) + "}");
+    } catch (...) {
+        failure_ = std::current_exception();
+    }
 }
 
 } // namespace connector::interpreter::v1

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <mutex>
 #include <string>
 
@@ -23,17 +24,19 @@ public:
     void write(rqe::Stream stream, std::string_view text) override;
     bool tryWrite(rqe::Stream stream, std::string_view text) override;
     Clock::time_point pump() override;
-    /// Publishes what is left; how many messages there were.
+    /// Publishes what is left; how many messages there were. Throws what kept it from publishing, the bus being gone
+    /// say: what was printed from then on is lost.
     std::size_t finish();
 
 private:
     bool add(rqe::Stream stream, std::string_view text);
-    void publish();
+    void publish() noexcept;
 
     const std::string channel_;
     const std::weak_ptr<Pump> pump_;
     std::mutex publishing_; ///< held while pieces are on their way, so that they stay in order; before mutex_
     std::size_t messages_ = 0;
+    std::exception_ptr failure_;
     std::mutex mutex_;
     Pieces pieces_;
     Clock::time_point publishedAt_{};
