@@ -7,9 +7,8 @@
 #include <Poco/JSON/Object.h>
 
 #include "connector/common/Secret.h"
-#include "connector/container/ContainerMessages.h"
+#include "connector/interpreter/AsyncTask.h"
 #include "connector/interpreter/EngineTask.h"
-#include "connector/interpreter/Evaluation.h"
 #include "connector/interpreter/InterpreterJson.h"
 #include "connector/json/JsonFields.h"
 #include "connector/json/JsonText.h"
@@ -19,7 +18,7 @@ namespace {
 
 using json::Object;
 using Clock = Evaluation::Clock;
-using EvaluationPtr = std::shared_ptr<Evaluation>;
+using Kept = KeptEvaluation;
 
 constexpr std::size_t kIdBytes = 8;
 constexpr std::size_t kTitleBytes = 200;
@@ -42,21 +41,11 @@ void reply(const bayeux::SessionPtr& session, const std::string& channel, const 
     session->deliver(std::make_shared<const bayeux::BayeuxEvent>(channel, members));
 }
 
-Object::Ptr membersOf(const container::v1::Fault& fault)
-{
-    auto object = json::makeObject();
-    object->set("code", fault.code);
-    object->set("message", fault.message);
-    for (const auto& [name, text] : fault.details)
-        object->set(name, text);
-    return object;
-}
-
 void replyFault(const bayeux::SessionPtr& session, const std::string& channel, const Poco::Dynamic::Var& tag,
                 const std::exception_ptr& failure)
 {
     auto members = json::makeObject();
-    members->set("fault", membersOf(container::v1::Fault(failure)));
+    members->set("fault", faultMembers(failure));
     reply(session, channel, tag, members);
 }
 
@@ -73,109 +62,7 @@ const char* nameOf(Evaluation::State state)
     return "ended";
 }
 
-/// The last thing that an evaluation tells, as JSON.
-std::string outcomeOf(const EvalResponse& response)
-{
-    auto object = json::makeObject();
-    object->set("kind", "result");
-    const auto answer = encodeEvalResponse(response);
-    for (const auto* member : json::membersInOrder(*answer))
-        if (member->first != "output")
-            object->set(member->first, member->second);
-    auto text = json::write(object);
-    if (text.size() <= AsyncEvalService::kMaxAnswerBytes)
-        return text;
-    object->set("value", Poco::Dynamic::Var());
-    object->set("conversionError", "The value takes " + std::to_string(text.size()) + " bytes, at most " +
-                                       std::to_string(AsyncEvalService::kMaxAnswerBytes) + " are sent.");
-    return json::write(object);
-}
-
-std::string outcomeOf(const std::exception_ptr& failure)
-{
-    container::v1::Fault fault(failure);
-    fault.details.erase("output"); // has been told
-    auto object = json::makeObject();
-    object->set("kind", "error");
-    const auto members = membersOf(fault);
-    for (const auto* member : json::membersInOrder(*members))
-        object->set(member->first, member->second);
-    return json::write(object);
-}
-
 } // namespace
-
-/// What the service keeps of an evaluation. Its task may outlive it.
-struct Kept
-{
-    EvaluationPtr evaluation;
-    std::string title; ///< the code's beginning
-    std::string httpSession;
-    std::atomic<rqe::TaskId> task{0};
-};
-
-/// Runs the code of an evaluation and tells it how that ended.
-class AsyncTask final : public rqe::Task
-{
-public:
-    AsyncTask(std::shared_ptr<Kept> kept, std::unique_ptr<Eval> request, boost::shared_ptr<rqe::RQE> engine,
-              std::shared_ptr<void> keep)
-        : kept_(std::move(kept)), request_(std::move(request)), engine_(std::move(engine)), keep_(std::move(keep))
-    {}
-
-    void run(rqe::Interpreter& interpreter) override
-    {
-        kept_->evaluation->begin();
-        const Deadline deadline(request_->deadline, engine_, Deadline::TaskNumber(kept_, &kept_->task));
-        try {
-            rqe::EvalOptions options;
-            options.wantValue = request_->wantValue;
-            options.echo = request_->echo;
-            auto result = interpreter.evaluate(request_->code, options, *kept_->evaluation);
-            response_.hasValue = result.hasValue;
-            response_.value = std::move(result.value);
-            response_.valueText = std::move(result.valueText);
-            response_.conversionError = std::move(result.conversionError);
-        } catch (const rqe::ScriptError& error) {
-            const auto fault = faultOf(error, {});
-            const bool late = deadline.isOver() && fault.code() == "interrupted";
-            failure_ = std::make_exception_ptr(late ? deadline.fault(fault) : fault);
-        }
-    }
-
-    void finish() noexcept override { end(failure_); }
-
-    void abandon(std::exception_ptr reason) noexcept override
-    {
-        try {
-            std::rethrow_exception(reason);
-        } catch (const rqe::EngineError& error) {
-            end(std::make_exception_ptr(faultOf(error)));
-        } catch (...) {
-            end(reason);
-        }
-    }
-
-private:
-    void end(const std::exception_ptr& failure) noexcept
-    {
-        keep_.reset();
-        std::string outcome;
-        try {
-            outcome = failure ? outcomeOf(failure) : outcomeOf(response_);
-        } catch (...) {
-            outcome = outcomeOf(std::current_exception());
-        }
-        kept_->evaluation->end(outcome);
-    }
-
-    const std::shared_ptr<Kept> kept_;
-    const std::unique_ptr<Eval> request_;
-    const boost::shared_ptr<rqe::RQE> engine_;
-    std::shared_ptr<void> keep_;
-    EvalResponse response_;
-    std::exception_ptr failure_;
-};
 
 /// The service's work. Threads: any.
 class AsyncEvalService::Impl final : public http::HttpSessionListener, public std::enable_shared_from_this<Impl>
@@ -357,7 +244,7 @@ Object::Ptr AsyncEvalService::Impl::start(const Request& request)
     try {
         kept->task = engine_->post(std::move(task));
     } catch (const rqe::EngineError& error) {
-        kept->evaluation->end(outcomeOf(std::make_exception_ptr(faultOf(error))));
+        kept->evaluation->end(failureText(std::make_exception_ptr(faultOf(error))));
     }
     return nullptr;
 }

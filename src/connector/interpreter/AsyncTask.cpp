@@ -1,0 +1,102 @@
+#include "connector/interpreter/AsyncTask.h"
+
+#include "connector/container/ContainerMessages.h"
+#include "connector/interpreter/EngineTask.h"
+#include "connector/interpreter/InterpreterJson.h"
+#include "connector/json/JsonFields.h"
+#include "connector/json/JsonText.h"
+
+namespace connector::interpreter::v1 {
+namespace {
+
+using container::v1::Fault;
+using json::Object;
+
+Object::Ptr membersOf(const Fault& fault)
+{
+    auto object = json::makeObject();
+    object->set("code", fault.code);
+    object->set("message", fault.message);
+    for (const auto& [name, text] : fault.details)
+        object->set(name, text);
+    return object;
+}
+
+/// The event of an evaluation that went well, as JSON without its number.
+std::string resultText(const EvalResponse& response)
+{
+    auto object = json::makeObject();
+    object->set("kind", "result");
+    const auto answer = encodeEvalResponse(response);
+    for (const auto* member : json::membersInOrder(*answer))
+        if (member->first != "output")
+            object->set(member->first, member->second);
+    auto text = json::write(object);
+    if (text.size() <= AsyncTask::kMaxValueBytes)
+        return text;
+    object->set("value", Poco::Dynamic::Var());
+    object->set("conversionError", "The value takes " + std::to_string(text.size()) + " bytes, at most " +
+                                       std::to_string(AsyncTask::kMaxValueBytes) + " are sent.");
+    return json::write(object);
+}
+
+} // namespace
+
+Object::Ptr faultMembers(const std::exception_ptr& failure) { return membersOf(Fault(failure)); }
+
+std::string failureText(const std::exception_ptr& failure)
+{
+    Fault fault(failure);
+    fault.details.erase("output"); // has been told
+    auto object = json::makeObject();
+    object->set("kind", "error");
+    const auto members = membersOf(fault);
+    for (const auto* member : json::membersInOrder(*members))
+        object->set(member->first, member->second);
+    return json::write(object);
+}
+
+void AsyncTask::run(rqe::Interpreter& interpreter)
+{
+    kept_->evaluation->begin();
+    const Deadline deadline(request_->deadline, engine_, Deadline::TaskNumber(kept_, &kept_->task));
+    try {
+        rqe::EvalOptions options;
+        options.wantValue = request_->wantValue;
+        options.echo = request_->echo;
+        auto result = interpreter.evaluate(request_->code, options, *kept_->evaluation);
+        response_.hasValue = result.hasValue;
+        response_.value = std::move(result.value);
+        response_.valueText = std::move(result.valueText);
+        response_.conversionError = std::move(result.conversionError);
+    } catch (const rqe::ScriptError& error) {
+        const auto fault = faultOf(error, {});
+        const bool late = deadline.isOver() && fault.code() == "interrupted";
+        failure_ = std::make_exception_ptr(late ? deadline.fault(fault) : fault);
+    }
+}
+
+void AsyncTask::abandon(std::exception_ptr reason) noexcept
+{
+    try {
+        std::rethrow_exception(reason);
+    } catch (const rqe::EngineError& error) {
+        end(std::make_exception_ptr(faultOf(error)));
+    } catch (...) {
+        end(reason);
+    }
+}
+
+void AsyncTask::end(const std::exception_ptr& failure) noexcept
+{
+    keep_.reset();
+    std::string outcome;
+    try {
+        outcome = failure ? failureText(failure) : resultText(response_);
+    } catch (...) {
+        outcome = failureText(std::current_exception());
+    }
+    kept_->evaluation->end(outcome);
+}
+
+} // namespace connector::interpreter::v1
