@@ -1,5 +1,6 @@
 #include "vendra/python/OutputCapture.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace vendra::python {
@@ -117,7 +118,7 @@ void OutputCapture::write(rqe::Stream stream, std::string_view text)
     if (stream != pendingStream_)
         flush();
     pendingStream_ = stream;
-    bool lineEnds = text.find_last_of("\n\r") != std::string_view::npos;
+    const bool lineEnds = std::any_of(text.rbegin(), text.rend(), [](char c) { return c == '\n' || c == '\r'; });
     if (!lineEnds && pending_.size() + text.size() < kLongestPiece) {
         pending_ += text;
         return;
