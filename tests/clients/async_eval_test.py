@@ -99,6 +99,8 @@ class AsyncEval(unittest.TestCase):
                                  ("start", {"code": None}, "badMessage"), ("attach", {"id": "none"}, "notFound"),
                                  ("cancel", {"id": ""}, "notFound"), ("input", {"id": "x"}, "badMessage")):
             self.assertEqual(client.call(verb, **data)["fault"]["code"], code, (verb, data))
+        for channel in ("variables", "folder", "state"):
+            self.assertIn("403", client.ask("/interpreter/" + channel, data={"made": "up"})["error"])
         client.send("/service/interpreter/eval", data=5)
         self.assertEqual(client.event()["data"]["fault"]["code"], "badMessage")
 

@@ -381,12 +381,18 @@ AsyncEvalService::AsyncEvalService(std::shared_ptr<bayeux::BayeuxServer> server,
 {
     if (httpSessions)
         httpSessions->addListener(impl_);
-    if (server)
-        registration_ = server->handleService(kChannels, [weak = std::weak_ptr(impl_)](const auto& message) {
-            if (const auto impl = weak.lock())
-                impl->handle(message);
-            return Poco::Dynamic::Var();
-        });
+    if (!server)
+        return;
+    // What happens at the interpreter is the host's to tell.
+    bayeux::ChannelOptions told;
+    told.serverPublishesOnly = true;
+    for (const char* channel : {"/interpreter/variables", "/interpreter/folder", "/interpreter/state"})
+        server->setChannelOptions(channel, told);
+    registration_ = server->handleService(kChannels, [weak = std::weak_ptr(impl_)](const auto& message) {
+        if (const auto impl = weak.lock())
+            impl->handle(message);
+        return Poco::Dynamic::Var();
+    });
 }
 
 AsyncEvalService::~AsyncEvalService()
