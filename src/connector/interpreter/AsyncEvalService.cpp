@@ -33,12 +33,17 @@ struct Request
     const bayeux::SessionPtr& sender() const noexcept { return message.sender; }
 };
 
-void reply(const bayeux::SessionPtr& session, const std::string& channel, const Poco::Dynamic::Var& tag,
-           Object::Ptr members)
+std::string textOf(const Poco::Dynamic::Var& tag, Object::Ptr members)
 {
     if (!tag.isEmpty())
         members->set("tag", tag);
-    session->deliver(std::make_shared<const bayeux::BayeuxEvent>(channel, members));
+    return json::write(members);
+}
+
+void reply(const bayeux::SessionPtr& session, const std::string& channel, const Poco::Dynamic::Var& tag,
+           const Object::Ptr& members)
+{
+    session->deliver(bayeux::BayeuxEvent::ofText(channel, textOf(tag, members)));
 }
 
 void replyFault(const bayeux::SessionPtr& session, const std::string& channel, const Poco::Dynamic::Var& tag,
@@ -191,7 +196,7 @@ Object::Ptr AsyncEvalService::Impl::call(const Request& request, std::unique_ptr
 {
     requireEngine();
     EngineTask::Terms terms;
-    terms.maxOutputBytes = kMaxAnswerBytes;
+    terms.maxOutputBytes = kMaxOutputBytes;
     if (!message->outputChannel.empty())
         terms.streamed = std::make_shared<StreamedOutput>(message->outputChannel, pump_);
     terms.isWanted = [sender = request.sender()] { return !sender->isOver(); };
@@ -201,11 +206,10 @@ Object::Ptr AsyncEvalService::Impl::call(const Request& request, std::unique_ptr
                encode](MessageFuture settled) {
             try {
                 const auto answer = settled.get();
-                const auto members = encode(static_cast<const Response&>(*answer));
-                const auto bytes = json::write(members).size();
-                if (bytes > 2 * kMaxAnswerBytes)
-                    throw ServiceFault("tooLarge", "The answer takes " + std::to_string(bytes) + " bytes.");
-                reply(sender, channel, tag, members);
+                const auto text = textOf(tag, encode(static_cast<const Response&>(*answer)));
+                if (text.size() > kMaxReplyBytes)
+                    throw ServiceFault("tooLarge", "The answer takes " + std::to_string(text.size()) + " bytes.");
+                sender->deliver(bayeux::BayeuxEvent::ofText(channel, text));
             } catch (...) {
                 replyFault(sender, channel, tag, std::current_exception());
             }

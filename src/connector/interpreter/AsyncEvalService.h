@@ -22,7 +22,8 @@ public:
     static constexpr std::size_t kMaxEvaluations = 200;        ///< that did not end, and kept ones
     static constexpr std::uint64_t kMaxKeptBytes = 256u << 20; ///< of evaluations that ended, together
     static constexpr std::chrono::minutes kKeepTime{30};       ///< of one that ended
-    static constexpr std::size_t kMaxAnswerBytes = 1u << 20;   ///< of a value or of output in one message
+    static constexpr std::size_t kMaxOutputBytes = 1u << 20;   ///< kept for an answer
+    static constexpr std::size_t kMaxReplyBytes = 2u << 20;
 
     /// Without a server there is nothing to serve. `engine` may be empty: requests then fail with "unavailable".
     AsyncEvalService(std::shared_ptr<bayeux::BayeuxServer> server,

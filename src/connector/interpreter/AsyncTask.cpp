@@ -1,7 +1,6 @@
 #include "connector/interpreter/AsyncTask.h"
 
 #include "connector/container/ContainerMessages.h"
-#include "connector/interpreter/EngineTask.h"
 #include "connector/interpreter/InterpreterJson.h"
 #include "connector/json/JsonFields.h"
 #include "connector/json/JsonText.h"
@@ -61,29 +60,9 @@ void AsyncTask::run(rqe::Interpreter& interpreter)
     kept_->evaluation->begin();
     const Deadline deadline(request_->deadline, engine_, Deadline::TaskNumber(kept_, &kept_->task));
     try {
-        rqe::EvalOptions options;
-        options.wantValue = request_->wantValue;
-        options.echo = request_->echo;
-        auto result = interpreter.evaluate(request_->code, options, *kept_->evaluation);
-        response_.hasValue = result.hasValue;
-        response_.value = std::move(result.value);
-        response_.valueText = std::move(result.valueText);
-        response_.conversionError = std::move(result.conversionError);
+        response_ = evaluate(interpreter, *request_, *kept_->evaluation);
     } catch (const rqe::ScriptError& error) {
-        const auto fault = faultOf(error, {});
-        const bool late = deadline.isOver() && fault.code() == "interrupted";
-        failure_ = std::make_exception_ptr(late ? deadline.fault(fault) : fault);
-    }
-}
-
-void AsyncTask::abandon(std::exception_ptr reason) noexcept
-{
-    try {
-        std::rethrow_exception(reason);
-    } catch (const rqe::EngineError& error) {
-        end(std::make_exception_ptr(faultOf(error)));
-    } catch (...) {
-        end(reason);
+        failure_ = deadline.faultOf(error, {});
     }
 }
 

@@ -8,9 +8,8 @@
 #include <Poco/JSON/Object.h>
 #include <boost/smart_ptr/shared_ptr.hpp>
 
+#include "connector/interpreter/EngineTask.h"
 #include "connector/interpreter/Evaluation.h"
-#include "connector/interpreter/InterpreterMessages.h"
-#include "platform/rqe/RQE.h"
 
 namespace connector::interpreter::v1 {
 
@@ -37,7 +36,7 @@ public:
 
     void run(rqe::Interpreter& interpreter) override;
     void finish() noexcept override { end(failure_); }
-    void abandon(std::exception_ptr reason) noexcept override;
+    void abandon(std::exception_ptr reason) noexcept override { end(faultOf(reason)); }
 
 private:
     void end(const std::exception_ptr& failure) noexcept;

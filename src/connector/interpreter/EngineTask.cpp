@@ -24,12 +24,13 @@ ServiceFault faultOf(const rqe::EngineError& error)
     return {"unavailable", error.what()};
 }
 
-ServiceFault faultOf(const rqe::ScriptError& error, const std::string& printed)
-{
-    const bool interrupted = error.type() == "KeyboardInterrupt";
-    return {interrupted ? "interrupted" : "scriptError",
-            error.what(),
-            {{"error", error.type()}, {"traceback", error.traceback()}, {"output", printed}}};
+std::exception_ptr faultOf(const std::exception_ptr& reason)
+try {
+    std::rethrow_exception(reason);
+} catch (const rqe::EngineError& error) {
+    return std::make_exception_ptr(faultOf(error));
+} catch (...) {
+    return reason;
 }
 
 void OutputBuffer::write(rqe::Stream, std::string_view text)
@@ -60,9 +61,29 @@ Deadline::Deadline(std::chrono::milliseconds time, const boost::shared_ptr<rqe::
         });
 }
 
-ServiceFault Deadline::fault(const ServiceFault& interrupted) const
+std::exception_ptr Deadline::faultOf(const rqe::ScriptError& error, const std::string& printed) const
 {
-    return {"deadline", "It took longer than " + std::to_string(time_.count()) + " ms.", interrupted.details()};
+    const ServiceFault::Details details{{"error", error.type()}, {"traceback", error.traceback()}, {"output", printed}};
+    if (error.type() != "KeyboardInterrupt")
+        return std::make_exception_ptr(ServiceFault("scriptError", error.what(), details));
+    return std::make_exception_ptr(
+        *over_ ? ServiceFault("deadline", "It took longer than " + std::to_string(time_.count()) + " ms.", details)
+               : ServiceFault("interrupted", error.what(), details));
+}
+
+EvalResponse evaluate(rqe::Interpreter& interpreter, const Eval& request, rqe::OutputSink& output)
+{
+    rqe::EvalOptions options;
+    options.wantValue = request.wantValue;
+    options.echo = request.echo;
+    auto result = interpreter.evaluate(request.code, options, output);
+
+    EvalResponse answer;
+    answer.hasValue = result.hasValue;
+    answer.value = std::move(result.value);
+    answer.valueText = std::move(result.valueText);
+    answer.conversionError = std::move(result.conversionError);
+    return answer;
 }
 
 EngineTask::EngineTask(boost::shared_ptr<rqe::RQE> engine, Terms terms)
@@ -77,9 +98,7 @@ void EngineTask::run(rqe::Interpreter& interpreter)
     try {
         answer_ = terms_.streamed ? work(interpreter, *terms_.streamed) : work(interpreter, output_);
     } catch (const rqe::ScriptError& error) {
-        const auto fault = faultOf(error, output_.take().text);
-        failure_ =
-            std::make_exception_ptr(deadline.isOver() && fault.code() == "interrupted" ? deadline.fault(fault) : fault);
+        failure_ = deadline.faultOf(error, output_.take().text);
     }
 }
 
@@ -106,13 +125,7 @@ void EngineTask::abandon(std::exception_ptr reason) noexcept
 {
     posted_.reset();
     terms_.keep.reset();
-    try {
-        std::rethrow_exception(reason);
-    } catch (const rqe::EngineError& error) {
-        promise_.setException(faultOf(error));
-    } catch (...) {
-        promise_.setException(reason);
-    }
+    promise_.setException(faultOf(reason));
 }
 
 MessageFuture EngineTask::post(std::unique_ptr<EngineTask> task, CancellationToken& cancellation)
@@ -145,17 +158,7 @@ public:
 private:
     MessagePtr work(rqe::Interpreter& interpreter, rqe::OutputSink& output) override
     {
-        rqe::EvalOptions options;
-        options.wantValue = request_->wantValue;
-        options.echo = request_->echo;
-        auto result = interpreter.evaluate(request_->code, options, output);
-
-        auto answer = std::make_unique<EvalResponse>();
-        answer->hasValue = result.hasValue;
-        answer->value = std::move(result.value);
-        answer->valueText = std::move(result.valueText);
-        answer->conversionError = std::move(result.conversionError);
-        return answer;
+        return std::make_unique<EvalResponse>(evaluate(interpreter, *request_, output));
     }
     Output* outputOf(Message& answer) override { return &static_cast<EvalResponse&>(answer).output; }
 

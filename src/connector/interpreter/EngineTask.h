@@ -17,8 +17,8 @@
 namespace connector::interpreter::v1 {
 
 ServiceFault faultOf(const rqe::EngineError& error);
-/// `printed`: output that goes with the failure.
-ServiceFault faultOf(const rqe::ScriptError& error, const std::string& printed);
+/// The failure for a client that the end of a task without a run stands for.
+std::exception_ptr faultOf(const std::exception_ptr& reason);
 
 /// Gathers what is printed, up to a limit.
 class OutputBuffer final : public rqe::OutputSink
@@ -47,9 +47,9 @@ public:
 
     /// None for zero.
     Deadline(std::chrono::milliseconds time, const boost::shared_ptr<rqe::RQE>& engine, TaskNumber task);
-    bool isOver() const noexcept { return *over_; }
-    /// Instead of the interrupt that it caused.
-    ServiceFault fault(const ServiceFault& interrupted) const;
+    /// What an error of the script's means to its client, an interrupt that this caused included. `printed`: output
+    /// that goes with it.
+    std::exception_ptr faultOf(const rqe::ScriptError& error, const std::string& printed) const;
 
 private:
     const std::chrono::milliseconds time_;
@@ -103,6 +103,9 @@ private:
     Promise<std::unique_ptr<Message>> promise_;
     std::shared_ptr<Posted> posted_ = std::make_shared<Posted>();
 };
+
+/// Runs the code; the answer has no output.
+EvalResponse evaluate(rqe::Interpreter& interpreter, const Eval& request, rqe::OutputSink& output);
 
 std::unique_ptr<EngineTask> makeTask(boost::shared_ptr<rqe::RQE> engine, std::unique_ptr<Eval> request,
                                      EngineTask::Terms terms);
