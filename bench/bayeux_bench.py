@@ -57,7 +57,7 @@ def main():
     build = os.path.abspath(sys.argv[1])
     most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
-    idle = ("websocket", min(10_000, most // 2 - 1_000), 64, 3, 1)
+    idle = ("websocket", min(10_000, most - 1_000), 64, 3, 1)
     with tempfile.TemporaryDirectory(prefix="bayeux-bench-") as base:
         for run in [*runs(), idle]:
             kind, subscribers, size, messages, rate = run
