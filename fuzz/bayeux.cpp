@@ -37,7 +37,7 @@ json::Array::Ptr readReplies(const std::string& text)
 class Sink final : public bayeux::BayeuxChannelSink
 {
 public:
-    bool send(const std::shared_ptr<const std::string>& frame) override
+    bool send(const std::shared_ptr<const std::string>& frame, http::SendWhen) override
     {
         readReplies(*frame);
         return true;

@@ -15,6 +15,7 @@
 
 #include "connector/Export.h"
 #include "connector/core/Future.h"
+#include "connector/http/WebSocket.h"
 
 namespace connector::bayeux {
 
@@ -58,6 +59,9 @@ public:
     /// Sends one event to this session only, whether or not it subscribed. False when the session is over, and when its
     /// queue is full, which ends it.
     virtual bool deliver(EventPtr event) = 0;
+    /// The same for what its client waits for: where the connection takes it, it is written on the calling thread,
+    /// which costs that thread more and the client less. Not for streams.
+    virtual bool answer(EventPtr event) = 0;
     /// Whether more than half of what may wait for it is free: who delivers much waits for that.
     virtual bool hasRoom() const = 0;
     /// Ends the session; a remote client is told with "reconnect":"none".
@@ -148,7 +152,7 @@ public:
     virtual ~BayeuxChannelSink() = default;
     /// One frame. `frame` is shared by all receivers, so that it is framed once. False when the connection is over or
     /// takes no more.
-    virtual bool send(const std::shared_ptr<const std::string>& frame) = 0;
+    virtual bool send(const std::shared_ptr<const std::string>& frame, http::SendWhen when) = 0;
     /// Until it can take a good deal more, or is over; false when that takes longer. Not on an I/O thread.
     virtual bool waitForRoom(std::chrono::milliseconds patience)
     {
@@ -165,6 +169,14 @@ struct BayeuxOrigin
     std::string httpSessionId;                    ///< "" without one
     std::shared_ptr<BayeuxChannelSink> webSocket; ///< null for long polling
     std::string peerAddress;
+};
+
+/// How messages to a service channel are served.
+struct ServiceOptions
+{
+    /// The handler answers by `BayeuxSession::answer`, as a rule within a millisecond: on a WebSocket the
+    /// acknowledgement waits that long, so that both arrive together.
+    bool answersSoon = false;
 };
 
 /// A Bayeux 1.0 server: channels, sessions, and the protocol between. Threads: any; callbacks (handlers, listeners,
@@ -220,7 +232,12 @@ public:
     [[nodiscard]] virtual Registration subscribe(const std::string& channel, Subscriber subscriber) = 0;
     /// For messages that clients send to "/service/…" (a pattern is allowed); without a handler they are refused. The
     /// newest handler of a channel serves it until it goes: a service may be replaced by its successor at any moment.
-    [[nodiscard]] virtual Registration handleService(const std::string& channel, ServiceHandler handler) = 0;
+    [[nodiscard]] virtual Registration handleService(const std::string& channel, ServiceHandler handler,
+                                                     const ServiceOptions& options) = 0;
+    [[nodiscard]] Registration handleService(const std::string& channel, ServiceHandler handler)
+    {
+        return handleService(channel, std::move(handler), {});
+    }
     /// A session of this process, which others can address by its id: it subscribes with `subscribe`d functions of its
     /// own, publishes under its name, and ends with `disconnect` or when nobody holds it. Throws std::invalid_argument
     /// for a name that is empty or taken.

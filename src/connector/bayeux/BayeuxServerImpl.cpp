@@ -101,13 +101,14 @@ BayeuxServer::Registration BayeuxServerImpl::subscribe(const std::string& channe
     });
 }
 
-BayeuxServer::Registration BayeuxServerImpl::handleService(const std::string& channel, ServiceHandler handler)
+BayeuxServer::Registration BayeuxServerImpl::handleService(const std::string& channel, ServiceHandler handler,
+                                                           const ServiceOptions& options)
 {
     if ((!isChannelName(channel) && !isPattern(channel)) || !channel.starts_with("/service/"))
         throw std::invalid_argument("\"" + channel + "\" is not a service channel.");
     if (!handler)
         throw std::invalid_argument("A service needs a function.");
-    auto kept = std::make_shared<const ServiceHandler>(std::move(handler));
+    auto kept = std::make_shared<const Services::Service>(Services::Service{std::move(handler), options});
     state_->services->add(channel, kept);
     return Registration([weak = std::weak_ptr(state_->services), channel, kept = std::move(kept)] {
         if (const auto services = weak.lock())

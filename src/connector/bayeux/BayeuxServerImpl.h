@@ -19,7 +19,9 @@ public:
     void publish(EventPtr event) override;
     void waitForRoom(const std::string& channel, std::chrono::milliseconds patience) override;
     [[nodiscard]] Registration subscribe(const std::string& channel, Subscriber subscriber) override;
-    [[nodiscard]] Registration handleService(const std::string& channel, ServiceHandler handler) override;
+    using BayeuxServer::handleService;
+    [[nodiscard]] Registration handleService(const std::string& channel, ServiceHandler handler,
+                                             const ServiceOptions& options) override;
     SessionPtr openLocalSession(const std::string& name, Subscriber deliveries) override;
     void publishAs(const BayeuxSession& sender, const std::string& channel, const Poco::Dynamic::Var& data) override;
     SessionPtr findSession(const std::string& id) const override;

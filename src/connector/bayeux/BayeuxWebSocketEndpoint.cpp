@@ -28,7 +28,10 @@ class Sink final : public BayeuxChannelSink
 {
 public:
     explicit Sink(std::shared_ptr<http::WebSocketConnection> connection) : connection_(std::move(connection)) {}
-    bool send(const std::shared_ptr<const std::string>& frame) override { return connection_->send(frame); }
+    bool send(const std::shared_ptr<const std::string>& frame, http::SendWhen when) override
+    {
+        return connection_->send(frame, when);
+    }
     bool waitForRoom(std::chrono::milliseconds patience) override { return connection_->waitForRoom(patience); }
     std::size_t queuedBytes() const override { return connection_->queuedBytes(); }
     void close() override { connection_->close(normal); }
@@ -169,7 +172,7 @@ void BayeuxWebSocketEndpoint::reply(MessageFuture& settled, const std::string& r
 void BayeuxWebSocketEndpoint::tell(std::string replies) const
 {
     if (!replies.empty())
-        sink_->send(std::make_shared<const std::string>(std::move(replies)));
+        sink_->send(std::make_shared<const std::string>(std::move(replies)), http::SendWhen::soon);
 }
 
 } // namespace connector::bayeux

@@ -102,6 +102,7 @@ public:
     bool isLocal() const noexcept override { return true; }
     const std::string& httpSessionId() const noexcept override { return none_; }
     bool deliver(EventPtr event) override;
+    bool answer(EventPtr event) override { return deliver(std::move(event)); }
     bool hasRoom() const override { return true; }
     void disconnect() override;
     bool isOver() const override { return over_; }

@@ -119,6 +119,8 @@ Future<std::string> MessageHandler::handleAll(const std::vector<Var>& messages)
     core_.finish(burst_);
     if (held_.valid())
         return std::move(held_);
+    if (origin_.webSocket && patient_ == messages.size())
+        sendReplies(http::SendWhen::withNext);
     return makeReadyFuture(replies_.empty() ? std::string() : '[' + replies_ + ']');
 }
 
@@ -219,8 +221,7 @@ void MessageHandler::handshake(const Incoming& message)
         return;
     // What listeners sent it already must not come before its id.
     if (session->hasEvents()) {
-        origin_.webSocket->send(std::make_shared<const std::string>('[' + replies_ + ']'));
-        replies_.clear();
+        sendReplies(http::SendWhen::soon);
     }
     core_.bind(session, origin_.webSocket);
 }
@@ -373,15 +374,16 @@ void MessageHandler::publish(const Incoming& message, const std::shared_ptr<Sess
 
 void MessageHandler::callService(const Incoming& message, const std::shared_ptr<Session>& session)
 {
-    const auto handler = services_.find(message.channel);
-    if (!handler)
+    const auto service = services_.find(message.channel);
+    if (!service)
         return refuse(message, {404, message.channel, "No such service"});
     const auto reason =
         core_.ask([&](BayeuxSecurityPolicy& policy) { return policy.mayPublish(*session, message.channel); });
     if (!reason.empty())
         return refuse(message, {403, message.channel, reason});
     try {
-        const auto answer = (*handler)({message.channel, message.object->get("data"), extOf(*message.object), session});
+        const auto answer =
+            service->handler({message.channel, message.object->get("data"), extOf(*message.object), session});
         if (!answer.isEmpty())
             session->receive(Publication(std::make_shared<const BayeuxEvent>(message.channel, answer)), burst_);
     } catch (const std::exception& error) {
@@ -389,7 +391,16 @@ void MessageHandler::callService(const Incoming& message, const std::shared_ptr<
                     "The service of " + message.channel + " failed: " + error.what());
         return refuse(message, {500, message.channel, "The service failed"});
     }
+    if (service->options.answersSoon)
+        ++patient_;
     reply(Reply(message.channel, true).addId(message.id).take());
+}
+
+void MessageHandler::sendReplies(http::SendWhen when)
+{
+    const auto text = std::make_shared<const std::string>('[' + std::exchange(replies_, {}) + ']');
+    // A socket that takes no more is closing.
+    origin_.webSocket->send(text, when);
 }
 
 void MessageHandler::reply(std::string text) { replies_.append(replies_.empty() ? "" : ",").append(text); }

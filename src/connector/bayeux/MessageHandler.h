@@ -43,6 +43,7 @@ private:
                                         const std::vector<std::string>& channels);
 
     void reply(std::string text);
+    void sendReplies(http::SendWhen when);
     /// `advice` "" for none.
     void refuse(const Incoming& message, const Refusal& refusal, const std::string& advice = {});
     void replyToSubscription(const Incoming& message, const Session& session, const std::optional<Refusal>& refusal);
@@ -52,6 +53,7 @@ private:
     const BayeuxOrigin& origin_;
     Burst burst_;
     std::string replies_;
+    std::size_t patient_ = 0; ///< of the replies: they may wait for what a service answers
     Future<std::string> held_;
 };
 

@@ -4,30 +4,30 @@
 
 namespace connector::bayeux {
 
-void Services::add(const std::string& channel, HandlerPtr handler)
+void Services::add(const std::string& channel, ServicePtr service)
 {
     std::lock_guard lock(mutex_);
-    handlers_[channel].push_back(std::move(handler));
+    services_[channel].push_back(std::move(service));
 }
 
-void Services::remove(const std::string& channel, const HandlerPtr& handler)
+void Services::remove(const std::string& channel, const ServicePtr& service)
 {
     std::lock_guard lock(mutex_);
-    const auto found = handlers_.find(channel);
-    if (found == handlers_.end())
+    const auto found = services_.find(channel);
+    if (found == services_.end())
         return;
-    std::erase(found->second, handler);
+    std::erase(found->second, service);
     if (found->second.empty())
-        handlers_.erase(found);
+        services_.erase(found);
 }
 
-Services::HandlerPtr Services::find(const std::string& channel) const
+Services::ServicePtr Services::find(const std::string& channel) const
 {
     auto names = patternsOf(channel);
     names.insert(names.begin(), channel);
     std::lock_guard lock(mutex_);
     for (const auto& name : names) {
-        if (const auto found = handlers_.find(name); found != handlers_.end())
+        if (const auto found = services_.find(name); found != services_.end())
             return found->second.back();
     }
     return nullptr;

@@ -11,17 +11,22 @@ namespace connector::bayeux {
 class Services
 {
 public:
-    using HandlerPtr = std::shared_ptr<const BayeuxServer::ServiceHandler>;
+    struct Service
+    {
+        BayeuxServer::ServiceHandler handler;
+        ServiceOptions options;
+    };
+    using ServicePtr = std::shared_ptr<const Service>;
 
-    /// The newest handler of a channel serves it; when it goes, the one before does again.
-    void add(const std::string& channel, HandlerPtr handler);
-    void remove(const std::string& channel, const HandlerPtr& handler);
+    /// The newest service of a channel serves it; when it goes, the one before does again.
+    void add(const std::string& channel, ServicePtr service);
+    void remove(const std::string& channel, const ServicePtr& service);
     /// That of the channel itself, else of the closest pattern; null for none.
-    HandlerPtr find(const std::string& channel) const;
+    ServicePtr find(const std::string& channel) const;
 
 private:
     mutable std::mutex mutex_;
-    std::map<std::string, std::vector<HandlerPtr>> handlers_; ///< the newest last; none is empty
+    std::map<std::string, std::vector<ServicePtr>> services_; ///< the newest last; none is empty
 };
 
 } // namespace connector::bayeux

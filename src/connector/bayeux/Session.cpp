@@ -44,13 +44,13 @@ bool Session::isOver() const
     return over_;
 }
 
-bool Session::deliver(EventPtr event)
+bool Session::send(const EventPtr& event, SendWhen when)
 {
     const auto core = core_.lock();
     if (!core || isOver())
         return false;
     Burst burst(core->limits());
-    receive(Publication(std::move(event)), burst);
+    receive(event, burst, when);
     const bool overflowed = !burst.overflowed.empty();
     core->finish(burst);
     return !overflowed && !isOver();
@@ -72,21 +72,17 @@ void Session::disconnect()
         core->kick(shared_from_this());
 }
 
-void Session::receive(const Publication& publication, Burst& burst)
+void Session::receive(const EventPtr& event, Burst& burst, SendWhen when)
 {
     Lock lock(mutex_);
-    if (!over_)
-        receiveLocked(publication.event(), burst);
-}
-
-void Session::receiveLocked(const EventPtr& event, Burst& burst)
-{
+    if (over_)
+        return;
     if (pushesToSink() && queue_.empty() && !event->isLazy()) {
         if (sink_->queuedBytes() + event->frame()->size() > burst.limits.queueBytes) {
             burst.overflowed.push_back(shared_from_this());
             return;
         }
-        if (sink_->send(event->frame())) {
+        if (sink_->send(event->frame(), when)) {
             ++burst.delivered;
             return;
         }
@@ -110,7 +106,7 @@ void Session::flushToSink(const BayeuxLimits& limits, std::uint64_t& delivered)
     auto events = queue_.take(false);
     if (events.empty())
         return;
-    if (sink_->queuedBytes() <= limits.queueBytes && sink_->send(frameOf(joined(events, {})))) {
+    if (sink_->queuedBytes() <= limits.queueBytes && sink_->send(frameOf(joined(events, {})), SendWhen::soon)) {
         delivered += events.size();
         return;
     }
@@ -255,7 +251,7 @@ void Session::answerSuperseded(std::optional<Held> held, const std::string& clie
                           .addError({409, "", "Another connect took its place"})
                           .take();
     if (held->sink)
-        held->sink->send(frameOf(text));
+        held->sink->send(frameOf(text), SendWhen::soon);
     else
         held->promise.setValue('[' + text + ']');
 }
@@ -299,7 +295,7 @@ std::string Session::answerNow(const Connect& request, const Sink& sink, const s
         delivered += events.size();
         return text;
     }
-    if (sink->send(frameOf(text))) {
+    if (sink->send(frameOf(text), SendWhen::soon)) {
         delivered += events.size();
     } else {
         queue_.restore(std::move(events), acknowledges_);
@@ -345,7 +341,7 @@ void Session::pump(Lock& lock, const BayeuxLimits& limits, Clock::time_point now
         const auto text = reply(held.id, changedAdvice(adviceText(Reconnect::retry, limits)), events);
         bool sent = false;
         if (held.sink) {
-            sent = held.sink->send(frameOf(text));
+            sent = held.sink->send(frameOf(text), SendWhen::soon);
             if (!sent && sink_ == held.sink)
                 dropSink();
         } else {
@@ -398,7 +394,7 @@ bool Session::end(Reconnect reconnect, const BayeuxLimits& limits, bool closeSin
         const auto text = last.take();
         held->poll.reset();
         if (held->sink)
-            held->sink->send(frameOf(text));
+            held->sink->send(frameOf(text), SendWhen::soon);
         else
             held->promise.setValue('[' + text + ']');
     }

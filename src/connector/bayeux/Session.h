@@ -20,6 +20,7 @@ class Session final : public BayeuxSession, public Receiver, public std::enable_
 public:
     using Clock = EventQueue::Clock;
     using Sink = std::shared_ptr<BayeuxChannelSink>;
+    using SendWhen = http::SendWhen;
 
     /// `polls` counts its held connects.
     Session(std::weak_ptr<Core> core, std::shared_ptr<BrowserPolls> polls, const BayeuxOrigin& origin,
@@ -28,11 +29,15 @@ public:
     const std::string& id() const noexcept override { return id_; }
     bool isLocal() const noexcept override { return false; }
     const std::string& httpSessionId() const noexcept override { return httpSessionId_; }
-    bool deliver(EventPtr event) override;
+    bool deliver(EventPtr event) override { return send(event, SendWhen::soon); }
+    bool answer(EventPtr event) override { return send(event, SendWhen::now); }
     bool hasRoom() const override;
     void disconnect() override;
     bool isOver() const override;
-    void receive(const Publication& publication, Burst& burst) override;
+    void receive(const Publication& publication, Burst& burst) override
+    {
+        receive(publication.event(), burst, SendWhen::soon);
+    }
     std::shared_ptr<Session> session() override { return shared_from_this(); }
 
     /// How other clients know it: its id is a secret.
@@ -90,7 +95,8 @@ private:
     };
     using Lock = std::unique_lock<std::mutex>;
 
-    void receiveLocked(const EventPtr& event, Burst& burst);
+    bool send(const EventPtr& event, SendWhen when);
+    void receive(const EventPtr& event, Burst& burst, SendWhen when);
     bool pushesToSink() const noexcept { return sink_ && !acknowledges_; }
     void flushToSink(const BayeuxLimits& limits, std::uint64_t& delivered);
     void dropSink();

@@ -10,6 +10,14 @@
 
 namespace connector::http {
 
+/// When a message goes out. The order of a connection's messages is that of the calls in any case.
+enum class SendWhen
+{
+    soon,     ///< with what others have for the client meanwhile
+    withNext, ///< with the next message, or by itself a few milliseconds later
+    now       ///< written by the calling thread where the socket takes it: for what a client waits for, not for streams
+};
+
 /// The sending side of one open WebSocket (RFC 6455). Threads: any.
 class CONNECTOR_API WebSocketConnection
 {
@@ -19,7 +27,7 @@ public:
     /// client is closed with 1008.
     virtual bool send(std::string message, bool binary = false) = 0;
     /// The same for text that many connections get: it is shared and framed where it stands.
-    virtual bool send(std::shared_ptr<const std::string> text) = 0;
+    virtual bool send(std::shared_ptr<const std::string> text, SendWhen when) = 0;
     /// Closes in order, after what is queued. `reason`: UTF-8, at most 123 bytes.
     virtual void close(std::uint16_t code = 1000, const std::string& reason = {}) = 0;
     /// Waits until three quarters of what may be queued are free, or the connection is over; false when that takes

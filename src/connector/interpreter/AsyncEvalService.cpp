@@ -202,14 +202,19 @@ Object::Ptr AsyncEvalService::Impl::call(const Request& request, std::unique_ptr
     terms.isWanted = [sender = request.sender()] { return !sender->isOver(); };
     terms.keep = pathFor(request.data);
     EngineTask::post(makeTask(engine_, std::move(message), std::move(terms)), *uncancelled_)
-        .then([sender = request.sender(), channel = request.message.channel, tag = request.tag,
-               encode](MessageFuture settled) {
+        .then([sender = request.sender(), channel = request.message.channel, tag = request.tag, encode,
+               engine = engine_](MessageFuture settled) {
             try {
                 const auto answer = settled.get();
                 const auto text = textOf(tag, encode(static_cast<const Response&>(*answer)));
                 if (text.size() > kMaxReplyBytes)
                     throw ServiceFault("tooLarge", "The answer takes " + std::to_string(text.size()) + " bytes.");
-                sender->deliver(bayeux::BayeuxEvent::ofText(channel, text));
+                auto event = bayeux::BayeuxEvent::ofText(channel, text);
+                // While others wait for the interpreter its thread has better things to do than to send.
+                if (engine->queued() > 0)
+                    sender->deliver(std::move(event));
+                else
+                    sender->answer(std::move(event));
             } catch (...) {
                 replyFault(sender, channel, tag, std::current_exception());
             }
@@ -392,11 +397,16 @@ AsyncEvalService::AsyncEvalService(std::shared_ptr<bayeux::BayeuxServer> server,
     told.serverPublishesOnly = true;
     for (const char* channel : {"/interpreter/variables", "/interpreter/folder", "/interpreter/state"})
         server->setChannelOptions(channel, told);
-    registration_ = server->handleService(kChannels, [weak = std::weak_ptr(impl_)](const auto& message) {
-        if (const auto impl = weak.lock())
-            impl->handle(message);
-        return Poco::Dynamic::Var();
-    });
+    bayeux::ServiceOptions options;
+    options.answersSoon = true;
+    registration_ = server->handleService(
+        kChannels,
+        [weak = std::weak_ptr(impl_)](const auto& message) {
+            if (const auto impl = weak.lock())
+                impl->handle(message);
+            return Poco::Dynamic::Var();
+        },
+        options);
 }
 
 AsyncEvalService::~AsyncEvalService()

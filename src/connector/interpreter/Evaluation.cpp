@@ -12,6 +12,9 @@ constexpr milliseconds kBatchTime{5};
 /// How soon a reader that had no room is looked at again.
 constexpr milliseconds kRetryTime{5};
 constexpr milliseconds kRoomLook{100};
+/// Printed and not in the log yet; code that is further ahead waits. No more than a part of what the log may hold.
+constexpr std::size_t kMostAhead = 8 * Pieces::kBytes;
+constexpr std::size_t kAheadOfLog = 8;
 /// Read from the log and handed to a reader at a time.
 constexpr std::size_t kBatchBytes = 256u << 10;
 
@@ -25,7 +28,8 @@ std::string stateMembers(const char* state) { return std::string(R"("kind":"stat
 } // namespace
 
 Evaluation::Evaluation(std::string id, std::weak_ptr<Pump> pump, const Limits& limits)
-    : id_(std::move(id)), channel_("/interpreter/eval/" + id_), pump_(std::move(pump)), limits_(limits)
+    : id_(std::move(id)), channel_("/interpreter/eval/" + id_), pump_(std::move(pump)), limits_(limits),
+      mostAhead_(std::clamp<std::size_t>(limits.logBytes / kAheadOfLog, Pieces::kBytes, kMostAhead))
 {}
 
 Evaluation::Summary Evaluation::summary() const
@@ -103,22 +107,27 @@ void Evaluation::write(rqe::Stream stream, std::string_view text)
     if (closed_)
         return;
     asking_ = false; // code that was interrupted while it waited for input goes on otherwise
-    pieces_.add(stream, text);
-    if (pieces_.bytes() >= Pieces::kBytes)
+    add(stream, text);
+    if (pieces_.bytes() >= mostAhead_)
         flush(lock, true);
-    if (!pumpKnows_)
-        wakePump();
 }
 
 bool Evaluation::tryWrite(rqe::Stream stream, std::string_view text)
 {
     const Lock lock(mutex_, std::try_to_lock);
-    if (!lock || closed_ || asking_ || pieces_.bytes() + text.size() >= Pieces::kBytes)
+    if (!lock || closed_ || asking_ || pieces_.bytes() + text.size() >= mostAhead_)
         return false;
-    pieces_.add(stream, text);
-    if (!pumpKnows_)
-        wakePump();
+    add(stream, text);
     return true;
+}
+
+/// The pump comes in a while, and at once for a whole piece.
+void Evaluation::add(rqe::Stream stream, std::string_view text)
+{
+    const bool wasShort = pieces_.bytes() < Pieces::kBytes;
+    pieces_.add(stream, text);
+    if (!pumpKnows_ || (wasShort && pieces_.bytes() >= Pieces::kBytes))
+        wakePump();
 }
 
 std::optional<std::string> Evaluation::readLine(milliseconds patience)
@@ -145,12 +154,15 @@ Evaluation::Clock::time_point Evaluation::pump()
     Lock lock(mutex_);
     auto next = Clock::time_point::max();
     pumpKnows_ = false;
-    if (!pieces_.empty() && (Clock::now() < flushedAt_ + kBatchTime || !flush(lock, false)))
+    const bool isDue = pieces_.bytes() >= Pieces::kBytes || Clock::now() >= flushedAt_ + kBatchTime;
+    if (!pieces_.empty() && !(isDue && flush(lock, false)))
         next = std::max(flushedAt_ + kBatchTime, Clock::now() + milliseconds(1));
     for (const auto& reader : std::vector<ReaderPtr>(readers_))
         if (!serve(lock, reader))
             next = std::min(next, Clock::now() + kRetryTime);
     pumpKnows_ = next != Clock::time_point::max();
+    if (state_ == State::ended && !pumpKnows_)
+        log_.settle();
     return next;
 }
 
@@ -192,9 +204,11 @@ std::vector<bayeux::EventPtr> Evaluation::batchFor(Reader& reader)
     return events;
 }
 
-/// Puts what was printed into the log. Without `wait`, and when closed, false if there is no room.
+/// Puts what was printed into the log. Without `wait`, and when closed, false if there is no room. The lock is free
+/// while the events are written, so that the code goes on printing.
 bool Evaluation::flush(Lock& lock, bool wait)
 {
+    changed_.wait(lock, [this] { return !flushing_; });
     while (!pieces_.empty() && !makeRoom(2 * pieces_.bytes())) {
         if (!wait)
             return false;
@@ -202,9 +216,21 @@ bool Evaluation::flush(Lock& lock, bool wait)
             wakePump();
         changed_.wait_for(lock, kRoomLook);
     }
-    for (const auto& piece : pieces_.take())
+    auto pieces = pieces_.take();
+    flushing_ = !pieces.empty();
+    const std::shared_ptr<void> ended(nullptr, [&](std::nullptr_t) {
+        if (!lock.owns_lock())
+            lock.lock();
+        flushing_ = false;
+        changed_.notify_all();
+    });
+    for (auto& piece : pieces) {
+        lock.unlock();
+        piece.text = R"("kind":"output",)" + membersOf(piece);
+        lock.lock();
         if (!closed_)
-            log_.append(numbered(log_.next(), R"("kind":"output",)" + membersOf(piece)));
+            store(piece.text);
+    }
     flushedAt_ = Clock::now();
     return true;
 }
@@ -215,8 +241,18 @@ void Evaluation::append(Lock& lock, const std::string& members)
         changed_.wait_for(lock, kRoomLook);
     if (closed_)
         return;
-    log_.append(numbered(log_.next(), members));
+    store(members);
     wakePump();
+}
+
+/// A reader that has had everything so far stands still from now on at the earliest.
+void Evaluation::store(const std::string& members)
+{
+    const auto now = Clock::now();
+    for (const auto& reader : readers_)
+        if (reader->next == log_.next())
+            reader->hadRoomAt = now;
+    log_.append(numbered(log_.next(), members));
 }
 
 bool Evaluation::makeRoom(std::size_t bytes)

@@ -86,7 +86,9 @@ private:
     };
     using ReaderPtr = std::shared_ptr<Reader>;
 
+    void add(rqe::Stream stream, std::string_view text);
     void append(Lock& lock, const std::string& members);
+    void store(const std::string& members);
     bool flush(Lock& lock, bool wait);
     bool makeRoom(std::size_t bytes);
     bool isAwaited(std::uint64_t number);
@@ -98,6 +100,7 @@ private:
     const std::string channel_;
     const std::weak_ptr<Pump> pump_;
     const Limits limits_;
+    const std::size_t mostAhead_;
 
     mutable std::mutex mutex_;
     std::condition_variable changed_; ///< room in the log, or a line of input
@@ -109,6 +112,7 @@ private:
     State state_ = State::queued;
     Clock::time_point endedAt_{};
     bool pumpKnows_ = false; ///< it will come by without being woken
+    bool flushing_ = false;  ///< somebody writes events of older output than pieces_
     bool asking_ = false;
     std::optional<std::string> line_;
     bool closed_ = false;

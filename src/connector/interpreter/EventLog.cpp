@@ -24,7 +24,12 @@ void EventLog::append(std::string text)
     memoryBytes_ += text.size();
     const auto length = static_cast<std::uint32_t>(text.size());
     entries_.push_back({std::move(text), 0, length});
-    while (memoryBytes_ > kMemoryBytes && inFile_ + 1 < entries_.size() && !noFile_)
+    keepInMemory(kMemoryBytes);
+}
+
+void EventLog::keepInMemory(std::size_t bytes)
+{
+    while (memoryBytes_ > bytes && inFile_ + 1 < entries_.size() && !noFile_)
         spill();
 }
 

@@ -9,12 +9,13 @@
 
 namespace connector::interpreter::v1 {
 
-/// Texts numbered from 1, the oldest of which may be dropped. What is more than kMemoryBytes lies in a file without a
-/// name, gone with this. One thread at a time.
+/// Texts numbered from 1, the oldest of which may be dropped. What is more than kMemoryBytes, and kRestBytes once it
+/// rests, lies in a file without a name, gone with this. One thread at a time.
 class CONNECTOR_API EventLog
 {
 public:
-    static constexpr std::size_t kMemoryBytes = 256u << 10;
+    static constexpr std::size_t kMemoryBytes = 4u << 20;
+    static constexpr std::size_t kRestBytes = 256u << 10;
     static constexpr std::size_t kOverhead = 64; ///< counted for each text besides its own bytes
 
     std::uint64_t next() const noexcept { return first_ + entries_.size(); }
@@ -26,6 +27,8 @@ public:
     /// `number`: from first() to next() - 1. Throws std::runtime_error when the file cannot be read.
     std::string read(std::uint64_t number) const;
     void dropFirst();
+    /// Nothing more will be appended soon.
+    void settle() { keepInMemory(kRestBytes); }
 
 private:
     struct Entry
@@ -35,6 +38,7 @@ private:
         std::uint32_t length = 0;
     };
 
+    void keepInMemory(std::size_t bytes);
     void spill();
     bool openFile();
 

@@ -72,6 +72,11 @@ std::vector<std::string> textsOf(PyObject* sequence);
 template <class Write>
 void withText(PyObject* text, Write write)
 {
+    if (PyUnicode_Check(text) && PyUnicode_IS_COMPACT_ASCII(text)) {
+        write(std::string_view(static_cast<const char*>(PyUnicode_DATA(text)),
+                               static_cast<std::size_t>(PyUnicode_GET_LENGTH(text))));
+        return;
+    }
     Py_ssize_t size = 0;
     if (const char* bytes = PyUnicode_AsUTF8AndSize(text, &size)) {
         write(std::string_view(bytes, static_cast<std::size_t>(size)));

@@ -9,11 +9,11 @@ namespace {
 constexpr std::size_t kLongestPiece = 8192;
 /// How often code that waits for input looks whether it was interrupted.
 constexpr std::chrono::milliseconds kInterruptLook{20};
-constexpr const char* kCapsuleName = "vendra.target";
 
+/// Of a capsule without a name, which nobody but the function has: comparing names would cost more than a write.
 OutputCapture::Target& targetOf(PyObject* capsule)
 {
-    void* target = PyCapsule_GetPointer(capsule, kCapsuleName);
+    void* target = PyCapsule_GetPointer(capsule, nullptr);
     if (!target)
         throw ErrorSet{};
     return *static_cast<OutputCapture::Target*>(target);
@@ -74,7 +74,7 @@ PyMethodDef capturedMethod = {"captured", isCaptured, METH_NOARGS, "Does the out
 
 Ref makeFunction(PyMethodDef& method, OutputCapture::Target& target)
 {
-    Ref capsule = Ref::own(PyCapsule_New(&target, kCapsuleName, nullptr));
+    Ref capsule = Ref::own(PyCapsule_New(&target, nullptr, nullptr));
     return Ref::own(PyCFunction_New(&method, capsule.get()));
 }
 
@@ -109,7 +109,7 @@ void OutputCapture::install(PyObject* support)
                                  flushError.get(), read.get(), captureAsked.get()));
 }
 
-bool OutputCapture::captured() const noexcept { return active_ && PyThread_get_thread_ident() == thread_; }
+bool OutputCapture::captured() const noexcept { return active_ && ::pthread_equal(::pthread_self(), thread_); }
 
 void OutputCapture::write(rqe::Stream stream, std::string_view text)
 {
@@ -124,7 +124,8 @@ void OutputCapture::write(rqe::Stream stream, std::string_view text)
         return;
     }
     if (pending_.empty()) {
-        handOver(stream, text);
+        if (!sink_->tryWrite(stream, text))
+            writeUnlocked(stream, text);
         return;
     }
     pending_ += text;
@@ -135,19 +136,18 @@ void OutputCapture::flush()
 {
     if (pending_.empty())
         return;
-    std::string piece = std::exchange(pending_, {});
-    handOver(pendingStream_, piece);
-    if (pending_.empty()) {
-        piece.clear();
-        pending_ = std::move(piece); // keeps its memory
+    if (!sink_ || sink_->tryWrite(pendingStream_, pending_)) {
+        pending_.clear(); // and keeps its memory
+        return;
     }
+    // While the language is free others may write.
+    const std::string piece = std::exchange(pending_, {});
+    writeUnlocked(pendingStream_, piece);
 }
 
-void OutputCapture::handOver(rqe::Stream stream, std::string_view text)
+void OutputCapture::writeUnlocked(rqe::Stream stream, std::string_view text)
 {
-    rqe::OutputSink* sink = sink_;
-    if (!sink || sink->tryWrite(stream, text))
-        return;
+    rqe::OutputSink* const sink = sink_;
     Unlocked unlocked;
     sink->write(stream, text);
 }

@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include <pthread.h>
+
 #include "platform/rqe/Interpreter.h"
 #include "vendra/python/Object.h"
 
@@ -56,9 +58,9 @@ public:
     };
 
 private:
-    void handOver(rqe::Stream stream, std::string_view text);
+    void writeUnlocked(rqe::Stream stream, std::string_view text);
 
-    const unsigned long thread_ = PyThread_get_thread_ident();
+    const pthread_t thread_ = ::pthread_self();
     bool active_ = false;
     rqe::OutputSink* sink_ = nullptr;
     rqe::Stream pendingStream_ = rqe::Stream::output;

@@ -19,7 +19,7 @@ namespace connector::bayeux {
 class RecordingSink final : public BayeuxChannelSink
 {
 public:
-    bool send(const std::shared_ptr<const std::string>& frame) override
+    bool send(const std::shared_ptr<const std::string>& frame, http::SendWhen) override
     {
         std::lock_guard lock(mutex_);
         if (broken)

@@ -53,7 +53,7 @@ public:
     void publish(EventPtr) override { unused(); }
     void waitForRoom(const std::string&, std::chrono::milliseconds) override { unused(); }
     Registration subscribe(const std::string&, Subscriber) override { unused(); }
-    Registration handleService(const std::string&, ServiceHandler) override { unused(); }
+    Registration handleService(const std::string&, ServiceHandler, const ServiceOptions&) override { unused(); }
     SessionPtr openLocalSession(const std::string&, Subscriber) override { unused(); }
     void publishAs(const BayeuxSession&, const std::string&, const Poco::Dynamic::Var&) override { unused(); }
     SessionPtr findSession(const std::string&) const override { unused(); }

@@ -50,7 +50,10 @@ public:
         sent.push_back(std::move(message));
         return true;
     }
-    bool send(std::shared_ptr<const std::string> text) override { return send(std::string(*text), false); }
+    bool send(std::shared_ptr<const std::string> text, http::SendWhen) override
+    {
+        return send(std::string(*text), false);
+    }
     bool waitForRoom(std::chrono::milliseconds) override { return true; }
     void close(std::uint16_t code, const std::string&) override { codes.push_back(code); }
     std::size_t queuedBytes() const override { return sent.size(); }
@@ -300,7 +303,7 @@ TEST_F(Transport, SocketsMessagesAreHandledInOrder)
     EXPECT_EQ(origin.httpSessionId, session->id());
     EXPECT_EQ(origin.peerAddress, "127.0.0.9");
     ASSERT_NE(origin.webSocket, nullptr);
-    EXPECT_TRUE(origin.webSocket->send(std::make_shared<const std::string>("[event]")));
+    EXPECT_TRUE(origin.webSocket->send(std::make_shared<const std::string>("[event]"), http::SendWhen::soon));
     EXPECT_EQ(connection->sent.back(), "[event]");
     EXPECT_EQ(origin.webSocket->queuedBytes(), 5u);
 

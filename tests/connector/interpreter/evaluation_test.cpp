@@ -20,6 +20,7 @@ public:
     const std::string& id() const noexcept override { return id_; }
     bool isLocal() const noexcept override { return false; }
     const std::string& httpSessionId() const noexcept override { return id_; }
+    bool answer(bayeux::EventPtr event) override { return deliver(std::move(event)); }
     bool deliver(bayeux::EventPtr event) override
     {
         std::lock_guard lock(mutex_);
@@ -127,16 +128,16 @@ constexpr std::uint64_t kTenPieces = 10 * (Pieces::kBytes + 200);
 TEST_F(EvaluationTest, WhatLiesInTheFileIsReadBack)
 {
     make(kPlenty);
-    const auto all = print(100);
+    const auto all = print(300);
     end();
-    EXPECT_GT(evaluation->summary().bytes, 10 * EventLog::kMemoryBytes);
+    EXPECT_GT(evaluation->summary().bytes, 2 * EventLog::kMemoryBytes);
     const auto client = std::make_shared<Client>(1'000);
     EXPECT_TRUE(evaluation->attach(client, 0));
-    EXPECT_EQ(client->until("ended").size(), 103u);
+    EXPECT_EQ(client->until("ended").size(), 303u);
     EXPECT_TRUE(client->output() == all);
     const auto late = std::make_shared<Client>(1'000);
-    EXPECT_TRUE(evaluation->attach(late, 101));
-    EXPECT_EQ(late->until("ended"), (std::vector<std::string>{"102:result", "103:state"}));
+    EXPECT_TRUE(evaluation->attach(late, 301));
+    EXPECT_EQ(late->until("ended"), (std::vector<std::string>{"302:result", "303:state"}));
     const auto beyond = std::make_shared<Client>(1'000);
     EXPECT_TRUE(evaluation->attach(beyond, ~std::uint64_t{0} - 1));
     EXPECT_EQ(beyond->output(), "");

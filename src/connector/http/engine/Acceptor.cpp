@@ -31,7 +31,7 @@ namespace {
 constexpr std::uint64_t kMaxTurnedAway = 64;
 constexpr std::chrono::milliseconds kPauseAfterFailure{100};
 /// The share of a processor from which on a loop gets no more connections while another has less to do.
-constexpr double kBusy = 0.5;
+constexpr double kBusy = 0.85;
 constexpr int kFreePortAttempts = 10;
 
 std::string placeText(const std::string& address, std::uint16_t port)

@@ -4,32 +4,27 @@
 #include <cerrno>
 
 #include <sys/socket.h>
-#include <sys/uio.h>
 
 namespace connector::http::engine {
 
 namespace {
 
 constexpr std::size_t kFramesAtOnce = 32;
-constexpr unsigned char kFinal = 0x80;
-
-iovec partOf(std::string_view bytes) noexcept { return {const_cast<char*>(bytes.data()), bytes.size()}; }
 
 } // namespace
 
-Frame::Frame(std::shared_ptr<const std::string> payload, bool binary) : payload_(std::move(payload))
+void FrameStream::takeTurn()
 {
-    const std::uint64_t size = payload_->size();
-    const auto put = [this](std::uint64_t value) { head_[headBytes_++] = static_cast<char>(value & 0xff); };
-    put(kFinal | (binary ? 2u : 1u));
-    if (size < 126) {
-        put(size);
-    } else {
-        const int bytes = size <= 0xffff ? 2 : 8;
-        put(bytes == 2 ? 126 : 127);
-        for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8)
-            put(size >> shift);
-    }
+    if (std::exchange(hasTurn_, true))
+        return;
+    if (auto rest = turn_.take(); !rest.empty())
+        queue_.emplace_front(std::move(rest));
+}
+
+void FrameStream::enqueue(Frame frame)
+{
+    takeTurn();
+    queue_.push_back(std::move(frame));
 }
 
 void FrameStream::flush()
@@ -45,6 +40,8 @@ void FrameStream::flush()
             owner_.flushed();
     } while (!waiting_ && !failed_ && !queue_.empty());
     flushing_ = false;
+    if (!waiting_ && queue_.empty() && std::exchange(hasTurn_, false))
+        turn_.giveBack();
     if (failed_)
         owner_.sendingFailed();
     if (!waiting_ && whenFlushed_)
@@ -117,6 +114,7 @@ void FrameStream::sent(std::size_t count)
 void FrameStream::close()
 {
     failed_ = true;
+    turn_.revoke();
     stream_.close();
 }
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <array>
-#include <cstdint>
 #include <functional>
 #include <list>
 #include <memory>
@@ -10,30 +8,11 @@
 
 #include <boost/beast/core/role.hpp>
 
+#include "connector/http/engine/Frame.h"
+#include "connector/http/engine/SocketTurn.h"
 #include "connector/http/engine/Stream.h"
 
 namespace connector::http::engine {
-
-/// One message as a server's frame (RFC 6455 §5.2): not masked, not fragmented. The payload is shared by all who get
-/// it.
-class Frame
-{
-public:
-    Frame() = default;
-    Frame(std::shared_ptr<const std::string> payload, bool binary);
-    /// Bytes of a frame made elsewhere.
-    explicit Frame(std::string bytes) : payload_(std::make_shared<const std::string>(std::move(bytes))) {}
-
-    std::string_view head() const noexcept { return {head_.data(), headBytes_}; }
-    const std::string& payload() const noexcept { return *payload_; }
-    std::size_t size() const noexcept { return headBytes_ + payload_->size(); }
-    bool isMessage() const noexcept { return headBytes_ > 0; }
-
-private:
-    std::array<char, 10> head_{};
-    std::uint8_t headBytes_ = 0;
-    std::shared_ptr<const std::string> payload_;
-};
 
 /// The stream below a WebSocket. What the protocol writes (the handshake's answer, control frames) is taken whole, and
 /// goes out in turn with messages that were framed once for many receivers. Its loop's thread.
@@ -55,7 +34,9 @@ public:
         virtual void sendingFailed() = 0;
     };
 
-    FrameStream(Stream stream, Owner& owner) : stream_(std::move(stream)), owner_(owner) {}
+    /// `turn` lives as long as the owner.
+    FrameStream(Stream stream, Owner& owner, SocketTurn& turn) : stream_(std::move(stream)), owner_(owner), turn_(turn)
+    {}
 
     executor_type get_executor() { return stream_.get_executor(); }
 
@@ -86,7 +67,12 @@ public:
         flush();
     }
 
-    void enqueue(Frame frame) { queue_.push_back(std::move(frame)); }
+    bool isTls() const noexcept { return stream_.isTls(); }
+
+    /// Nobody else writes to the socket until everything queued has gone out; to be called before what is to be queued
+    /// is taken from where others could send it.
+    void takeTurn();
+    void enqueue(Frame frame);
     std::size_t queued() const noexcept { return queue_.size(); }
     /// Sends what the socket takes.
     void flush();
@@ -95,6 +81,7 @@ public:
     template <class Handler>
     void finish(Handler&& handler)
     {
+        turn_.revoke();
         auto end = [this, taken = std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler))] {
             stream_.finishSending([this, taken] {
                 stream_.close();
@@ -114,6 +101,8 @@ private:
 
     Stream stream_;
     Owner& owner_;
+    SocketTurn& turn_;
+    bool hasTurn_ = false;
     // A list takes nothing while it is empty, as it is in most of ten thousand clients.
     std::list<Frame> queue_;
     std::size_t offset_ = 0; ///< sent of the first frame

@@ -38,7 +38,7 @@ std::chrono::nanoseconds cpuTimeOfThread()
 
 Loop::Loop(std::shared_ptr<ServerCore> core)
     : core_(std::move(core)), work_(asio::make_work_guard(context_)), sweepTimer_(context_), stopTimer_(context_),
-      gatherTimer_(context_), sweepInterval_(sweepIntervalOf(*core_))
+      gatherTimer_(context_), lateTimer_(context_), sweepInterval_(sweepIntervalOf(*core_))
 {}
 
 Loop::~Loop() = default;
@@ -123,6 +123,34 @@ void Loop::callWoken()
         gatherUntil_ = end + std::min<std::chrono::nanoseconds>(end - begin, kLongestGather);
 }
 
+void Loop::wakeLate(std::weak_ptr<Peer> peer)
+{
+    {
+        std::lock_guard lock(wakeMutex_);
+        wokenLate_.push_back(std::move(peer));
+        if (wokenLate_.size() > 1)
+            return; // they are about to be called
+    }
+    asio::post(context_, [this] {
+        if (stopping_)
+            return callWokenLate();
+        lateTimer_.expires_after(kLateness);
+        lateTimer_.async_wait([this](const boost::system::error_code&) { callWokenLate(); });
+    });
+}
+
+void Loop::callWokenLate()
+{
+    std::vector<std::weak_ptr<Peer>> woken;
+    {
+        std::lock_guard lock(wakeMutex_);
+        woken.swap(wokenLate_);
+    }
+    for (const auto& weak : woken)
+        if (const auto alive = weak.lock())
+            alive->wokenLate();
+}
+
 void Loop::stop()
 {
     if (stopping_)
@@ -130,6 +158,7 @@ void Loop::stop()
     stopping_ = true;
     sweepTimer_.cancel();
     gatherTimer_.cancel();
+    lateTimer_.cancel();
 
     std::vector<std::shared_ptr<Peer>> open;
     open.reserve(peers_.size());

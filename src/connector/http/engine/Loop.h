@@ -25,6 +25,8 @@ class Peer;
 class Loop final : public std::enable_shared_from_this<Loop>
 {
 public:
+    static constexpr std::chrono::milliseconds kLateness{2};
+
     explicit Loop(std::shared_ptr<ServerCore> core);
     ~Loop();
     Loop(const Loop&) = delete;
@@ -45,6 +47,8 @@ public:
     /// Has `woken` called on the loop's thread, once for all who are woken meanwhile: soon, or, where that took long
     /// the last time, after a pause of that length. Any thread.
     void wake(std::weak_ptr<Peer> peer);
+    /// Has `wokenLate` called on the loop's thread within kLateness. Any thread.
+    void wakeLate(std::weak_ptr<Peer> peer);
 
     /// A client's bytes were read, or a message taken from them; there may be more, for the same receivers.
     void noteInput() noexcept { ++inputs_; }
@@ -59,6 +63,7 @@ public:
 private:
     void callWokenSoon();
     void callWoken();
+    void callWokenLate();
     void sweepLater();
     void sweep();
     void measureLoad();
@@ -69,6 +74,7 @@ private:
     boost::asio::steady_timer sweepTimer_;
     boost::asio::steady_timer stopTimer_;
     boost::asio::steady_timer gatherTimer_;
+    boost::asio::steady_timer lateTimer_;
     std::chrono::steady_clock::time_point gatherUntil_;
     std::uint64_t inputs_ = 0;
     std::uint64_t inputsSeen_ = 0;
@@ -83,6 +89,7 @@ private:
 
     std::mutex wakeMutex_;
     std::vector<std::weak_ptr<Peer>> woken_;
+    std::vector<std::weak_ptr<Peer>> wokenLate_;
 };
 
 } // namespace connector::http::engine

@@ -18,6 +18,8 @@ public:
 
     /// Somebody has something for it; see Loop::wake.
     virtual void woken() {}
+    /// See Loop::wakeLate.
+    virtual void wokenLate() {}
     /// The server stops: closes now or soon.
     virtual void stop() = 0;
     /// Now; to be called any number of times.

@@ -39,7 +39,8 @@ class WebSocketSession final : public Peer, public FrameStream::Owner
 public:
     WebSocketSession(Stream stream, Loop& loop, std::unique_ptr<ConnectionCount> count, const WebSocketUpgrade& upgrade)
         : loop_(loop), count_(std::move(count)), endpoint_(upgrade.endpoint), options_(upgrade.options),
-          outbox_(std::make_shared<WebSocketOutbox>(upgrade.options.maxQueuedBytes)), stream_(std::move(stream), *this)
+          outbox_(std::make_shared<WebSocketOutbox>(upgrade.options.maxQueuedBytes, stream.socket().native_handle())),
+          stream_(std::move(stream), *this, outbox_->turn())
     {}
 
     void start(const UpgradeAsked& asked, const HttpResponse& response);
@@ -49,6 +50,11 @@ public:
     void closeNow(websocket::close_reason reason);
 
     void woken() override { writeNext(); }
+    void wokenLate() override
+    {
+        outbox_->lateTold();
+        writeNext();
+    }
     void stop() override { closeNow({websocket::close_code::going_away, "The connector is stopping."}); }
     void close() override
     {
@@ -104,9 +110,12 @@ public:
 
     bool send(std::string message, bool binary) override
     {
-        return push(std::make_shared<const std::string>(std::move(message)), binary);
+        return push({std::make_shared<const std::string>(std::move(message)), binary}, SendWhen::soon);
     }
-    bool send(std::shared_ptr<const std::string> text) override { return push(std::move(text), false); }
+    bool send(std::shared_ptr<const std::string> text, SendWhen when) override
+    {
+        return push({std::move(text), false}, when);
+    }
 
     void close(std::uint16_t code, const std::string& reason) override
     {
@@ -121,23 +130,28 @@ public:
     std::size_t queuedBytes() const override { return outbox_->bytes(); }
 
 private:
-    bool push(std::shared_ptr<const std::string> payload, bool binary)
+    bool push(WebSocketOutbox::Outgoing message, SendWhen when)
     {
-        switch (outbox_->push(std::move(payload), binary)) {
-        case WebSocketOutbox::Pushed::queued:
+        switch (outbox_->push(std::move(message), when)) {
+        case WebSocketOutbox::Pushed::done:
             return true;
-        case WebSocketOutbox::Pushed::queuedFirst:
+        case WebSocketOutbox::Pushed::tell:
             if (const auto loop = loop_.lock())
                 loop->wake(session_);
+            return true;
+        case WebSocketOutbox::Pushed::tellLate:
+            if (const auto loop = loop_.lock())
+                loop->wakeLate(session_);
             return true;
         case WebSocketOutbox::Pushed::overflow:
             onLoop([](WebSocketSession& session) {
                 session.closeNow({websocket::close_code::policy_error, "The client does not read fast enough."});
             });
             return false;
-        default:
-            return false;
+        case WebSocketOutbox::Pushed::closed:
+            break;
         }
+        return false;
     }
 
     template <class Work>
@@ -199,6 +213,8 @@ void WebSocketSession::start(const UpgradeAsked& asked, const HttpResponse& resp
 void WebSocketSession::accepted()
 {
     opened_ = true;
+    if (!compressing_ && !stream_.next_layer().isTls())
+        outbox_->allowDirect();
     endpoint_->opened(std::make_shared<Handle>(self(), loop_.weak_from_this(), outbox_));
     if (!over_) {
         writeNext();
@@ -253,7 +269,7 @@ void WebSocketSession::writeNext()
     if (!opened_ || over_ || closeSent_ || packing_)
         return;
     FrameStream& frames = stream_.next_layer();
-    bool moved = false;
+    frames.takeTurn();
     while (frames.queued() < kFramesAhead) {
         auto next = outbox_->pop();
         if (!next) {
@@ -264,10 +280,8 @@ void WebSocketSession::writeNext()
         if (compressing_)
             return pack(std::move(*next));
         frames.enqueue(Frame(std::move(next->payload), next->binary));
-        moved = true;
     }
-    if (moved)
-        frames.flush();
+    frames.flush();
 }
 
 /// Compressed, a message is this client's own.

@@ -8,8 +8,19 @@ import io
 import sys
 
 
+def _of_real(name):
+    return property(lambda self: getattr(self._real, name))
+
+
 class _Output(io.TextIOBase):
     """Goes where the host says at each write; everything else is as the real stream has it."""
+
+    # Not by __getattr__: a class that has it looks up every other name, such as "write", the slow way.
+    name = _of_real("name")
+    mode = _of_real("mode")
+    line_buffering = _of_real("line_buffering")
+    write_through = _of_real("write_through")
+    reconfigure = _of_real("reconfigure")
 
     def __init__(self, real, write, flush, captured):
         self._real = real
@@ -43,9 +54,6 @@ class _Output(io.TextIOBase):
 
     def close(self):
         self.flush()
-
-    def __getattr__(self, name):
-        return getattr(self.__dict__["_real"], name)
 
     def __repr__(self):
         return f"<host stream around {self._real!r}>"

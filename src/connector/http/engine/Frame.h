@@ -1,0 +1,32 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace connector::http::engine {
+
+/// One message as a server's frame (RFC 6455 §5.2): not masked, not fragmented. The payload is shared by all who get
+/// it.
+class Frame
+{
+public:
+    Frame() = default;
+    Frame(std::shared_ptr<const std::string> payload, bool binary);
+    /// Bytes of a frame made elsewhere.
+    explicit Frame(std::string bytes) : payload_(std::make_shared<const std::string>(std::move(bytes))) {}
+
+    std::string_view head() const noexcept { return {head_.data(), headBytes_}; }
+    const std::string& payload() const noexcept { return *payload_; }
+    std::size_t size() const noexcept { return headBytes_ + payload_->size(); }
+    bool isMessage() const noexcept { return headBytes_ > 0; }
+
+private:
+    std::array<char, 10> head_{};
+    std::uint8_t headBytes_ = 0;
+    std::shared_ptr<const std::string> payload_;
+};
+
+} // namespace connector::http::engine
