@@ -6,39 +6,22 @@
 #include <charconv>
 #include <csignal>
 #include <ctime>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <tuple>
+
+#include "platform/fl/process.h"
 
 namespace vendra {
 namespace {
 
 constexpr int kMostFiles = 10'000;
 
-/// The start time of a process as /proc has it (proc(5)), 0 without one.
-std::uint64_t startTicksOf(int pid)
-{
-    constexpr int kFieldsBefore = 19; // between the program's name, which may hold anything, and the start time
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string text(std::istreambuf_iterator<char>(file), {});
-    std::size_t name = text.rfind(')');
-    std::istringstream fields(name == std::string::npos ? std::string() : text.substr(name + 1));
-    std::string skipped;
-    for (int i = 0; i < kFieldsBefore; ++i)
-        fields >> skipped;
-    std::uint64_t ticks = 0;
-    fields >> ticks;
-    return ticks;
-}
-
 bool runs(const Announcement& host)
 {
     if (::kill(host.pid, 0) != 0 && errno == ESRCH)
         return false;
-    return host.startTicks == 0 || host.startTicks == startTicksOf(host.pid);
+    return host.startTicks == 0 || host.startTicks == fl::process::startTicks(host.pid);
 }
 
 /// The number in "<number>.json", 0 for another name.

@@ -22,6 +22,7 @@
 
 #include "connector/common/LogRules.h"
 #include "connector/common/LogTarget.h"
+#include "connector/common/LogText.h"
 #include "platform/fl/i18n.h"
 
 namespace connector::common {
@@ -37,6 +38,7 @@ constexpr const char* kTimeAttribute = "ConnectorTime";     // Clock::time_point
 constexpr const char* kMessageAttribute = "Message";        // std::string
 
 constexpr std::size_t kMaxTextBytes = 64u << 10;
+constexpr std::string_view kLettered = "\n\r\t";
 
 /// UTC to the millisecond, as ISO 8601.
 std::string isoTime(Clock::time_point time)
@@ -51,38 +53,14 @@ std::string isoTime(Clock::time_point time)
     return std::string(text, length) + "." + fraction.substr(1) + "Z";
 }
 
-/// Keeps a text on its line: no control character reaches a terminal, no line is forged.
-void appendEscaped(std::string& line, std::string_view text)
-{
-    constexpr char kDigits[] = "0123456789abcdef";
-    const auto appendCode = [&](unsigned char code) { line += {'\\', 'x', kDigits[code >> 4], kDigits[code & 15]}; };
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        if (byte == '\n')
-            line += "\\n";
-        else if (byte == '\r')
-            line += "\\r";
-        else if (byte == '\t')
-            line += "\\t";
-        else if (byte == '\\')
-            line += "\\\\";
-        else if (byte < 0x20 || byte == 0x7F)
-            appendCode(byte);
-        else if (byte == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0)
-            appendCode(static_cast<unsigned char>(text[++i])); // U+0080 to U+009F
-        else
-            line += text[i];
-    }
-}
-
 /// What is appended for a text that may be long or ill-formed.
 void appendText(std::string& line, std::string_view text)
 {
     const auto kept = text.substr(0, kMaxTextBytes);
     if (fl::i18n::isValidUtf8(kept))
-        appendEscaped(line, kept);
+        appendEscaped(line, kept, kLettered);
     else
-        appendEscaped(line, fl::i18n::toValidUtf8(kept));
+        appendEscaped(line, fl::i18n::toValidUtf8(kept), kLettered);
     if (kept.size() < text.size())
         line += " … (" + std::to_string(text.size() - kept.size()) + " bytes more)";
 }

@@ -6,6 +6,7 @@
 #include <typeinfo>
 
 #include "connector/common/LogRules.h"
+#include "connector/common/LogText.h"
 #include "platform/fl/i18n.h"
 
 namespace connector::common_services {
@@ -33,17 +34,6 @@ std::string timeText()
     return std::string(text, size);
 }
 
-void appendEscape(std::u16string& line, char16_t unit)
-{
-    constexpr char16_t kDigits[] = u"0123456789abcdef";
-    if (unit == u'\\')
-        line += u"\\\\";
-    else if (unit == u'\n')
-        line += u"\\n";
-    else
-        line += {u'\\', u'x', kDigits[unit >> 4], kDigits[unit & 15]};
-}
-
 /// A client's text for one line: it neither ends the line nor reaches the controls of a terminal.
 std::string onOneLine(std::string_view text, std::size_t maxBytes)
 {
@@ -51,14 +41,8 @@ std::string onOneLine(std::string_view text, std::size_t maxBytes)
     while (end < text.size() && end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80)
         --end; // not within a character
 
-    std::u16string line;
-    for (const char16_t unit : fl::i18n::utf8ToUtf16(text.substr(0, end))) {
-        if (unit < 0x20 || (unit >= 0x7F && unit < 0xA0) || unit == u'\\')
-            appendEscape(line, unit);
-        else
-            line += unit;
-    }
-    auto shown = fl::i18n::utf16ToUtf8(line);
+    std::string shown;
+    common::appendEscaped(shown, fl::i18n::toValidUtf8(text.substr(0, end)), "\n");
     if (end < text.size())
         shown += " … (" + std::to_string(text.size() - end) + " bytes more)";
     return shown;

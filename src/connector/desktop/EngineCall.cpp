@@ -3,27 +3,13 @@
 #include <stdexcept>
 #include <utility>
 
-#include <boost/smart_ptr/weak_ptr.hpp>
-
 #include "connector/core/ServiceFault.h"
+#include "connector/engine_tasks/EngineFault.h"
 
 namespace connector::desktop::v1 {
 namespace {
 
 using MessagePtr = std::unique_ptr<Message>;
-
-const char* codeOf(const rqe::EngineError& error)
-{
-    switch (error.reason()) {
-    case rqe::EngineError::Reason::queueFull:
-        return "busy";
-    case rqe::EngineError::Reason::cancelled:
-        return "cancelled";
-    case rqe::EngineError::Reason::closed:
-        break;
-    }
-    return "unavailable";
-}
 
 /// The answer is kept until the interpreter's lock is released.
 class EngineCall final : public rqe::Task
@@ -66,14 +52,10 @@ Begun begin(const boost::shared_ptr<rqe::RQE>& engine, const std::shared_ptr<Con
     try {
         answer->id = looks ? engine->look(std::move(task)) : engine->post(std::move(task));
     } catch (const rqe::EngineError& error) {
-        throw ServiceFault(codeOf(error), error.what());
+        throw engine_tasks::faultOf(error);
     }
     // The answer may be there already: its end is no business of the registration, which then cancels nothing.
-    answer->registration =
-        context->cancellation()->onCancel([weak = boost::weak_ptr<rqe::RQE>(engine), id = answer->id] {
-            if (auto known = weak.lock())
-                known->cancel(id);
-        });
+    answer->registration = engine_tasks::takeOutWhenCancelled(*context->cancellation(), engine, answer->id);
     return {std::move(future), std::move(answer)};
 }
 
@@ -83,11 +65,9 @@ std::exception_ptr faultOf(const std::exception_ptr& reason)
 try {
     std::rethrow_exception(reason);
 } catch (const rqe::EngineError& error) {
-    return std::make_exception_ptr(ServiceFault(codeOf(error), error.what()));
+    return std::make_exception_ptr(engine_tasks::faultOf(error));
 } catch (const rqe::ScriptError& error) {
-    const bool interrupted = error.type() == "KeyboardInterrupt";
-    return std::make_exception_ptr(ServiceFault(interrupted ? "interrupted" : "scriptError", error.what(),
-                                                {{"error", error.type()}, {"traceback", error.traceback()}}));
+    return std::make_exception_ptr(engine_tasks::faultOf(error));
 } catch (const rqe::UnsteadyError& error) {
     return std::make_exception_ptr(ServiceFault("busy", error.what()));
 } catch (const std::out_of_range& error) {

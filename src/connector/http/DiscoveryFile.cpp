@@ -18,8 +18,8 @@
 #include <Poco/JSON/Object.h>
 
 #include "connector/common/FileDescriptor.h"
-#include "connector/http/ProcessStart.h"
 #include "connector/json/JsonText.h"
+#include "platform/fl/process.h"
 
 namespace connector::http {
 
@@ -69,8 +69,8 @@ std::string contentText(const DiscoveryContent& content)
     Poco::JSON::Object::Ptr object = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
     object->set("url", content.url);
     object->set("pid", static_cast<Poco::Int64>(::getpid()));
-    if (const auto ticks = processStartTicks(::getpid())) {
-        object->set("started", startSeconds(*ticks));
+    if (const auto ticks = fl::process::startTicks(::getpid())) {
+        object->set("started", fl::process::startSeconds(*ticks));
         object->set("startTicks", *ticks);
     }
     if (!content.token.empty())
@@ -108,7 +108,7 @@ bool isLeftBehind(const std::filesystem::path& file, pid_t pid)
 {
     if (::kill(pid, 0) != 0 && errno == ESRCH)
         return true;
-    const auto now = processStartTicks(pid);
+    const auto now = fl::process::startTicks(pid);
     const auto then = now ? writtenStartTicks(file) : std::nullopt;
     return then && *then != *now;
 }

@@ -11,19 +11,6 @@ namespace connector::interpreter::v1 {
 
 using MessagePtr = std::unique_ptr<Message>;
 
-ServiceFault faultOf(const rqe::EngineError& error)
-{
-    switch (error.reason()) {
-    case rqe::EngineError::Reason::queueFull:
-        return {"busy", error.what()};
-    case rqe::EngineError::Reason::cancelled:
-        return {"cancelled", error.what()};
-    case rqe::EngineError::Reason::closed:
-        break;
-    }
-    return {"unavailable", error.what()};
-}
-
 std::exception_ptr faultOf(const std::exception_ptr& reason)
 try {
     std::rethrow_exception(reason);
@@ -63,12 +50,11 @@ Deadline::Deadline(std::chrono::milliseconds time, const boost::shared_ptr<rqe::
 
 std::exception_ptr Deadline::faultOf(const rqe::ScriptError& error, const std::string& printed) const
 {
-    const ServiceFault::Details details{{"error", error.type()}, {"traceback", error.traceback()}, {"output", printed}};
-    if (error.type() != "KeyboardInterrupt")
-        return std::make_exception_ptr(ServiceFault("scriptError", error.what(), details));
+    const auto fault = engine_tasks::faultOf(error, {{"output", printed}});
+    if (fault.code() != "interrupted" || !*over_)
+        return std::make_exception_ptr(fault);
     return std::make_exception_ptr(
-        *over_ ? ServiceFault("deadline", "It took longer than " + std::to_string(time_.count()) + " ms.", details)
-               : ServiceFault("interrupted", error.what(), details));
+        ServiceFault("deadline", "It took longer than " + std::to_string(time_.count()) + " ms.", fault.details()));
 }
 
 EvalResponse evaluate(rqe::Interpreter& interpreter, const Eval& request, rqe::OutputSink& output)
@@ -138,11 +124,7 @@ MessageFuture EngineTask::post(std::unique_ptr<EngineTask> task, CancellationTok
     } catch (const rqe::EngineError& error) {
         throw faultOf(error);
     }
-    // A task that has begun is not cancelled: others may wait for its effects.
-    posted->registration = cancellation.onCancel([weak, number = posted->number.load()] {
-        if (const auto engine = weak.lock())
-            engine->cancel(number);
-    });
+    posted->registration = engine_tasks::takeOutWhenCancelled(cancellation, weak, posted->number);
     return future;
 }
 

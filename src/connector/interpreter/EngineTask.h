@@ -10,13 +10,14 @@
 
 #include "connector/common/TickManager.h"
 #include "connector/core/ServiceFault.h"
+#include "connector/engine_tasks/EngineFault.h"
 #include "connector/interpreter/InterpreterMessages.h"
 #include "connector/interpreter/StreamedOutput.h"
 #include "platform/rqe/RQE.h"
 
 namespace connector::interpreter::v1 {
 
-ServiceFault faultOf(const rqe::EngineError& error);
+using engine_tasks::faultOf;
 /// The failure for a client that the end of a task without a run stands for.
 std::exception_ptr faultOf(const std::exception_ptr& reason);
 

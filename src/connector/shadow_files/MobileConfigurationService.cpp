@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "connector/core/ServiceFault.h"
+#include "connector/engine_tasks/EngineFault.h"
 
 namespace connector::shadow_files::v1 {
 namespace {
@@ -89,12 +90,9 @@ public:
         try {
             std::rethrow_exception(reason);
         } catch (const rqe::ScriptError& error) {
-            promise_.setException(
-                ServiceFault(error.type() == "KeyboardInterrupt" ? "interrupted" : "scriptError", error.what(),
-                             {{"error", error.type()}, {"traceback", error.traceback()}, {"output", std::string()}}));
+            promise_.setException(engine_tasks::faultOf(error, {{"output", std::string()}}));
         } catch (const rqe::EngineError& error) {
-            const bool cancelled = error.reason() == rqe::EngineError::Reason::cancelled;
-            promise_.setException(ServiceFault(cancelled ? "cancelled" : "unavailable", error.what()));
+            promise_.setException(engine_tasks::faultOf(error));
         } catch (...) {
             promise_.setException(reason);
         }
@@ -143,8 +141,7 @@ Future<bool> MobileConfigurationServiceImpl::post(const char* function, std::vec
         engine_->post(std::move(task));
         return future;
     } catch (const rqe::EngineError& error) {
-        const bool full = error.reason() == rqe::EngineError::Reason::queueFull;
-        return makeFailedFuture<bool>(ServiceFault(full ? "busy" : "unavailable", error.what()));
+        return makeFailedFuture<bool>(engine_tasks::faultOf(error));
     } catch (...) {
         return makeFailedFuture<bool>(std::current_exception());
     }

@@ -27,9 +27,9 @@
 #include "connector/http/HttpRouterServiceProvider.h"
 #include "connector/http/HttpSessionManagerImpl.h"
 #include "connector/http/HttpSessionServiceProvider.h"
-#include "connector/http/ProcessStart.h"
 #include "connector/http/http_client.h"
 #include "connector/json/JsonSerializerImpl.h"
+#include "platform/fl/process.h"
 
 namespace connector::http {
 namespace {
@@ -507,17 +507,19 @@ std::string contentOf(const fs::path& path)
 TEST(DiscoveryFile, tellsItsOwnerOnly)
 {
     const RuntimeFolder runtime;
-    const auto ticks = processStartTicks(::getpid());
+    const auto ticks = fl::process::startTicks(::getpid());
     ASSERT_TRUE(ticks);
-    EXPECT_LE(std::abs(startSeconds(*ticks) - std::time(nullptr)), 3'600) << "this test runs for a short while";
+    EXPECT_LE(std::abs(fl::process::startSeconds(*ticks) - std::time(nullptr)), 3'600)
+        << "this test runs for a short while";
     fs::path path;
     {
         const DiscoveryFile file({"http://127.0.0.1:1/", "abc", "f00d"});
         path = file.path();
         EXPECT_EQ(path, runtime.path / "vendra" / (std::to_string(::getpid()) + ".json"));
         EXPECT_EQ(contentOf(path), R"({"url":"http://127.0.0.1:1/","pid":)" + std::to_string(::getpid()) +
-                                       ",\"started\":" + std::to_string(startSeconds(*ticks)) + ",\"startTicks\":" +
-                                       std::to_string(*ticks) + ",\"token\":\"abc\",\"fingerprint\":\"f00d\"}\n");
+                                       ",\"started\":" + std::to_string(fl::process::startSeconds(*ticks)) +
+                                       ",\"startTicks\":" + std::to_string(*ticks) +
+                                       ",\"token\":\"abc\",\"fingerprint\":\"f00d\"}\n");
         struct stat status
         {};
         ASSERT_EQ(::stat(path.c_str(), &status), 0);
@@ -555,7 +557,7 @@ TEST(DiscoveryFile, removesWhatOthersLeftBehind)
         ::_exit(0);
     ASSERT_EQ(::waitpid(gone, nullptr, 0), gone);
     const std::string parent = std::to_string(::getppid());
-    const std::string parentStart = std::to_string(processStartTicks(::getppid()).value());
+    const std::string parentStart = std::to_string(fl::process::startTicks(::getppid()).value());
     const std::string dead = std::to_string(gone);
     const std::string own = std::to_string(::getpid());
 

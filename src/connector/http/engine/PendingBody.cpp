@@ -2,7 +2,7 @@
 
 #include <boost/asio/post.hpp>
 
-#include "connector/http/engine/Connection.h"
+#include "connector/http/engine/RequestCycle.h"
 
 namespace connector::http::engine {
 
@@ -11,13 +11,13 @@ Future<SpooledBody> PendingBody::receive(std::uint64_t maxBytes)
     Promise<SpooledBody> promise;
     auto received = promise.future();
     if (const auto loop = loop_.lock())
-        boost::asio::post(loop->context(), [weak = connection_, number = requestNumber_, maxBytes,
-                                            promise = std::move(promise)]() mutable {
-            if (const auto connection = weak.lock())
-                connection->receiveBody(number, maxBytes, std::move(promise));
-            else
-                promise.setException(FutureCancelled());
-        });
+        boost::asio::post(loop->context(),
+                          [weak = cycle_, number = requestNumber_, maxBytes, promise = std::move(promise)]() mutable {
+                              if (const auto cycle = weak.lock())
+                                  cycle->receiveBody(number, maxBytes, std::move(promise));
+                              else
+                                  promise.setException(FutureCancelled());
+                          });
     else
         promise.setException(FutureCancelled());
     return received;

@@ -1,4 +1,4 @@
-#include "connector/http/ProcessStart.h"
+#include "platform/fl/process.h"
 
 #include <ctime>
 #include <fstream>
@@ -8,9 +8,9 @@
 
 #include <unistd.h>
 
-namespace connector::http {
+namespace fl::process {
 
-std::optional<std::uint64_t> processStartTicks(pid_t pid)
+std::optional<std::uint64_t> startTicks(pid_t pid)
 {
     constexpr int kFieldsBefore = 19; // between the program's name and the start time
     std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
@@ -37,4 +37,4 @@ std::int64_t startSeconds(std::uint64_t ticks)
     return static_cast<std::int64_t>(std::time(nullptr)) - age;
 }
 
-} // namespace connector::http
+} // namespace fl::process

@@ -1,0 +1,121 @@
+#include "connector/http/engine/IncomingBody.h"
+
+#include <algorithm>
+
+namespace connector::http::engine {
+
+namespace {
+
+/// A large body that comes slower than this on the whole takes too long.
+constexpr std::uint64_t kSlowestUpload = 256u << 10;
+
+} // namespace
+
+void IncomingBody::begin(const RequestHead& head)
+{
+    reader_.emplace(head, core_->limits.bodyBytes);
+    bytes_ = 0;
+    complete_ = false;
+    beginning_.clear();
+    begun_ = Clock::now();
+}
+
+bool IncomingBody::isSlow(Clock::time_point now) const noexcept
+{
+    if (now - begun_ < core_->settings.bodyRateGrace)
+        return false;
+    const auto seconds = std::chrono::duration<double>(now - begun_).count();
+    return static_cast<double>(bytes_) < seconds * static_cast<double>(core_->settings.minBodyRate);
+}
+
+IncomingBody::State IncomingBody::read(ReadBuffer& buffer, std::string& text)
+{
+    std::string_view bytes = buffer.view();
+    const auto before = bytes.size();
+    std::string_view content;
+    const auto result = reader_->read(bytes, content);
+    const auto used = before - bytes.size();
+    bytes_ += used;
+    if (result == BodyReader::State::refused)
+        return refuse(reader_->refused());
+    const bool kept = keep(content, text);
+    buffer.consume(used);
+    complete_ = result == BodyReader::State::complete;
+    if (!kept)
+        return refuse({503, "Too many large requests at a time."});
+    if (complete_)
+        return State::complete;
+    return text.size() > core_->settings.memoryBodyBytes ? State::large : State::needMore;
+}
+
+/// Counts what has arrived of the body; false when all bodies together are too large.
+bool IncomingBody::keep(std::string_view content, std::string& text)
+{
+    if (content.empty())
+        return true;
+    // Room follows what has arrived, not what was announced; the last step is exact.
+    if (text.capacity() < text.size() + content.size() && announced())
+        text.reserve(static_cast<std::size_t>(
+            std::min<std::uint64_t>(text.size() + content.size() + reader_->left(),
+                                    std::max<std::uint64_t>(text.size() + content.size(), text.capacity() * 2))));
+    text.append(content);
+    if (!hold_)
+        hold_ = std::make_shared<BodyHold>(core_);
+    return hold_->growTo(text.size());
+}
+
+IncomingBody::State IncomingBody::refuse(const Refused& refused)
+{
+    refused_ = refused;
+    return State::refused;
+}
+
+IncomingBody::State IncomingBody::beginUpload(Promise<SpooledBody> promise, std::uint64_t maxBytes)
+{
+    upload_.emplace(core_, std::move(promise), maxBytes);
+    if (const auto refused = upload_->append(beginning_))
+        return refuse(*refused);
+    dropBeginning();
+    release();
+    begun_ = Clock::now();
+    bytes_ = 0;
+    return State::needMore;
+}
+
+IncomingBody::State IncomingBody::readUpload(ReadBuffer& buffer)
+{
+    std::string_view bytes = buffer.view();
+    const auto before = bytes.size();
+    std::string_view content;
+    const auto result = reader_->read(bytes, content);
+    const auto used = before - bytes.size();
+    bytes_ += used;
+    if (result == BodyReader::State::refused)
+        return refuse(reader_->refused());
+    if (const auto refused = upload_->append(content))
+        return refuse(*refused);
+    buffer.consume(used);
+    complete_ = result == BodyReader::State::complete;
+    return complete_ ? State::complete : State::needMore;
+}
+
+Upload IncomingBody::takeUpload()
+{
+    Upload taken = std::move(*upload_);
+    upload_.reset();
+    return taken;
+}
+
+void IncomingBody::dropUpload()
+{
+    if (upload_)
+        takeUpload().drop();
+}
+
+std::chrono::milliseconds IncomingBody::uploadTime(std::uint64_t maxBytes) const
+{
+    const std::uint64_t most = announced().value_or(std::min(maxBytes, core_->limits.bodyBytes));
+    return core_->settings.bodyTimeout + std::chrono::seconds(most / kSlowestUpload);
+}
+
+} // namespace connector::http::engine
