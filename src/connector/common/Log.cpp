@@ -22,8 +22,8 @@
 
 #include "connector/common/LogRules.h"
 #include "connector/common/LogTarget.h"
-#include "connector/common/LogText.h"
 #include "platform/fl/i18n.h"
+#include "platform/fl/log_text.h"
 
 namespace connector::common {
 
@@ -38,7 +38,6 @@ constexpr const char* kTimeAttribute = "ConnectorTime";     // Clock::time_point
 constexpr const char* kMessageAttribute = "Message";        // std::string
 
 constexpr std::size_t kMaxTextBytes = 64u << 10;
-constexpr std::string_view kLettered = "\n\r\t";
 
 /// UTC to the millisecond, as ISO 8601.
 std::string isoTime(Clock::time_point time)
@@ -58,9 +57,9 @@ void appendText(std::string& line, std::string_view text)
 {
     const auto kept = text.substr(0, kMaxTextBytes);
     if (fl::i18n::isValidUtf8(kept))
-        appendEscaped(line, kept, kLettered);
+        fl::log_text::appendEscaped(line, kept);
     else
-        appendEscaped(line, fl::i18n::toValidUtf8(kept), kLettered);
+        fl::log_text::appendEscaped(line, fl::i18n::toValidUtf8(kept));
     if (kept.size() < text.size())
         line += " … (" + std::to_string(text.size() - kept.size()) + " bytes more)";
 }

@@ -6,8 +6,8 @@
 #include <typeinfo>
 
 #include "connector/common/LogRules.h"
-#include "connector/common/LogText.h"
 #include "platform/fl/i18n.h"
+#include "platform/fl/log_text.h"
 
 namespace connector::common_services {
 
@@ -42,7 +42,7 @@ std::string onOneLine(std::string_view text, std::size_t maxBytes)
         --end; // not within a character
 
     std::string shown;
-    common::appendEscaped(shown, fl::i18n::toValidUtf8(text.substr(0, end)), "\n");
+    fl::log_text::appendEscaped(shown, fl::i18n::toValidUtf8(text.substr(0, end)));
     if (end < text.size())
         shown += " … (" + std::to_string(text.size() - end) + " bytes more)";
     return shown;

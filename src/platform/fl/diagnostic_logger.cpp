@@ -22,6 +22,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "platform/fl/log_text.h"
+
 namespace fl::log {
 namespace {
 
@@ -58,32 +60,11 @@ std::string isoTime(Clock::time_point time)
     return std::string(text, length) + "." + std::string(3 - fraction.size(), '0') + fraction + "Z";
 }
 
-/// Control characters and the backslash as C escapes, so that a message stays on its line, forges no other and drives
-/// no terminal.
-std::string escapeControls(std::string_view text)
+std::string escaped(std::string_view text)
 {
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string result;
-    result.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        // U+0080..U+009F, the C1 controls, are C2 80..C2 9F in UTF-8.
-        const bool c1 = byte == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0;
-        if (byte == '\n')
-            result += "\\n";
-        else if (byte == '\r')
-            result += "\\r";
-        else if (byte == '\t')
-            result += "\\t";
-        else if (byte == '\\')
-            result += "\\\\";
-        else if (byte < 0x20 || byte == 0x7F || c1) {
-            const auto code = c1 ? static_cast<unsigned char>(text[++i]) : byte;
-            result += {'\\', 'x', kDigits[code >> 4], kDigits[code & 0xF]};
-        } else
-            result += text[i];
-    }
-    return result;
+    std::string line;
+    log_text::appendEscaped(line, text);
+    return line;
 }
 
 void formatRecord(const blog::record_view& record, blog::formatting_ostream& out)
@@ -93,8 +74,8 @@ void formatRecord(const blog::record_view& record, blog::formatting_ostream& out
     const auto logger = blog::extract<std::string>(kLoggerAttribute, record);
     const auto message = blog::extract<std::string>(kMessageAttribute, record);
     out << isoTime(time ? time.get() : Clock::now()) << ' ' << levelName(level ? level.get() : 0) << ' '
-        << (logger ? escapeControls(logger.get()) : std::string()) << ": "
-        << (message ? escapeControls(message.get()) : std::string());
+        << (logger ? escaped(logger.get()) : std::string()) << ": "
+        << (message ? escaped(message.get()) : std::string());
 }
 
 using Setting = std::pair<std::string, unsigned>;

@@ -1,23 +1,21 @@
-#include "connector/common/LogText.h"
+#include "platform/fl/log_text.h"
 
-namespace connector::common {
+namespace fl::log_text {
 
-namespace {
-
-constexpr char letterOf(char control) noexcept { return control == '\n' ? 'n' : control == '\r' ? 'r' : 't'; }
-
-} // namespace
-
-void appendEscaped(std::string& line, std::string_view text, std::string_view lettered)
+void appendEscaped(std::string& line, std::string_view text)
 {
     constexpr char kDigits[] = "0123456789abcdef";
     const auto appendCode = [&](unsigned char code) { line += {'\\', 'x', kDigits[code >> 4], kDigits[code & 15]}; };
     for (std::size_t i = 0; i < text.size(); ++i) {
         const auto byte = static_cast<unsigned char>(text[i]);
-        if (byte == '\\')
+        if (byte == '\n')
+            line += "\\n";
+        else if (byte == '\r')
+            line += "\\r";
+        else if (byte == '\t')
+            line += "\\t";
+        else if (byte == '\\')
             line += "\\\\";
-        else if (byte < 0x20 && lettered.find(text[i]) != std::string_view::npos)
-            line += {'\\', letterOf(text[i])};
         else if (byte < 0x20 || byte == 0x7F)
             appendCode(byte);
         else if (byte == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0)
@@ -27,4 +25,4 @@ void appendEscaped(std::string& line, std::string_view text, std::string_view le
     }
 }
 
-} // namespace connector::common
+} // namespace fl::log_text

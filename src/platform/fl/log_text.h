@@ -3,11 +3,13 @@
 #include <string>
 #include <string_view>
 
-namespace connector::common {
+#include "platform/Export.h"
+
+namespace fl::log_text {
 
 /// Appends `text`, well-formed UTF-8, so that it stays on its line: no control character reaches a terminal, no line is
-/// forged. A backslash becomes two, a control character of `lettered` (some of "\n\r\t") a backslash and its letter,
-/// any other up to U+009F "\x" and two hexadecimal digits. Any thread.
-void appendEscaped(std::string& line, std::string_view text, std::string_view lettered);
+/// forged. Line feed, carriage return, tab and backslash as in C; any other control up to U+009F as "\x" and two
+/// hexadecimal digits. Any thread.
+VENDRA_PLATFORM_API void appendEscaped(std::string& line, std::string_view text);
 
-} // namespace connector::common
+} // namespace fl::log_text

@@ -19,11 +19,12 @@ namespace connector::bayeux {
 class RecordingSink final : public BayeuxChannelSink
 {
 public:
-    bool send(const std::shared_ptr<const std::string>& frame, http::SendWhen) override
+    bool send(const std::shared_ptr<const std::string>& frame, http::SendWhen when) override
     {
         std::lock_guard lock(mutex_);
         if (broken)
             return false;
+        patient_ += when == http::SendWhen::withNext;
         frames_.push_back(frame);
         return true;
     }
@@ -44,6 +45,13 @@ public:
         return frames_;
     }
 
+    /// How many of all frames could wait for the next.
+    std::size_t patient() const
+    {
+        std::lock_guard lock(mutex_);
+        return patient_;
+    }
+
     std::atomic<bool> broken{false};
     std::atomic<bool> closed{false};
     std::atomic<std::size_t> queued{0};
@@ -51,6 +59,7 @@ public:
 private:
     mutable std::mutex mutex_;
     std::vector<std::shared_ptr<const std::string>> frames_;
+    std::size_t patient_ = 0;
 };
 
 inline std::string replaced(std::string text, const std::string& what, const std::string& by)

@@ -114,6 +114,36 @@ TEST(BayeuxServer, servicesAnswerTheSenderOnly)
               std::string::npos);
 }
 
+TEST(BayeuxServer, acknowledgementsMayGoAlongWithAServicesAnswer)
+{
+    Bus bus;
+    ServiceOptions options;
+    options.answersSoon = true;
+    const auto handler = bus.server->handleService(
+        "/service/late",
+        [](const BayeuxMessage& message) -> Poco::Dynamic::Var {
+            if (message.data.isString())
+                throw std::runtime_error("no number");
+            return {};
+        },
+        options);
+    bus.join(bus.socket());
+    bus.sink->take();
+    const std::string request = R"({"channel":"/service/late","clientId":"$C","id":"1"})";
+    const std::string accepted = R"({"channel":"/service/late","id":"1","successful":true})";
+    EXPECT_EQ(bus.ask("[" + request + "]", bus.socket()), "");
+    EXPECT_EQ(bus.sink->patient(), 1u);
+    ASSERT_EQ(bus.sink->frames().size(), 1u);
+    EXPECT_EQ(normal(bus.sink->take().at(0)), "[" + accepted + "]");
+    // With anything that somebody may wait for it does not wait, nor where there is nothing to go along with.
+    const std::string other = R"({"channel":"/a","clientId":"$C","data":1,"id":"2"})";
+    EXPECT_EQ(bus.ask("[" + request + "," + other + "]", bus.socket()),
+              "[" + accepted + R"(,{"channel":"/a","id":"2","successful":true}])");
+    EXPECT_NE(bus.ask(R"([{"channel":"/service/late","clientId":"$C","data":"x"}])", bus.socket()), "");
+    bus.join(bus.http());
+    EXPECT_EQ(bus.ask("[" + request + "]", bus.http()), "[" + accepted + "]");
+}
+
 TEST(BayeuxServer, functionsOfTheProcessSubscribeAndPublish)
 {
     Bus bus;

@@ -153,7 +153,7 @@ TEST_F(ClientLog, WritesOneLineForEachRecord)
     EXPECT_TRUE(write(LogLevel::warning, "\xff.", ""));
     EXPECT_EQ(lines(), (std::vector<std::string>{
                            "ERROR tests.log: page: plain",
-                           R"(INFO tests.log: pa\nge: a\nb\x0d\x09\x1b[31m\\ \x7f \x9b grün)",
+                           R"(INFO tests.log: pa\nge: a\nb\r\t\x1b[31m\\ \x7f \x9b grün)",
                            "WARNING tests.log: \xef\xbf\xbd.",
                        }));
     EXPECT_TRUE(write(LogLevel::info, std::string(4'095, 'x') + "ü!", std::string(300, 's')));

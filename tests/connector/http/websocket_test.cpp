@@ -1,3 +1,4 @@
+#include <map>
 #include <sstream>
 #include <thread>
 
@@ -310,6 +311,76 @@ TEST_F(WebSocketServer, boundsWhatAClientDoesNotRead)
     EXPECT_FALSE(connection->send("more"));
     EXPECT_TRUE(eventually([&] { return server->counters().connections == 0; }));
     EXPECT_TRUE(echo->endedOnce(1008));
+}
+
+/// Threads that send themselves, threads that leave it to the connection's, and the protocol's own answers share one
+/// socket, which takes many messages in part.
+TEST_F(WebSocketServer, keepsFramesWholeAndInOrderWhoeverSendsThem)
+{
+    WireClient client = open();
+    ASSERT_TRUE(eventually([&] { return echo->connection() != nullptr; }));
+    const auto connection = echo->connection();
+    constexpr int kMessages = 2'000;
+    constexpr int kPings = 50;
+    const std::string padding(60'000, 'x');
+    std::vector<std::thread> senders;
+    for (const auto& [name, when] :
+         {std::pair('n', SendWhen::now), std::pair('s', SendWhen::soon), std::pair('w', SendWhen::withNext)})
+        senders.emplace_back([&, name = name, when = when] {
+            for (int i = 0; i < kMessages; ++i) {
+                auto text = name + std::to_string(i) + ' ';
+                text.append(padding, 0, static_cast<std::size_t>(i * 37) % (i % 5 ? 100 : padding.size()));
+                EXPECT_TRUE(connection->waitForRoom(std::chrono::seconds(10)));
+                EXPECT_TRUE(connection->send(std::make_shared<const std::string>(std::move(text)), when));
+            }
+        });
+    std::map<char, int> next;
+    int pongs = 0;
+    for (int i = 0; i < 3 * kMessages + pongs; ++i) {
+        if (i % 100 == 0 && i / 100 < kPings)
+            client.send(frame(kFinal | ping, "p"));
+        const Frame got = receive(client);
+        if (got.firstByte == (kFinal | pong)) {
+            ++pongs;
+            continue;
+        }
+        ASSERT_EQ(got.firstByte, kFinal | textFrame);
+        const char sender = got.payload.at(0);
+        ASSERT_EQ(got.payload.substr(1, got.payload.find(' ') - 1), std::to_string(next[sender]++)) << sender;
+    }
+    for (auto& sender : senders)
+        sender.join();
+    EXPECT_GT(pongs, 0);
+    EXPECT_EQ(connection->queuedBytes(), 0u);
+    // What waits for company goes by itself when none comes.
+    connection->send(std::make_shared<const std::string>("alone"), SendWhen::withNext);
+    EXPECT_EQ(receive(client).payload, "alone");
+    connection->send(std::make_shared<const std::string>("first"), SendWhen::withNext);
+    connection->send(std::make_shared<const std::string>("then"), SendWhen::now);
+    EXPECT_EQ(receive(client).payload, "first");
+    EXPECT_EQ(receive(client).payload, "then");
+}
+
+TEST_F(WebSocketServer, endsWhileOtherThreadsWriteToTheSocket)
+{
+    for (int round = 0; round < 40; ++round) {
+        echo = std::make_shared<Echo>();
+        auto client = std::make_unique<WireClient>(open());
+        ASSERT_TRUE(eventually([&] { return echo->connection() != nullptr; }));
+        const auto connection = echo->connection();
+        const auto text = std::make_shared<const std::string>(1'000, 'x');
+        std::thread sender([&] {
+            while (connection->send(text, SendWhen::now)) {
+            }
+        });
+        receive(*client);
+        if (round % 2)
+            client->send(frame(kFinal | closeFrame, closing(1000)));
+        else
+            client.reset();
+        sender.join();
+    }
+    EXPECT_TRUE(eventually([&] { return server->counters().connections == 0; }));
 }
 
 TEST_F(WebSocketServer, letsASenderWaitForASlowClient)
