@@ -18,9 +18,9 @@ BayeuxEvent::BayeuxEvent(Written, std::string channel, std::string_view json, bo
     frame_ = std::make_shared<const std::string>(text.append(json).append("}]"));
 }
 
-EventPtr BayeuxEvent::ofText(std::string channel, std::string_view json)
+EventPtr BayeuxEvent::ofText(std::string channel, std::string_view json, bool lazy)
 {
-    return EventPtr(new BayeuxEvent(Written(), std::move(channel), json, false));
+    return EventPtr(new BayeuxEvent(Written(), std::move(channel), json, lazy));
 }
 
 const BayeuxMessage& Publication::message() const
@@ -31,7 +31,7 @@ const BayeuxMessage& Publication::message() const
         limits.bytes = event_->text().size();
         limits.depth = json::kMaxWriteDepth + 1;
         const auto object = json::asObject(json::parse(event_->text(), limits));
-        message_ = BayeuxMessage{event_->channel(), object->get("data"), nullptr, nullptr};
+        message_ = BayeuxMessage{event_->channel(), object->get("data"), ext_, sender_};
     }
     return *message_;
 }

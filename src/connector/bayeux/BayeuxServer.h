@@ -26,7 +26,7 @@ public:
     /// Throws json::JsonError for data without a JSON form.
     BayeuxEvent(std::string channel, const Poco::Dynamic::Var& data, bool lazy = false);
     /// `json`: one JSON value, taken as it is.
-    static std::shared_ptr<const BayeuxEvent> ofText(std::string channel, std::string_view json);
+    static std::shared_ptr<const BayeuxEvent> ofText(std::string channel, std::string_view json, bool lazy = false);
 
     const std::string& channel() const noexcept { return channel_; }
     /// {"channel":…,"data":…}

@@ -18,13 +18,20 @@ constexpr std::size_t kMaxMembers = 100'000;
 /// Where there is no room, clients come again that late.
 constexpr std::chrono::milliseconds kBusyInterval(5'000);
 
-Var parseBody(const std::string& body, const BayeuxLimits& limits)
+json::Limits limitsOf(const BayeuxLimits& limits)
 {
     json::Limits reading;
     reading.bytes = limits.messageBytes;
     reading.depth = kMaxDepth;
     reading.members = kMaxMembers;
-    return json::parse(body, reading);
+    return reading;
+}
+
+/// What most messages carry is passed on and not looked at.
+std::optional<std::string_view> dataOf(const json::Object& message)
+{
+    const auto data = message.get("data");
+    return data.isEmpty() ? std::nullopt : std::optional(data.extract<json::RawJson>().text);
 }
 
 std::vector<Var> messagesOf(const Var& value)
@@ -91,7 +98,7 @@ Future<std::string> MessageHandler::handle(const std::string& body)
             413, "The messages are longer than " + std::to_string(burst_.limits.messageBytes) + " bytes."));
     std::vector<Var> messages;
     try {
-        messages = messagesOf(parseBody(body, burst_.limits));
+        messages = messagesOf(json::parseEnvelope(body, "data", limitsOf(burst_.limits)));
     } catch (const json::JsonError& error) {
         if (!origin_.webSocket)
             return makeFailedFuture<std::string>(
@@ -360,14 +367,13 @@ std::optional<Refusal> MessageHandler::mayPublish(const Session& session, const 
 
 void MessageHandler::publish(const Incoming& message, const std::shared_ptr<Session>& session)
 {
-    if (!message.object->has("data"))
+    const auto data = dataOf(*message.object);
+    if (!data)
         return refuse(message, {400, "data", "A message to a channel needs data"});
     if (const auto refusal = mayPublish(*session, message.channel))
         return refuse(message, *refusal);
-    const auto data = message.object->get("data");
     const bool lazy = core_.channels().options(message.channel).lazy;
-    core_.publish(Publication(std::make_shared<const BayeuxEvent>(message.channel, data, lazy),
-                              {message.channel, data, extOf(*message.object), session}),
+    core_.publish(Publication(BayeuxEvent::ofText(message.channel, *data, lazy), extOf(*message.object), session),
                   burst_);
     reply(Reply(message.channel, true).addId(message.id).take());
 }
@@ -382,8 +388,10 @@ void MessageHandler::callService(const Incoming& message, const std::shared_ptr<
     if (!reason.empty())
         return refuse(message, {403, message.channel, reason});
     try {
+        const auto data = dataOf(*message.object);
         const auto answer =
-            service->handler({message.channel, message.object->get("data"), extOf(*message.object), session});
+            service->handler({message.channel, data ? json::parse(*data, limitsOf(burst_.limits)) : Var(),
+                              extOf(*message.object), session});
         if (!answer.isEmpty())
             session->receive(Publication(std::make_shared<const BayeuxEvent>(message.channel, answer)), burst_);
     } catch (const std::exception& error) {

@@ -18,12 +18,17 @@ class Publication
 public:
     explicit Publication(EventPtr event) : event_(std::move(event)) {}
     Publication(EventPtr event, BayeuxMessage message) : event_(std::move(event)), message_(std::move(message)) {}
+    Publication(EventPtr event, Poco::JSON::Object::Ptr ext, SessionPtr sender)
+        : event_(std::move(event)), ext_(std::move(ext)), sender_(std::move(sender))
+    {}
 
     const EventPtr& event() const noexcept { return event_; }
     const BayeuxMessage& message() const;
 
 private:
     EventPtr event_;
+    Poco::JSON::Object::Ptr ext_;
+    SessionPtr sender_;
     mutable std::optional<BayeuxMessage> message_;
 };
 

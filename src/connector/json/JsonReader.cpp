@@ -1,11 +1,14 @@
 #include "connector/json/JsonText.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdint>
 #include <deque>
 #include <system_error>
+#include <tuple>
 #include <utility>
+#include <vector>
 
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
@@ -48,7 +51,16 @@ std::size_t utf8Length(const char* text, const char* end) noexcept
     return length;
 }
 
-void appendUtf8(std::string& out, std::uint32_t code)
+/// Takes the place of a text that nobody wants.
+struct NoText
+{
+    void append(const char*, const char*) noexcept {}
+    void append(const char*, std::size_t) noexcept {}
+    NoText& operator+=(char) noexcept { return *this; }
+};
+
+template <class Text>
+void appendUtf8(Text& out, std::uint32_t code)
 {
     const auto put = [&](std::uint32_t byte) { out += static_cast<char>(byte); };
     if (code < 0x80) {
@@ -71,8 +83,9 @@ void appendUtf8(std::string& out, std::uint32_t code)
 class Reader
 {
 public:
-    Reader(std::string_view text, const Limits& limits)
-        : begin_(text.data()), next_(begin_), end_(begin_ + text.size()), limits_(limits)
+    /// `rawName`: of the member that stays text; see parseEnvelope.
+    Reader(std::string_view text, const Limits& limits, std::string_view rawName = {})
+        : begin_(text.data()), next_(begin_), end_(begin_ + text.size()), limits_(limits), rawName_(rawName)
     {}
 
     Var readText()
@@ -80,6 +93,8 @@ public:
         if (static_cast<std::size_t>(end_ - begin_) > limits_.bytes)
             fail(begin_ + limits_.bytes, "the text is longer than " + std::to_string(limits_.bytes) + " bytes");
         Var value;
+        skipSpace();
+        envelopeDepth_ = at('[') ? 2 : 1;
         readValue(value, 0);
         skipSpace();
         if (next_ != end_)
@@ -117,12 +132,18 @@ private:
             ++next_;
     }
 
-    void readValue(Var& out, std::size_t depth)
+    /// The first character of the next value, which counts from here on; '\0' at the end.
+    char beginValue()
     {
         skipSpace();
         if (++values_ > limits_.members)
             fail(next_, "more than " + std::to_string(limits_.members) + " values");
-        const char first = next_ == end_ ? '\0' : *next_;
+        return next_ == end_ ? '\0' : *next_;
+    }
+
+    void readValue(Var& out, std::size_t depth)
+    {
+        const char first = beginValue();
         if (first == '{')
             readObject(out, depth + 1);
         else if (first == '[')
@@ -131,24 +152,49 @@ private:
             Var(readString()).swap(out);
         else if (first == '-' || isDigit(first))
             readNumber(out);
-        else if (first == 't')
-            readWord("true", Var(true), out);
-        else if (first == 'f')
-            readWord("false", Var(false), out);
+        else if (first == 't' || first == 'f')
+            Var(skipWord() == "true").swap(out);
         else if (first == 'n')
-            readWord("null", Var(), out);
+            skipWord();
         else
             failHere("a value");
     }
 
-    void readWord(std::string_view word, Var value, Var& out)
+    /// What `readValue` does, but for the value.
+    void skipValue(std::size_t depth)
     {
+        const char first = beginValue();
+        if (first == '{') {
+            std::vector<Name> names;
+            eachMember(depth + 1, [&](Name&& name) {
+                names.push_back(std::move(name));
+                skipValue(depth + 1);
+            });
+            checkNames(names);
+        } else if (first == '[') {
+            eachItem(depth + 1, [&] { skipValue(depth + 1); });
+        } else if (first == '"') {
+            NoText none;
+            scanString(none);
+        } else if (first == '-' || isDigit(first)) {
+            Var none;
+            readNumber(none);
+        } else if (first == 't' || first == 'f' || first == 'n') {
+            skipWord();
+        } else {
+            failHere("a value");
+        }
+    }
+
+    std::string_view skipWord()
+    {
+        const std::string_view word = at('t') ? "true" : at('f') ? "false" : "null";
         for (const char c : word) {
             if (!at(c))
                 failHere('"' + std::string(word) + '"');
             ++next_;
         }
-        value.swap(out);
+        return word;
     }
 
     void enter(std::size_t depth)
@@ -159,20 +205,27 @@ private:
         skipSpace();
     }
 
-    void readArray(Var& out, std::size_t depth)
+    template <class Item>
+    void eachItem(std::size_t depth, Item item)
     {
         enter(depth);
-        Poco::JSON::Array::Ptr array = new Poco::JSON::Array;
         if (at(']')) {
             ++next_;
-        } else {
-            for (bool more = true; more;) {
-                Var value;
-                readValue(value, depth);
-                array->add(value);
-                more = nextItem(']');
-            }
+            return;
         }
+        do {
+            item();
+        } while (nextItem(']'));
+    }
+
+    void readArray(Var& out, std::size_t depth)
+    {
+        Poco::JSON::Array::Ptr array = new Poco::JSON::Array;
+        eachItem(depth, [&] {
+            Var value;
+            readValue(value, depth);
+            array->add(value);
+        });
         Var(array).swap(out);
     }
 
@@ -185,51 +238,100 @@ private:
         return *next_++ == ',';
     }
 
+    struct Name
+    {
+        const char* where;
+        std::string text;
+    };
+
+    /// `member` is called behind each name.
+    template <class Member>
+    void eachMember(std::size_t depth, Member member)
+    {
+        enter(depth);
+        if (at('}')) {
+            ++next_;
+            return;
+        }
+        do {
+            skipSpace();
+            if (!at('"'))
+                failHere("a member's name");
+            Name name{next_, {}};
+            name.text = readString();
+            if (name.text.size() > limits_.nameBytes)
+                fail(name.where, "a name of more than " + std::to_string(limits_.nameBytes) + " bytes");
+            skipSpace();
+            if (!at(':'))
+                failHere("':'");
+            ++next_;
+            member(std::move(name));
+        } while (nextItem('}'));
+    }
+
     void readObject(Var& out, std::size_t depth)
     {
         struct Member
         {
-            const char* where;
-            std::string name;
+            Name name;
             Var value;
         };
-        enter(depth);
         std::deque<Member> members;
-        if (at('}')) {
-            ++next_;
-        } else {
-            for (bool more = true; more;) {
-                skipSpace();
-                if (!at('"'))
-                    failHere("a member's name");
-                auto& member = members.emplace_back();
-                member.where = next_;
-                member.name = readString();
-                if (member.name.size() > limits_.nameBytes)
-                    fail(member.where, "a name of more than " + std::to_string(limits_.nameBytes) + " bytes");
-                skipSpace();
-                if (!at(':'))
-                    failHere("':'");
-                ++next_;
+        eachMember(depth, [&](Name&& name) {
+            auto& member = members.emplace_back(Member{std::move(name), {}});
+            if (depth == envelopeDepth_ && !rawName_.empty() && member.name.text == rawName_)
+                readRaw(member.value, depth);
+            else
                 readValue(member.value, depth);
-                more = nextItem('}');
-            }
-        }
+        });
 
         const bool ordered = members.size() <= kMaxOrderedMembers;
         Poco::JSON::Object::Ptr object = new Poco::JSON::Object(ordered ? Poco::JSON_PRESERVE_KEY_ORDER : 0);
         for (const auto& member : members) {
-            if (object->has(member.name))
-                fail(member.where, "the name \"" + member.name + "\" appears twice in one object");
-            object->set(member.name, member.value);
+            if (object->has(member.name.text))
+                failTwice(member.name);
+            object->set(member.name.text, member.value);
         }
         Var(object).swap(out);
     }
 
+    void readRaw(Var& out, std::size_t depth)
+    {
+        skipSpace();
+        const char* const start = next_;
+        skipValue(depth);
+        Var(RawJson{{start, static_cast<std::size_t>(next_ - start)}}).swap(out);
+    }
+
+    [[noreturn]] void failTwice(const Name& name) const
+    {
+        fail(name.where, "the name \"" + name.text + "\" appears twice in one object");
+    }
+
+    void checkNames(std::vector<Name>& names) const
+    {
+        // The second of two is the one that is wrong.
+        std::sort(names.begin(), names.end(), [](const Name& one, const Name& other) {
+            return std::tie(one.text, one.where) < std::tie(other.text, other.where);
+        });
+        const auto twice = std::adjacent_find(names.begin(), names.end(), [](const Name& one, const Name& other) {
+            return one.text == other.text;
+        });
+        if (twice != names.end())
+            failTwice(*std::next(twice));
+    }
+
     std::string readString()
     {
-        ++next_;
         std::string text;
+        scanString(text);
+        return text;
+    }
+
+    template <class Text>
+    void scanString(Text& text)
+    {
+        ++next_;
         for (;;) {
             const char* run = next_;
             while (next_ != end_ && kPlain[static_cast<unsigned char>(*next_)])
@@ -240,7 +342,7 @@ private:
             const auto byte = static_cast<unsigned char>(*next_);
             if (byte == '"') {
                 ++next_;
-                return text;
+                return;
             }
             if (byte == '\\') {
                 readEscape(text);
@@ -256,7 +358,8 @@ private:
         }
     }
 
-    void readEscape(std::string& text)
+    template <class Text>
+    void readEscape(Text& text)
     {
         constexpr std::string_view kNames = "\"\\/bfnrt";
         constexpr std::string_view kMeanings = "\"\\/\b\f\n\r\t";
@@ -273,7 +376,8 @@ private:
         ++next_;
     }
 
-    void readUnicodeEscape(std::string& text, const char* start)
+    template <class Text>
+    void readUnicodeEscape(Text& text, const char* start)
     {
         std::uint32_t code = readHex();
         if (code >= 0xD800 && code <= 0xDFFF) {
@@ -392,11 +496,18 @@ private:
     const char* next_;
     const char* const end_;
     const Limits& limits_;
+    const std::string_view rawName_;
+    std::size_t envelopeDepth_ = 1;
     std::size_t values_ = 0;
 };
 
 } // namespace
 
 Var parse(std::string_view text, const Limits& limits) { return Reader(text, limits).readText(); }
+
+Var parseEnvelope(std::string_view text, std::string_view rawName, const Limits& limits)
+{
+    return Reader(text, limits, rawName).readText();
+}
 
 } // namespace connector::json

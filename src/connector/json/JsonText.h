@@ -34,6 +34,18 @@ inline constexpr std::size_t kMaxWriteDepth = 512;
 /// wrong: the byte that should not be there; a string's, number's or name's first byte when it is wrong as a whole.
 CONNECTOR_API Poco::Dynamic::Var parse(std::string_view text, const Limits& limits = {});
 
+/// A value that was read and not made: its text, a part of what was parsed.
+struct RawJson
+{
+    std::string_view text;
+};
+
+/// For a message, or an array of messages, with something in it that is mostly passed on: as `parse`, but the members
+/// `rawName` of the outer object, or of the objects right in the outer array, are RawJson. They are well-formed and
+/// within the limits, and their text lives as long as `text` does.
+CONNECTOR_API Poco::Dynamic::Var parseEnvelope(std::string_view text, std::string_view rawName,
+                                               const Limits& limits = {});
+
 /// Compact text of a value made of the types that `parse` makes (or any integer type, float, objects and arrays by
 /// value). A double always carries a fraction or an exponent ("5.0"), in the shortest form that reads back the same, so
 /// that it stays a double. Throws JsonError for NaN and infinities, for types without a JSON form and beyond

@@ -13,6 +13,15 @@ constexpr std::size_t kFramesAtOnce = 32;
 
 } // namespace
 
+void FrameStream::readAhead()
+{
+    moreIsLikely_ = false;
+    const auto scratch = loop_.scratch();
+    const auto count = ::recv(stream_.socket().native_handle(), scratch.data(), scratch.size(), MSG_DONTWAIT);
+    if (count > 0)
+        surplus_.assign(scratch.data(), static_cast<std::size_t>(count));
+}
+
 void FrameStream::takeTurn()
 {
     if (std::exchange(hasTurn_, true))

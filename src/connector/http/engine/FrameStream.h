@@ -9,6 +9,7 @@
 #include <boost/beast/core/role.hpp>
 
 #include "connector/http/engine/Frame.h"
+#include "connector/http/engine/Loop.h"
 #include "connector/http/engine/SocketTurn.h"
 #include "connector/http/engine/Stream.h"
 
@@ -28,14 +29,14 @@ public:
         virtual ~Owner() = default;
         /// Keeps owner and stream alive meanwhile.
         virtual std::shared_ptr<void> ownerPtr() = 0;
-        virtual void bytesRead() = 0;
         virtual void messageSent(const Frame& frame) = 0;
         virtual void flushed() = 0;
         virtual void sendingFailed() = 0;
     };
 
     /// `turn` lives as long as the owner.
-    FrameStream(Stream stream, Owner& owner, SocketTurn& turn) : stream_(std::move(stream)), owner_(owner), turn_(turn)
+    FrameStream(Stream stream, Loop& loop, Owner& owner, SocketTurn& turn)
+        : stream_(std::move(stream)), loop_(loop), owner_(owner), turn_(turn)
     {}
 
     executor_type get_executor() { return stream_.get_executor(); }
@@ -43,12 +44,23 @@ public:
     template <class Buffers, class Handler>
     void async_read_some(const Buffers& buffers, Handler&& handler)
     {
-        stream_.async_read_some(
-            buffers, [this, taken = std::forward<Handler>(handler)](const Error& error, std::size_t count) mutable {
+        if (surplus_.empty() && moreIsLikely_)
+            readAhead();
+        if (!surplus_.empty()) {
+            const auto count = takeSurplus(buffers);
+            loop_.runSoon([taken = std::forward<Handler>(handler), count]() mutable { taken(Error(), count); });
+            return;
+        }
+        const auto room = boost::asio::buffer_size(buffers);
+        stream_.async_read_some(buffers, [this, room, taken = std::forward<Handler>(handler)](
+                                             const Error& error, std::size_t count) mutable {
+            loop_.inTurn([&] {
+                moreIsLikely_ = !error && count == room && !isTls();
                 if (!error)
-                    owner_.bytesRead();
+                    loop_.noteInput();
                 taken(error, count);
             });
+        });
     }
 
     template <class Buffers, class Handler>
@@ -96,13 +108,31 @@ public:
     void close();
 
 private:
+    template <class Buffers>
+    std::size_t takeSurplus(const Buffers& buffers)
+    {
+        const auto count =
+            boost::asio::buffer_copy(buffers, boost::asio::buffer(surplus_) + surplusTaken_);
+        surplusTaken_ += count;
+        if (surplusTaken_ == surplus_.size()) {
+            surplus_ = {};
+            surplusTaken_ = 0;
+        }
+        return count;
+    }
+    void readAhead();
     void send();
     void sent(std::size_t count);
 
     Stream stream_;
+    Loop& loop_;
     Owner& owner_;
     SocketTurn& turn_;
     bool hasTurn_ = false;
+    // What the reader asks for is little; where it gets all of that, more is read at once.
+    bool moreIsLikely_ = false;
+    std::string surplus_;
+    std::size_t surplusTaken_ = 0;
     // A list takes nothing while it is empty, as it is in most of ten thousand clients.
     std::list<Frame> queue_;
     std::size_t offset_ = 0; ///< sent of the first frame

@@ -15,6 +15,8 @@ namespace asio = boost::asio;
 namespace {
 
 constexpr unsigned kMostPostponed = 32;
+/// Of what is run without looking at the other clients.
+constexpr unsigned kMostInARow = 64;
 constexpr std::chrono::microseconds kShortestGather{20};
 constexpr std::chrono::milliseconds kLongestGather{1};
 constexpr std::chrono::milliseconds kLoadWindow{100};
@@ -78,6 +80,23 @@ void Loop::remove(Peer& peer)
     peers_.erase(&peer);
     if (stopping_ && peers_.empty())
         stopTimer_.cancel();
+}
+
+void Loop::runSoon()
+{
+    for (unsigned i = 0; i < kMostInARow && !soon_.empty(); ++i) {
+        const auto next = std::move(soon_.front());
+        soon_.pop_front();
+        next->run();
+    }
+}
+
+/// What is left has to wait for a turn of its own.
+void Loop::endTurn()
+{
+    inTurn_ = false;
+    if (!soon_.empty())
+        asio::post(context_, [this] { inTurn([] {}); });
 }
 
 void Loop::wake(std::weak_ptr<Peer> peer)

@@ -1,15 +1,19 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <unordered_map>
 #include <vector>
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 #include "connector/http/engine/ResponseHead.h"
@@ -50,6 +54,32 @@ public:
     /// Has `wokenLate` called on the loop's thread within kLateness. Any thread.
     void wakeLate(std::weak_ptr<Peer> peer);
 
+    /// Runs `work` after the handler that is running, if that is one of `inTurn`, else in turn with everything else. The
+    /// loop's thread.
+    template <class Work>
+    void runSoon(Work&& work)
+    {
+        if (inTurn_)
+            soon_.push_back(std::make_unique<SoonWork<std::decay_t<Work>>>(std::forward<Work>(work)));
+        else
+            boost::asio::post(context_, [taken = std::decay_t<Work>(std::forward<Work>(work))]() mutable {
+                std::move(taken)();
+            });
+    }
+    /// Runs a handler and then what is to run soon.
+    template <class Handler>
+    void inTurn(Handler&& handler)
+    {
+        if (inTurn_)
+            return handler();
+        inTurn_ = true;
+        const TurnEnd end{*this};
+        handler();
+        runSoon();
+    }
+    /// Room to read into for what is passed on at once.
+    std::span<char> scratch() noexcept { return scratch_; }
+
     /// A client's bytes were read, or a message taken from them; there may be more, for the same receivers.
     void noteInput() noexcept { ++inputs_; }
 
@@ -61,6 +91,29 @@ public:
     void stop();
 
 private:
+    struct Soon
+    {
+        virtual ~Soon() = default;
+        virtual void run() = 0;
+    };
+    template <class Work>
+    struct SoonWork final : Soon
+    {
+        template <class Given>
+        explicit SoonWork(Given&& given) : work(std::forward<Given>(given))
+        {}
+        void run() override { std::move(work)(); }
+        Work work;
+    };
+
+    struct TurnEnd
+    {
+        Loop& loop;
+        ~TurnEnd() { loop.endTurn(); }
+    };
+
+    void runSoon();
+    void endTurn();
     void callWokenSoon();
     void callWoken();
     void callWokenLate();
@@ -84,6 +137,9 @@ private:
     std::chrono::steady_clock::time_point measuredAt_{};
     std::chrono::nanoseconds cpuTime_{};
     std::unordered_map<Peer*, std::shared_ptr<Peer>> peers_;
+    std::deque<std::unique_ptr<Soon>> soon_;
+    bool inTurn_ = false;
+    std::array<char, 64u << 10> scratch_;
     DateText date_;
     bool stopping_ = false;
 

@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include <boost/asio/bind_executor.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/beast/core/buffers_to_string.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -9,6 +10,7 @@
 
 #include "connector/http/engine/FrameStream.h"
 #include "connector/http/engine/Peer.h"
+#include "connector/http/engine/SoonExecutor.h"
 #include "connector/http/engine/WebSocketOutbox.h"
 
 namespace connector::http::engine {
@@ -40,7 +42,7 @@ public:
     WebSocketSession(Stream stream, Loop& loop, std::unique_ptr<ConnectionCount> count, const WebSocketUpgrade& upgrade)
         : loop_(loop), count_(std::move(count)), endpoint_(upgrade.endpoint), options_(upgrade.options),
           outbox_(std::make_shared<WebSocketOutbox>(upgrade.options.maxQueuedBytes, stream.socket().native_handle())),
-          stream_(std::move(stream), *this, outbox_->turn())
+          stream_(std::move(stream), loop, *this, outbox_->turn())
     {}
 
     void start(const UpgradeAsked& asked, const HttpResponse& response);
@@ -67,7 +69,6 @@ public:
     void giveUp() override { close(); }
 
     std::shared_ptr<void> ownerPtr() override { return self(); }
-    void bytesRead() override { loop_.noteInput(); }
     void messageSent(const Frame& frame) override { outbox_->written(frame.payload().size()); }
     void flushed() override { writeNext(); }
     void sendingFailed() override { close(); }
@@ -224,7 +225,7 @@ void WebSocketSession::accepted()
 
 void WebSocketSession::read()
 {
-    stream_.async_read(incoming_, [self = self()](const error_code& error, std::size_t) {
+    auto taken = [self = self()](const error_code& error, std::size_t) {
         if (self->over_)
             return;
         if (error) {
@@ -244,7 +245,8 @@ void WebSocketSession::read()
         self->endpoint_->received(std::move(message), self->stream_.got_binary());
         if (!self->over_)
             self->read();
-    });
+    };
+    stream_.async_read(incoming_, asio::bind_executor(SoonExecutor(loop_), std::move(taken)));
 }
 
 void WebSocketSession::countControlFrame(websocket::frame_type kind)
