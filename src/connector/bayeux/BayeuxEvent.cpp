@@ -13,9 +13,15 @@ BayeuxEvent::BayeuxEvent(std::string channel, const Poco::Dynamic::Var& data, bo
 BayeuxEvent::BayeuxEvent(Written, std::string channel, std::string_view json, bool lazy)
     : channel_(std::move(channel)), lazy_(lazy)
 {
-    std::string text = "[{\"channel\":" + json::write(channel_) + ",\"data\":";
-    text.reserve(text.size() + json.size() + 2);
-    frame_ = std::make_shared<const std::string>(text.append(json).append("}]"));
+    constexpr std::string_view kHead = R"([{"channel":)";
+    constexpr std::string_view kMiddle = R"(,"data":)";
+    constexpr std::string_view kTail = "}]";
+    std::string text;
+    text.reserve(kHead.size() + channel_.size() + 2 + kMiddle.size() + json.size() + kTail.size());
+    text += kHead;
+    json::appendString(text, channel_);
+    text.append(kMiddle).append(json).append(kTail);
+    frame_ = std::make_shared<const std::string>(std::move(text));
 }
 
 EventPtr BayeuxEvent::ofText(std::string channel, std::string_view json, bool lazy)

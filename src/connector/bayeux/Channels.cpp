@@ -48,6 +48,7 @@ Channels::Addition Channels::add(const std::string& name, const std::shared_ptr<
                 return {Added::tooManyChannels, false, {}};
             found = channels_.emplace(name, Channel()).first;
             addition.createdChannel = true;
+            patterns_ += isPattern(name);
         }
         found->second.members.emplace(receiver.get(), receiver);
         found->second.snapshot.reset();
@@ -80,6 +81,7 @@ bool Channels::drop(const std::string& name, Receiver& receiver)
     if (!found->second.members.empty() || found->second.options)
         return false;
     channels_.erase(found);
+    patterns_ -= isPattern(name);
     return true;
 }
 
@@ -101,6 +103,12 @@ std::vector<std::pair<std::string, bool>> Channels::close(Receiver& receiver)
     for (const auto& name : std::exchange(receiver.subscriptions_, {}))
         ended.emplace_back(name, drop(name, receiver));
     return ended;
+}
+
+/// The patterns that may be subscribed and match.
+std::vector<std::string> Channels::patternsFor(const std::string& channel) const
+{
+    return patterns_ > 0 ? patternsOf(channel) : std::vector<std::string>();
 }
 
 /// False when a list has to be made anew, which takes the exclusive lock.
@@ -139,7 +147,7 @@ Channels::Lists Channels::rebuild(const std::string& channel, const std::vector<
 
 std::shared_ptr<const Channels::Receivers> Channels::publish(const EventPtr& event)
 {
-    const auto patterns = patternsOf(event->channel());
+    const auto patterns = patternsFor(event->channel());
     Lists lists;
     bool done = false;
     bool retains = false;
@@ -163,7 +171,7 @@ std::shared_ptr<const Channels::Receivers> Channels::publish(const EventPtr& eve
 
 std::shared_ptr<const Channels::Receivers> Channels::receivers(const std::string& channel)
 {
-    const auto patterns = patternsOf(channel);
+    const auto patterns = patternsFor(channel);
     Lists lists;
     {
         std::shared_lock lock(mutex_);

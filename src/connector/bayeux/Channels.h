@@ -74,6 +74,7 @@ private:
     };
     using Lists = std::vector<std::shared_ptr<const Receivers>>;
 
+    std::vector<std::string> patternsFor(const std::string& channel) const;
     bool collect(const std::string& channel, const std::vector<std::string>& patterns, Lists& lists) const;
     Lists rebuild(const std::string& channel, const std::vector<std::string>& patterns);
     bool drop(const std::string& name, Receiver& receiver);
@@ -84,6 +85,7 @@ private:
     mutable std::shared_mutex mutex_;
     std::unordered_map<std::string, Channel> channels_;
     std::atomic<std::size_t> retaining_{0}; ///< channels that retain
+    std::atomic<std::size_t> patterns_{0};  ///< names in channels_ that are patterns
     std::atomic<std::size_t> subscriptions_{0};
 };
 

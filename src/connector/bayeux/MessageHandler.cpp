@@ -30,7 +30,7 @@ json::Limits limitsOf(const BayeuxLimits& limits)
 /// What most messages carry is passed on and not looked at.
 std::optional<std::string_view> dataOf(const json::Object& message)
 {
-    const auto data = message.get("data");
+    const auto& data = json::memberOf(message, "data");
     return data.isEmpty() ? std::nullopt : std::optional(data.extract<json::RawJson>().text);
 }
 
@@ -48,7 +48,7 @@ bool isHandshake(const Var& value)
 {
     if (value.type() != typeid(json::Object::Ptr))
         return false;
-    const auto channel = value.extract<json::Object::Ptr>()->get("channel");
+    const auto& channel = json::memberOf(*value.extract<json::Object::Ptr>(), "channel");
     return channel.type() == typeid(std::string) && channel.extract<std::string>() == "/meta/handshake";
 }
 
@@ -57,7 +57,7 @@ std::string bare(const Refusal& refusal) { return Reply({}, false).addError(refu
 /// "ext" of any message; null when there is none or something else.
 json::Object::Ptr extOf(const json::Object& message)
 {
-    const auto ext = message.get("ext");
+    const auto& ext = json::memberOf(message, "ext");
     return ext.type() == typeid(json::Object::Ptr) ? ext.extract<json::Object::Ptr>() : nullptr;
 }
 
@@ -75,7 +75,7 @@ std::optional<std::int64_t> wholeNumber(const json::Object::Ptr& object, const s
 /// Empty for what is neither a string nor an array of strings.
 std::vector<std::string> subscriptionOf(const json::Object& message)
 {
-    const auto value = message.get("subscription");
+    const auto& value = json::memberOf(message, "subscription");
     if (value.type() == typeid(std::string))
         return {value.extract<std::string>()};
     try {
@@ -137,13 +137,13 @@ void MessageHandler::handleOne(const Var& value, bool alone)
     if (value.type() != typeid(Object::Ptr))
         return reply(bare({400, json::describe(value), "A message is an object"}));
     message.object = value.extract<Object::Ptr>();
-    const auto id = message.object->get("id");
+    const auto& id = json::memberOf(*message.object, "id");
     if (id.type() == typeid(std::string) || (id.isNumeric() && id.type() != typeid(bool)))
         message.id = json::write(id);
     else if (!id.isEmpty())
         return reply(bare({400, "id", "An id is a string or a number"}));
 
-    const auto channel = message.object->get("channel");
+    const auto& channel = json::memberOf(*message.object, "channel");
     if (channel.type() != typeid(std::string))
         return refuse(message,
                       {400, "channel", channel.isEmpty() ? "A message needs a channel" : "A channel is a string"});
@@ -184,7 +184,7 @@ void MessageHandler::dispatch(const Incoming& message, bool alone)
 /// Null when the message has been refused.
 std::shared_ptr<Session> MessageHandler::findSession(const Incoming& message)
 {
-    const auto clientId = message.object->get("clientId");
+    const auto& clientId = json::memberOf(*message.object, "clientId");
     if (!clientId.isEmpty() && clientId.type() != typeid(std::string)) {
         refuse(message, {400, "clientId", "A clientId is a string"}, adviceText(Reconnect::handshake, burst_.limits));
         return nullptr;
@@ -249,7 +249,7 @@ void MessageHandler::welcome(const Incoming& message, const std::shared_ptr<Sess
 
 void MessageHandler::connect(const Incoming& message, const std::shared_ptr<Session>& session, bool alone)
 {
-    const auto type = message.object->get("connectionType");
+    const auto& type = json::memberOf(*message.object, "connectionType");
     if (type.type() != typeid(std::string) || !isConnectionType(type.extract<std::string>())) {
         const std::string name = type.type() == typeid(std::string) ? type.extract<std::string>() : "connectionType";
         return refuse(message, {400, name, "Not a supported connection type"},
@@ -258,7 +258,7 @@ void MessageHandler::connect(const Incoming& message, const std::shared_ptr<Sess
     Session::Connect request;
     request.id = message.id;
     request.alone = alone;
-    const auto advice = message.object->get("advice");
+    const auto& advice = json::memberOf(*message.object, "advice");
     if (advice.type() == typeid(Object::Ptr)) {
         if (const auto timeout = wholeNumber(advice.extract<Object::Ptr>(), "timeout"))
             request.timeout =
@@ -418,7 +418,7 @@ void MessageHandler::refuse(const Incoming& message, const Refusal& refusal, con
     Reply answer(message.channel, false);
     answer.addId(message.id).addError(refusal);
     if (message.object->has("subscription"))
-        answer.add("subscription", json::write(message.object->get("subscription")));
+        answer.add("subscription", json::write(json::memberOf(*message.object, "subscription")));
     if (!advice.empty())
         answer.add("advice", advice);
     reply(answer.take());
@@ -429,7 +429,7 @@ void MessageHandler::replyToSubscription(const Incoming& message, const Session&
 {
     Reply answer(message.channel, !refusal);
     answer.addText("clientId", session.id())
-        .add("subscription", json::write(message.object->get("subscription")))
+        .add("subscription", json::write(json::memberOf(*message.object, "subscription")))
         .addId(message.id);
     if (refusal)
         answer.addError(*refusal);

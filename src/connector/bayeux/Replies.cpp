@@ -7,6 +7,7 @@ namespace connector::bayeux {
 namespace {
 
 constexpr std::size_t kMaxArgumentBytes = 128;
+constexpr std::size_t kUsualBytes = 160; ///< of a reply
 /// A connect that is not held comes again that late, so that tabs of one browser do not poll without a pause.
 constexpr std::chrono::milliseconds kMultipleClientsInterval(2'000);
 
@@ -31,28 +32,43 @@ std::string Refusal::errorText() const
     return std::to_string(code) + ':' + clean + ':' + text;
 }
 
-Reply::Reply(std::string_view channel, bool successful) : text_("{")
+Reply::Reply(std::string_view channel, bool successful) 
 {
+    text_.reserve(kUsualBytes);
+    text_ += '{';
     if (!channel.empty())
-        addText("channel", std::string(channel));
+        addText("channel", channel);
     add("successful", successful ? "true" : "false");
 }
 
-Reply& Reply::addText(std::string_view name, const std::string& text) { return add(name, json::write(text)); }
+Reply& Reply::addText(std::string_view name, std::string_view text)
+{
+    json::appendString(begin(name), text);
+    return *this;
+}
 
 Reply& Reply::add(std::string_view name, std::string_view json)
 {
+    begin(name).append(json);
+    return *this;
+}
+
+std::string& Reply::begin(std::string_view name)
+{
     if (text_.size() > 1)
         text_ += ',';
-    text_.append(1, '"').append(name).append("\":").append(json);
-    return *this;
+    return text_.append(1, '"').append(name).append("\":");
 }
 
 Reply& Reply::addId(const std::string& id) { return id.empty() ? *this : add("id", id); }
 
 Reply& Reply::addError(const Refusal& refusal) { return addText("error", refusal.errorText()); }
 
-std::string Reply::take() { return std::move(text_) + '}'; }
+std::string Reply::take()
+{
+    text_ += '}';
+    return std::move(text_);
+}
 
 std::string adviceText(Reconnect reconnect, const BayeuxLimits& limits)
 {

@@ -26,7 +26,7 @@ public:
     /// `channel` may be "", for an answer to what had none.
     Reply(std::string_view channel, bool successful);
 
-    Reply& addText(std::string_view name, const std::string& text);
+    Reply& addText(std::string_view name, std::string_view text);
     /// `json` is a value's text.
     Reply& add(std::string_view name, std::string_view json);
     /// Nothing when `id` is "".
@@ -36,6 +36,8 @@ public:
     std::string take();
 
 private:
+    std::string& begin(std::string_view name);
+
     std::string text_;
 };
 

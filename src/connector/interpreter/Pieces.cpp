@@ -44,8 +44,11 @@ std::vector<Pieces::Piece> Pieces::take()
 
 std::string membersOf(const Pieces::Piece& piece)
 {
-    return std::string(R"("stream":")") + (piece.stream == rqe::Stream::error ? "error" : "output") + R"(","text":)" +
-           json::write(piece.text);
+    std::string members(piece.stream == rqe::Stream::error ? R"("stream":"error","text":)"
+                                                           : R"("stream":"output","text":)");
+    members.reserve(members.size() + piece.text.size() + piece.text.size() / 4);
+    json::appendString(members, piece.text);
+    return members;
 }
 
 } // namespace connector::interpreter::v1

@@ -18,11 +18,11 @@ namespace {
 template <class Read>
 auto require(const Object& object, const std::string& name, Read read) -> std::decay_t<decltype(read(Var()))>
 {
-    const Var value = object.get(name);
+    const Var& value = memberOf(object, name);
     return within(name, [&]() -> std::decay_t<decltype(read(value))> { return read(value); });
 }
 
-bool isMissing(const Object& object, const std::string& name) { return object.isNull(name); }
+bool isMissing(const Object& object, const std::string& name) { return memberOf(object, name).isEmpty(); }
 
 template <class Pointer, class Item>
 Pointer asPointer(const Var& value, const char* expected)
@@ -37,6 +37,14 @@ Pointer asPointer(const Var& value, const char* expected)
 }
 
 } // namespace
+
+const Var& memberOf(const Object& object, std::string_view name)
+{
+    static const Var none;
+    const auto found =
+        std::find_if(object.begin(), object.end(), [name](const auto& member) { return member.first == name; });
+    return found == object.end() ? none : found->second;
+}
 
 std::string describe(const Var& value)
 {

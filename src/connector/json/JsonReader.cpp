@@ -4,7 +4,6 @@
 #include <array>
 #include <charconv>
 #include <cstdint>
-#include <deque>
 #include <system_error>
 #include <tuple>
 #include <utility>
@@ -50,6 +49,9 @@ std::size_t utf8Length(const char* text, const char* end) noexcept
     }
     return length;
 }
+
+constexpr std::size_t kUsualMembers = 4;
+constexpr std::size_t kFewMembers = 16;
 
 /// Takes the place of a text that nobody wants.
 struct NoText
@@ -276,7 +278,8 @@ private:
             Name name;
             Var value;
         };
-        std::deque<Member> members;
+        std::vector<Member> members;
+        members.reserve(kUsualMembers);
         eachMember(depth, [&](Name&& name) {
             auto& member = members.emplace_back(Member{std::move(name), {}});
             if (depth == envelopeDepth_ && !rawName_.empty() && member.name.text == rawName_)
@@ -287,12 +290,24 @@ private:
 
         const bool ordered = members.size() <= kMaxOrderedMembers;
         Poco::JSON::Object::Ptr object = new Poco::JSON::Object(ordered ? Poco::JSON_PRESERVE_KEY_ORDER : 0);
-        for (const auto& member : members) {
+        for (auto& member : members) {
             if (object->has(member.name.text))
                 failTwice(member.name);
-            object->set(member.name.text, member.value);
+            setMember(*object, member.name.text, member.value);
         }
         Var(object).swap(out);
+    }
+
+    /// Without a copy of the value where the object is small.
+    static void setMember(Poco::JSON::Object& object, const std::string& name, Var& value)
+    {
+        if (object.size() >= kFewMembers) {
+            object.set(name, value);
+            return;
+        }
+        object.set(name, Var());
+        std::find_if(object.begin(), object.end(), [&](const auto& member) { return member.first == name; })
+            ->second.swap(value);
     }
 
     void readRaw(Var& out, std::size_t depth)

@@ -52,4 +52,7 @@ CONNECTOR_API Poco::Dynamic::Var parseEnvelope(std::string_view text, std::strin
 /// kMaxWriteDepth. Invalid UTF-8 in strings becomes U+FFFD.
 CONNECTOR_API std::string write(const Poco::Dynamic::Var& value);
 
+/// Appends what `write` makes of a string.
+CONNECTOR_API void appendString(std::string& json, std::string_view text);
+
 } // namespace connector::json

@@ -19,6 +19,25 @@ namespace {
 
 using Poco::Dynamic::Var;
 
+void appendEscaped(std::string& json, std::string_view text)
+{
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::size_t written = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if (byte >= 0x20 && byte != '"' && byte != '\\')
+            continue;
+        json.append(text, written, i - written);
+        written = i + 1;
+        constexpr std::string_view kNamed = "\"\\\b\f\n\r\t";
+        if (const auto name = kNamed.find(text[i]); name != std::string_view::npos)
+            json += {'\\', "\"\\bfnrt"[name]};
+        else
+            json += {'\\', 'u', '0', '0', kDigits[byte >> 4], kDigits[byte & 15]};
+    }
+    json.append(text, written);
+}
+
 class Writer
 {
 public:
@@ -29,7 +48,7 @@ public:
         if (value.isEmpty())
             text_ += "null";
         else if (value.type() == typeid(std::string))
-            writeString(value.extract<std::string>());
+            appendString(text_, value.extract<std::string>());
         else if (value.type() == typeid(bool))
             text_ += value.extract<bool>() ? "true" : "false";
         else if (value.type() == typeid(Poco::JSON::Object::Ptr))
@@ -75,35 +94,6 @@ private:
             text_ += ".0";
     }
 
-    void writeString(const std::string& value)
-    {
-        text_ += '"';
-        if (fl::i18n::isValidUtf8(value))
-            appendEscaped(value);
-        else
-            appendEscaped(fl::i18n::toValidUtf8(value));
-        text_ += '"';
-    }
-
-    void appendEscaped(std::string_view value)
-    {
-        constexpr char kDigits[] = "0123456789abcdef";
-        std::size_t written = 0;
-        for (std::size_t i = 0; i < value.size(); ++i) {
-            const auto byte = static_cast<unsigned char>(value[i]);
-            if (byte >= 0x20 && byte != '"' && byte != '\\')
-                continue;
-            text_.append(value, written, i - written);
-            written = i + 1;
-            constexpr std::string_view kNamed = "\"\\\b\f\n\r\t";
-            if (const auto name = kNamed.find(value[i]); name != std::string_view::npos)
-                text_ += {'\\', "\"\\bfnrt"[name]};
-            else
-                text_ += {'\\', 'u', '0', '0', kDigits[byte >> 4], kDigits[byte & 15]};
-        }
-        text_.append(value, written);
-    }
-
     void writeArray(const Poco::JSON::Array& array, std::size_t depth)
     {
         checkDepth(depth);
@@ -125,7 +115,7 @@ private:
         for (const auto* member : membersInOrder(object)) {
             if (!std::exchange(first, false))
                 text_ += ',';
-            writeString(member->first);
+            appendString(text_, member->first);
             text_ += ':';
             writeValue(member->second, depth);
         }
@@ -136,6 +126,16 @@ private:
 };
 
 } // namespace
+
+void appendString(std::string& json, std::string_view text)
+{
+    json += '"';
+    if (fl::i18n::isValidUtf8(text))
+        appendEscaped(json, text);
+    else
+        appendEscaped(json, fl::i18n::toValidUtf8(text));
+    json += '"';
+}
 
 std::string write(const Var& value)
 {
