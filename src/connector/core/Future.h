@@ -50,6 +50,12 @@ public:
     struct Taken
     {};
 
+    FutureState() = default;
+    /// With its outcome.
+    template <class Outcome>
+    explicit FutureState(std::in_place_t, Outcome&& outcome) : content_(std::forward<Outcome>(outcome))
+    {}
+
     /// False when the outcome was decided before.
     template <class Outcome>
     bool settle(Outcome&& outcome)
@@ -162,6 +168,10 @@ class Promise;
 
 template <class T>
 class Future;
+template <class T>
+Future<std::decay_t<T>> makeReadyFuture(T&& value);
+template <class T>
+Future<T> makeFailedFuture(std::exception_ptr failure);
 
 namespace detail {
 
@@ -222,6 +232,8 @@ public:
             detail::throwFutureTaken();
 
         auto state = std::move(state_);
+        if (state->isSettled())
+            return outcomeOf<Result>(next, std::move(state));
         auto promise = std::make_shared<Promise<Value>>();
         auto result = promise->future();
         promise->onCancel([weak = std::weak_ptr(state)] {
@@ -271,6 +283,21 @@ public:
     }
 
 private:
+    /// What a continuation makes of an outcome that is there already.
+    template <class Result, class Next>
+    static auto outcomeOf(Next& next, std::shared_ptr<detail::FutureState<T>> settled)
+    {
+        using Value = typename detail::Unwrapped<Result>::type;
+        try {
+            if constexpr (detail::Unwrapped<Result>::isFuture)
+                return next(Future<T>(std::move(settled)));
+            else
+                return makeReadyFuture<Value>(next(Future<T>(std::move(settled))));
+        } catch (...) {
+            return makeFailedFuture<Value>(std::current_exception());
+        }
+    }
+
     std::shared_ptr<detail::FutureState<T>> state_;
 };
 
@@ -321,19 +348,15 @@ private:
 template <class T>
 Future<std::decay_t<T>> makeReadyFuture(T&& value)
 {
-    Promise<std::decay_t<T>> promise;
-    auto future = promise.future();
-    promise.setValue(std::forward<T>(value));
-    return future;
+    using Value = std::decay_t<T>;
+    return Future<Value>(
+        std::make_shared<detail::FutureState<Value>>(std::in_place, std::forward<T>(value)));
 }
 
 template <class T>
 Future<T> makeFailedFuture(std::exception_ptr failure)
 {
-    Promise<T> promise;
-    auto future = promise.future();
-    promise.setException(std::move(failure));
-    return future;
+    return Future<T>(std::make_shared<detail::FutureState<T>>(std::in_place, std::move(failure)));
 }
 
 template <class T, class E>
