@@ -1,5 +1,5 @@
 // Reads arbitrary bytes as JSON and holds the reader to what it promises: what it accepts is written and read back the
-// same, as a value and as an array.
+// same, as a value and as an array, and it makes no difference whether a value is made or left as it is.
 
 #include <cstddef>
 #include <cstdint>
@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "connector/json/ArrayJson.h"
+#include "connector/json/JsonFields.h"
 #include "connector/json/JsonSerializer.h"
 #include "connector/json/JsonText.h"
 #include "platform/matrix/Array.h"
@@ -39,11 +40,43 @@ void checkArrays(const Poco::Dynamic::Var& value, std::string_view text)
     require(matrix::identical(*array, *again), "an array changed on its way", text);
 }
 
+/// "" when `read` accepts.
+template <class Read>
+std::string failureOf(Read read)
+{
+    try {
+        read();
+    } catch (const connector::json::JsonError& error) {
+        return error.what();
+    }
+    return "";
+}
+
+void checkEnvelope(std::string_view text)
+{
+    const std::string message = R"([{"a":1,"data":)" + std::string(text) + R"(,"b":{"data":2}}])";
+    Poco::Dynamic::Var whole;
+    Poco::Dynamic::Var envelope;
+    const auto failure = failureOf([&] { whole = connector::json::parse(message); });
+    require(failureOf([&] { envelope = connector::json::parseEnvelope(message, "data"); }) == failure,
+            "only one of both is refused, or for another reason", text);
+    if (!failure.empty() || connector::json::asArray(whole)->size() != 1)
+        return;
+    const auto first = [](const Poco::Dynamic::Var& array) {
+        return connector::json::asObject(connector::json::asArray(array)->get(0));
+    };
+    const auto raw = first(envelope)->get("data").extract<connector::json::RawJson>().text;
+    require(connector::json::write(connector::json::parse(raw)) == connector::json::write(first(whole)->get("data")),
+            "a value that was left alone is another one", text);
+    require(connector::json::write(first(envelope)->get("b")) == R"({"data":2})", "an inner member was not made", text);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
+    checkEnvelope(text);
     Poco::Dynamic::Var value;
     try {
         value = connector::json::parse(text);

@@ -32,7 +32,7 @@ std::string Refusal::errorText() const
     return std::to_string(code) + ':' + clean + ':' + text;
 }
 
-Reply::Reply(std::string_view channel, bool successful) 
+Reply::Reply(std::string_view channel, bool successful)
 {
     text_.reserve(kUsualBytes);
     text_ += '{';

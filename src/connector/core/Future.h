@@ -349,8 +349,7 @@ template <class T>
 Future<std::decay_t<T>> makeReadyFuture(T&& value)
 {
     using Value = std::decay_t<T>;
-    return Future<Value>(
-        std::make_shared<detail::FutureState<Value>>(std::in_place, std::forward<T>(value)));
+    return Future<Value>(std::make_shared<detail::FutureState<Value>>(std::in_place, std::forward<T>(value)));
 }
 
 template <class T>

@@ -306,8 +306,9 @@ private:
             return;
         }
         object.set(name, Var());
-        std::find_if(object.begin(), object.end(), [&](const auto& member) { return member.first == name; })
-            ->second.swap(value);
+        std::find_if(object.begin(), object.end(), [&](const auto& member) {
+            return member.first == name;
+        })->second.swap(value);
     }
 
     void readRaw(Var& out, std::size_t depth)
@@ -325,15 +326,16 @@ private:
 
     void checkNames(std::vector<Name>& names) const
     {
-        // The second of two is the one that is wrong.
         std::sort(names.begin(), names.end(), [](const Name& one, const Name& other) {
             return std::tie(one.text, one.where) < std::tie(other.text, other.where);
         });
-        const auto twice = std::adjacent_find(names.begin(), names.end(), [](const Name& one, const Name& other) {
-            return one.text == other.text;
-        });
-        if (twice != names.end())
-            failTwice(*std::next(twice));
+        const Name* twice = nullptr;
+        for (std::size_t i = 1; i < names.size(); ++i) {
+            if (names[i].text == names[i - 1].text && (!twice || names[i].where < twice->where))
+                twice = &names[i];
+        }
+        if (twice)
+            failTwice(*twice);
     }
 
     std::string readString()

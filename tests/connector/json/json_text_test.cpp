@@ -18,14 +18,20 @@ using namespace connector::json;
 
 std::string rewritten(std::string_view text) { return write(parse(text)); }
 
-std::string failure(std::string_view text, const Limits& limits = {})
+template <class Read>
+std::string failureOf(Read read)
 {
     try {
-        parse(text, limits);
+        read();
     } catch (const JsonError& error) {
         return error.what();
     }
     return "accepted";
+}
+
+std::string failure(std::string_view text, const Limits& limits = {})
+{
+    return failureOf([&] { parse(text, limits); });
 }
 
 TEST(JsonText, WhatIsReadIsWrittenInItsShortestForm)
@@ -50,6 +56,22 @@ TEST(JsonText, WhatIsReadIsWrittenInItsShortestForm)
         ASSERT_EQ(failure(text), "accepted") << text;
         EXPECT_EQ(rewritten(text), expected);
     }
+}
+
+TEST(JsonText, MembersThatArePassedOnStayAsTheyWereWritten)
+{
+    const std::string text = R"({"data": { "a" : [1.50, "\u00e9"] } ,"other":{"data":1}})";
+    const auto rawOf = [](const Var& message) { return memberOf(*asObject(message), "data").extract<RawJson>().text; };
+    EXPECT_EQ(rawOf(parseEnvelope(text, "data")), R"({ "a" : [1.50, "\u00e9"] })");
+    EXPECT_EQ(write(memberOf(*asObject(parseEnvelope(text, "data")), "other")), R"({"data":1})");
+    const auto two = asArray(parseEnvelope("[" + text + R"(,{"data":null}])", "data"));
+    EXPECT_EQ(rawOf(two->get(1)), "null");
+    const auto deeper = asArray(asArray(parseEnvelope(R"([[{"data":1}]])", "data"))->get(0))->get(0);
+    EXPECT_EQ(write(deeper), R"({"data":1})");
+    // What is not made is looked at all the same.
+    for (const char* wrong : {R"({"data":{"a":1,"b":2,"a":3,"b":4}})", R"({"data":[1,]})", R"({"data":"\ud800"})",
+                              R"({"data":1e999})", "{\"data\":\"\xff\"}", R"({"data":tru})", R"({"data":{"a" 1}})"})
+        EXPECT_EQ(failureOf([&] { parseEnvelope(wrong, "data"); }), failure(wrong)) << wrong;
 }
 
 TEST(JsonText, NumbersKeepTheirKind)

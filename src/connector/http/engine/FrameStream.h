@@ -111,8 +111,7 @@ private:
     template <class Buffers>
     std::size_t takeSurplus(const Buffers& buffers)
     {
-        const auto count =
-            boost::asio::buffer_copy(buffers, boost::asio::buffer(surplus_) + surplusTaken_);
+        const auto count = boost::asio::buffer_copy(buffers, boost::asio::buffer(surplus_) + surplusTaken_);
         surplusTaken_ += count;
         if (surplusTaken_ == surplus_.size()) {
             surplus_ = {};

@@ -54,17 +54,16 @@ public:
     /// Has `wokenLate` called on the loop's thread within kLateness. Any thread.
     void wakeLate(std::weak_ptr<Peer> peer);
 
-    /// Runs `work` after the handler that is running, if that is one of `inTurn`, else in turn with everything else. The
-    /// loop's thread.
+    /// Runs `work` after the handler that is running, if that is one of `inTurn`, else in turn with everything else.
+    /// The loop's thread.
     template <class Work>
     void runSoon(Work&& work)
     {
         if (inTurn_)
             soon_.push_back(std::make_unique<SoonWork<std::decay_t<Work>>>(std::forward<Work>(work)));
         else
-            boost::asio::post(context_, [taken = std::decay_t<Work>(std::forward<Work>(work))]() mutable {
-                std::move(taken)();
-            });
+            boost::asio::post(context_,
+                              [taken = std::decay_t<Work>(std::forward<Work>(work))]() mutable { std::move(taken)(); });
     }
     /// Runs a handler and then what is to run soon.
     template <class Handler>
