@@ -28,19 +28,26 @@ bool IncomingBody::isSlow(Clock::time_point now) const noexcept
     return static_cast<double>(bytes_) < seconds * static_cast<double>(core_->settings.minBodyRate);
 }
 
-IncomingBody::State IncomingBody::read(ReadBuffer& buffer, std::string& text)
+/// What the buffer has of the body; it stays there until it is consumed.
+IncomingBody::Portion IncomingBody::nextPortion(const ReadBuffer& buffer)
 {
     std::string_view bytes = buffer.view();
+    Portion portion;
     const auto before = bytes.size();
-    std::string_view content;
-    const auto result = reader_->read(bytes, content);
-    const auto used = before - bytes.size();
-    bytes_ += used;
-    if (result == BodyReader::State::refused)
+    portion.state = reader_->read(bytes, portion.content);
+    portion.used = before - bytes.size();
+    bytes_ += portion.used;
+    complete_ = portion.state == BodyReader::State::complete;
+    return portion;
+}
+
+IncomingBody::State IncomingBody::read(ReadBuffer& buffer, std::string& text)
+{
+    const auto portion = nextPortion(buffer);
+    if (portion.state == BodyReader::State::refused)
         return refuse(reader_->refused());
-    const bool kept = keep(content, text);
-    buffer.consume(used);
-    complete_ = result == BodyReader::State::complete;
+    const bool kept = keep(portion.content, text);
+    buffer.consume(portion.used);
     if (!kept)
         return refuse({503, "Too many large requests at a time."});
     if (complete_)
@@ -84,18 +91,12 @@ IncomingBody::State IncomingBody::beginUpload(Promise<SpooledBody> promise, std:
 
 IncomingBody::State IncomingBody::readUpload(ReadBuffer& buffer)
 {
-    std::string_view bytes = buffer.view();
-    const auto before = bytes.size();
-    std::string_view content;
-    const auto result = reader_->read(bytes, content);
-    const auto used = before - bytes.size();
-    bytes_ += used;
-    if (result == BodyReader::State::refused)
+    const auto portion = nextPortion(buffer);
+    if (portion.state == BodyReader::State::refused)
         return refuse(reader_->refused());
-    if (const auto refused = upload_->append(content))
+    if (const auto refused = upload_->append(portion.content))
         return refuse(*refused);
-    buffer.consume(used);
-    complete_ = result == BodyReader::State::complete;
+    buffer.consume(portion.used);
     return complete_ ? State::complete : State::needMore;
 }
 

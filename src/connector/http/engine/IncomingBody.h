@@ -68,6 +68,14 @@ public:
     std::chrono::milliseconds uploadTime(std::uint64_t maxBytes) const;
 
 private:
+    struct Portion
+    {
+        std::string_view content;
+        std::size_t used = 0; ///< bytes of the buffer
+        BodyReader::State state{};
+    };
+
+    Portion nextPortion(const ReadBuffer& buffer);
     bool keep(std::string_view content, std::string& text);
     State refuse(const Refused& refused);
 

@@ -99,15 +99,30 @@ void Loop::endTurn()
         asio::post(context_, [this] { inTurn([] {}); });
 }
 
-void Loop::wake(std::weak_ptr<Peer> peer)
+/// True for the first on the list; the others are about to be called with it.
+bool Loop::enlist(PeerList& list, std::weak_ptr<Peer> peer)
 {
+    std::lock_guard lock(wakeMutex_);
+    list.push_back(std::move(peer));
+    return list.size() == 1;
+}
+
+void Loop::callAll(PeerList& list, void (Peer::*call)())
+{
+    PeerList woken;
     {
         std::lock_guard lock(wakeMutex_);
-        woken_.push_back(std::move(peer));
-        if (woken_.size() > 1)
-            return; // they are about to be called
+        woken.swap(list);
     }
-    asio::post(context_, [this] { callWokenSoon(); });
+    for (const auto& weak : woken)
+        if (const auto alive = weak.lock())
+            (alive.get()->*call)();
+}
+
+void Loop::wake(std::weak_ptr<Peer> peer)
+{
+    if (enlist(woken_, std::move(peer)))
+        asio::post(context_, [this] { callWokenSoon(); });
 }
 
 /// What has been read already may have more for the same clients. And where a crowd is served, what comes for its
@@ -128,15 +143,8 @@ void Loop::callWokenSoon()
 
 void Loop::callWoken()
 {
-    std::vector<std::weak_ptr<Peer>> woken;
-    {
-        std::lock_guard lock(wakeMutex_);
-        woken.swap(woken_);
-    }
     const auto begin = std::chrono::steady_clock::now();
-    for (const auto& weak : woken)
-        if (const auto alive = weak.lock())
-            alive->woken();
+    callAll(woken_, &Peer::woken);
     const auto end = std::chrono::steady_clock::now();
     if (end - begin >= kShortestGather)
         gatherUntil_ = end + std::min<std::chrono::nanoseconds>(end - begin, kLongestGather);
@@ -144,12 +152,8 @@ void Loop::callWoken()
 
 void Loop::wakeLate(std::weak_ptr<Peer> peer)
 {
-    {
-        std::lock_guard lock(wakeMutex_);
-        wokenLate_.push_back(std::move(peer));
-        if (wokenLate_.size() > 1)
-            return; // they are about to be called
-    }
+    if (!enlist(wokenLate_, std::move(peer)))
+        return;
     asio::post(context_, [this] {
         if (stopping_)
             return callWokenLate();
@@ -158,17 +162,7 @@ void Loop::wakeLate(std::weak_ptr<Peer> peer)
     });
 }
 
-void Loop::callWokenLate()
-{
-    std::vector<std::weak_ptr<Peer>> woken;
-    {
-        std::lock_guard lock(wakeMutex_);
-        woken.swap(wokenLate_);
-    }
-    for (const auto& weak : woken)
-        if (const auto alive = weak.lock())
-            alive->wokenLate();
-}
+void Loop::callWokenLate() { callAll(wokenLate_, &Peer::wokenLate); }
 
 void Loop::stop()
 {

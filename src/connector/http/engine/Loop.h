@@ -111,8 +111,12 @@ private:
         ~TurnEnd() { loop.endTurn(); }
     };
 
+    using PeerList = std::vector<std::weak_ptr<Peer>>;
+
     void runSoon();
     void endTurn();
+    bool enlist(PeerList& list, std::weak_ptr<Peer> peer);
+    void callAll(PeerList& list, void (Peer::*call)());
     void callWokenSoon();
     void callWoken();
     void callWokenLate();
@@ -143,8 +147,8 @@ private:
     bool stopping_ = false;
 
     std::mutex wakeMutex_;
-    std::vector<std::weak_ptr<Peer>> woken_;
-    std::vector<std::weak_ptr<Peer>> wokenLate_;
+    PeerList woken_;
+    PeerList wokenLate_;
 };
 
 } // namespace connector::http::engine

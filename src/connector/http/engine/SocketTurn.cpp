@@ -1,5 +1,6 @@
 #include "connector/http/engine/SocketTurn.h"
 
+#include <algorithm>
 #include <utility>
 
 #include <sys/socket.h>
