@@ -64,7 +64,8 @@ TEST(JsonText, MembersThatArePassedOnStayAsTheyWereWritten)
     const auto rawOf = [](const Var& message) { return memberOf(*asObject(message), "data").extract<RawJson>().text; };
     EXPECT_EQ(rawOf(parseEnvelope(text, "data")), R"({ "a" : [1.50, "\u00e9"] })");
     EXPECT_EQ(write(memberOf(*asObject(parseEnvelope(text, "data")), "other")), R"({"data":1})");
-    const auto two = asArray(parseEnvelope("[" + text + R"(,{"data":null}])", "data"));
+    const std::string messages = "[" + text + R"(,{"data":null}])";
+    const auto two = asArray(parseEnvelope(messages, "data"));
     EXPECT_EQ(rawOf(two->get(1)), "null");
     const auto deeper = asArray(asArray(parseEnvelope(R"([[{"data":1}]])", "data"))->get(0))->get(0);
     EXPECT_EQ(write(deeper), R"({"data":1})");

@@ -68,10 +68,11 @@ Addresses lookUp(const Url& place, Waiter& waiter)
         hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
     addrinfo* list = nullptr;
     const int code = ::getaddrinfo(place.bareHost().c_str(), std::to_string(place.port).c_str(), &hints, &list);
+    Addresses found(code == 0 ? list : nullptr);
     waiter.check(); // nothing else ends a look-up early
     if (code != 0)
         waiter.fail("Cannot find the host " + place.host + ": " + ::gai_strerror(code));
-    return Addresses(list);
+    return found;
 }
 
 using SocketPtr = Poco::AutoPtr<PlainSocket>;

@@ -25,7 +25,7 @@ namespace connector::http::engine {
 class Peer;
 
 /// One I/O thread's share of the clients. A client stays with its loop, so that none of its state is locked.
-/// Everything but `context`, `run`, `load` and `wake` belongs to the loop's own thread.
+/// Everything but `context`, `run`, `load`, `wake` and `wakeLate` belongs to the loop's own thread.
 class Loop final : public std::enable_shared_from_this<Loop>
 {
 public:
