@@ -161,7 +161,7 @@ Evaluation::Clock::time_point Evaluation::pump()
         if (!serve(lock, reader))
             next = std::min(next, Clock::now() + kRetryTime);
     pumpKnows_ = next != Clock::time_point::max();
-    if (state_ == State::ended && !pumpKnows_)
+    if (state_ == State::ended)
         log_.settle();
     return next;
 }

@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <cstdint>
+#include <limits>
 #include <system_error>
 #include <tuple>
 #include <utility>
@@ -179,8 +180,7 @@ private:
             NoText none;
             scanString(none);
         } else if (first == '-' || isDigit(first)) {
-            Var none;
-            readNumber(none);
+            skipNumber();
         } else if (first == 't' || first == 'f' || first == 'n') {
             skipWord();
         } else {
@@ -428,6 +428,22 @@ private:
     void readNumber(Var& out)
     {
         const char* const start = next_;
+        const bool integer = scanNumber();
+        if (!integer || !(readInteger<Poco::Int64>(start, out) || readInteger<Poco::UInt64>(start, out)))
+            Var(toDouble(start)).swap(out);
+    }
+
+    void skipNumber()
+    {
+        const char* const start = next_;
+        if (!scanNumber() || next_ - start > std::numeric_limits<double>::max_exponent10)
+            toDouble(start); // refuses what is beyond the doubles
+    }
+
+    /// True without fraction and exponent.
+    bool scanNumber()
+    {
+        const char* const start = next_;
         if (at('-'))
             ++next_;
         if (at('0'))
@@ -449,8 +465,7 @@ private:
         }
         if (static_cast<std::size_t>(next_ - start) > limits_.numberBytes)
             fail(start, "a number of more than " + std::to_string(limits_.numberBytes) + " bytes");
-        if (!integer || !(readInteger<Poco::Int64>(start, out) || readInteger<Poco::UInt64>(start, out)))
-            readDouble(start, out);
+        return integer;
     }
 
     void readDigits()
@@ -472,7 +487,7 @@ private:
         return true;
     }
 
-    void readDouble(const char* start, Var& out) const
+    double toDouble(const char* start) const
     {
         double value = 0;
         if (std::from_chars(start, next_, value).ec == std::errc::result_out_of_range) {
@@ -480,7 +495,7 @@ private:
                 fail(start, "a number beyond the range of doubles");
             value = *start == '-' ? -0.0 : 0.0;
         }
-        Var(value).swap(out);
+        return value;
     }
 
     /// Whether a number outside the range of doubles is too large, not too small: whether it is 1 or more.

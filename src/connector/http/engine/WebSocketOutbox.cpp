@@ -66,7 +66,7 @@ bool WebSocketOutbox::sendDirectly(const Outgoing& message, Pushed& pushed)
     if (sent == SocketTurn::Sent::nothing)
         return false;
     for (const auto& waiting : queue_)
-        bytes_ -= waiting.payload->size() + kOverhead;
+        forget(waiting.payload->size());
     queue_.clear();
     told_ = sent == SocketTurn::Sent::part;
     pushed = told_ ? Pushed::tell : Pushed::done;
@@ -94,6 +94,12 @@ std::optional<WebSocketOutbox::Outgoing> WebSocketOutbox::pop()
 void WebSocketOutbox::written(std::size_t payloadBytes)
 {
     std::lock_guard lock(mutex_);
+    forget(payloadBytes);
+}
+
+/// With the lock held.
+void WebSocketOutbox::forget(std::size_t payloadBytes)
+{
     bytes_ -= payloadBytes + kOverhead;
     if (waiting_ > 0 && bytes_ <= maxBytes_ / 4)
         room_.notify_all();

@@ -55,6 +55,7 @@ public:
 
 private:
     bool sendDirectly(const Outgoing& message, Pushed& pushed);
+    void forget(std::size_t payloadBytes);
 
     SocketTurn turn_;
     const std::size_t maxBytes_;
