@@ -27,39 +27,15 @@ json::Limits limitsOf(const BayeuxLimits& limits)
     return reading;
 }
 
-/// What most messages carry is passed on and not looked at.
-std::optional<std::string_view> dataOf(const json::Object& message)
+bool isHandshake(const json::RawValue& message)
 {
-    const auto& data = json::memberOf(message, "data");
-    return data.isEmpty() ? std::nullopt : std::optional(data.extract<json::RawJson>().text);
+    return json::rawString(message.member("channel")) == "/meta/handshake";
 }
 
-std::vector<Var> messagesOf(const Var& value)
-{
-    if (value.type() == typeid(json::Object::Ptr))
-        return {value};
-    if (value.type() != typeid(json::Array::Ptr))
-        throw json::JsonError("expected an array or an object, found " + json::describe(value));
-    const auto array = value.extract<json::Array::Ptr>();
-    return std::vector<Var>(array->begin(), array->end());
-}
-
-bool isHandshake(const Var& value)
-{
-    if (value.type() != typeid(json::Object::Ptr))
-        return false;
-    const auto& channel = json::memberOf(*value.extract<json::Object::Ptr>(), "channel");
-    return channel.type() == typeid(std::string) && channel.extract<std::string>() == "/meta/handshake";
-}
+/// Null counts as nothing, but where it may be what a message carries.
+bool isMissing(std::string_view json) { return json.empty() || json == "null"; }
 
 std::string bare(const Refusal& refusal) { return Reply({}, false).addError(refusal).take(); }
-
-/// "ext" of any message; null when there is none or something else.
-json::Object::Ptr extOf(const json::Object& message)
-{
-    const auto& ext = json::memberOf(message, "ext");
-    return ext.type() == typeid(json::Object::Ptr) ? ext.extract<json::Object::Ptr>() : nullptr;
-}
 
 std::optional<std::int64_t> wholeNumber(const json::Object::Ptr& object, const std::string& name)
 {
@@ -73,16 +49,18 @@ std::optional<std::int64_t> wholeNumber(const json::Object::Ptr& object, const s
 }
 
 /// Empty for what is neither a string nor an array of strings.
-std::vector<std::string> subscriptionOf(const json::Object& message)
+std::vector<std::string> stringsOf(const Var& value)
 {
-    const auto& value = json::memberOf(message, "subscription");
     if (value.type() == typeid(std::string))
         return {value.extract<std::string>()};
+    std::vector<std::string> strings;
     try {
-        return json::requireStrings(message, "subscription");
+        for (const auto& element : *json::asArray(value))
+            strings.push_back(json::asString(element));
     } catch (const json::JsonError&) {
         return {};
     }
+    return strings;
 }
 
 } // namespace
@@ -96,9 +74,9 @@ Future<std::string> MessageHandler::handle(const std::string& body)
     if (body.size() > burst_.limits.messageBytes)
         return makeFailedFuture<std::string>(http::HttpFault(
             413, "The messages are longer than " + std::to_string(burst_.limits.messageBytes) + " bytes."));
-    std::vector<Var> messages;
+    std::vector<json::RawValue> messages;
     try {
-        messages = messagesOf(json::parseEnvelope(body, "data", limitsOf(burst_.limits)));
+        messages = json::parseRaw(body, limitsOf(burst_.limits));
     } catch (const json::JsonError& error) {
         if (!origin_.webSocket)
             return makeFailedFuture<std::string>(
@@ -114,7 +92,7 @@ Future<std::string> MessageHandler::handle(const std::string& body)
     return handleAll(messages);
 }
 
-Future<std::string> MessageHandler::handleAll(const std::vector<Var>& messages)
+Future<std::string> MessageHandler::handleAll(const std::vector<json::RawValue>& messages)
 {
     const auto shake = std::find_if(messages.begin(), messages.end(), isHandshake);
     if (shake != messages.end()) {
@@ -131,23 +109,22 @@ Future<std::string> MessageHandler::handleAll(const std::vector<Var>& messages)
     return makeReadyFuture(replies_.empty() ? std::string() : '[' + replies_ + ']');
 }
 
-void MessageHandler::handleOne(const Var& value, bool alone)
+void MessageHandler::handleOne(const json::RawValue& value, bool alone)
 {
-    Incoming message;
-    if (value.type() != typeid(Object::Ptr))
-        return reply(bare({400, json::describe(value), "A message is an object"}));
-    message.object = value.extract<Object::Ptr>();
-    const auto& id = json::memberOf(*message.object, "id");
-    if (id.type() == typeid(std::string) || (id.isNumeric() && id.type() != typeid(bool)))
-        message.id = json::write(id);
-    else if (!id.isEmpty())
-        return reply(bare({400, "id", "An id is a string or a number"}));
-
-    const auto& channel = json::memberOf(*message.object, "channel");
-    if (channel.type() != typeid(std::string))
+    if (!value.isObject())
+        return reply(bare({400, json::describe(valueOf(value.text())), "A message is an object"}));
+    Incoming message{value, {}, {}};
+    if (const auto id = value.member("id"); !isMissing(id)) {
+        if (std::string_view("{[tf").find(id.front()) != std::string_view::npos)
+            return reply(bare({400, "id", "An id is a string or a number"}));
+        message.id = id;
+    }
+    const auto channel = value.member("channel");
+    auto name = json::rawString(channel);
+    if (!name)
         return refuse(message,
-                      {400, "channel", channel.isEmpty() ? "A message needs a channel" : "A channel is a string"});
-    message.channel = channel.extract<std::string>();
+                      {400, "channel", isMissing(channel) ? "A message needs a channel" : "A channel is a string"});
+    message.channel = std::move(*name);
     if (!isChannelName(message.channel)) {
         const char* what = isPattern(message.channel) ? "Nothing is published to a pattern" : "Not a channel";
         return refuse(message, {400, message.channel, what});
@@ -181,15 +158,25 @@ void MessageHandler::dispatch(const Incoming& message, bool alone)
         publish(message, session);
 }
 
+/// Of a part of what was within the limits.
+Var MessageHandler::valueOf(std::string_view json) const { return json::parse(json, limitsOf(burst_.limits)); }
+
+/// Null for a member that is something else or not there.
+json::Object::Ptr MessageHandler::objectOf(std::string_view json) const
+{
+    return json.starts_with('{') ? json::asObject(valueOf(json)) : nullptr;
+}
+
 /// Null when the message has been refused.
 std::shared_ptr<Session> MessageHandler::findSession(const Incoming& message)
 {
-    const auto& clientId = json::memberOf(*message.object, "clientId");
-    if (!clientId.isEmpty() && clientId.type() != typeid(std::string)) {
+    const auto clientId = message.raw.member("clientId");
+    const auto text = json::rawString(clientId);
+    if (!text && !isMissing(clientId)) {
         refuse(message, {400, "clientId", "A clientId is a string"}, adviceText(Reconnect::handshake, burst_.limits));
         return nullptr;
     }
-    const std::string id = clientId.isEmpty() ? std::string() : clientId.extract<std::string>();
+    const std::string id = text.value_or("");
     auto session = core_.sessions().find(id);
     if (session && session->belongsTo(origin_, message.channel == "/meta/connect"))
         return session;
@@ -211,11 +198,11 @@ void MessageHandler::handshake(const Incoming& message)
                   .take());
     };
     const auto never = adviceText(Reconnect::none, burst_.limits);
-    if (const auto refusal = checkHandshake(*message.object))
+    const auto object = objectOf(message.raw.text());
+    if (const auto refusal = checkHandshake(*object))
         return fail(*refusal, never);
-    const auto session = core_.makeSession(origin_, asksForAcknowledgement(*message.object));
-    const auto reason =
-        core_.ask([&](BayeuxSecurityPolicy& policy) { return policy.mayHandshake(*session, *message.object); });
+    const auto session = core_.makeSession(origin_, asksForAcknowledgement(*object));
+    const auto reason = core_.ask([&](BayeuxSecurityPolicy& policy) { return policy.mayHandshake(*session, *object); });
     if (!reason.empty())
         return fail({403, "", reason}, never);
     if (core_.admit(session) != SessionTable::Added::yes) {
@@ -249,22 +236,16 @@ void MessageHandler::welcome(const Incoming& message, const std::shared_ptr<Sess
 
 void MessageHandler::connect(const Incoming& message, const std::shared_ptr<Session>& session, bool alone)
 {
-    const auto& type = json::memberOf(*message.object, "connectionType");
-    if (type.type() != typeid(std::string) || !isConnectionType(type.extract<std::string>())) {
-        const std::string name = type.type() == typeid(std::string) ? type.extract<std::string>() : "connectionType";
-        return refuse(message, {400, name, "Not a supported connection type"},
+    const auto type = json::rawString(message.raw.member("connectionType"));
+    if (!type || !isConnectionType(*type))
+        return refuse(message, {400, type.value_or("connectionType"), "Not a supported connection type"},
                       adviceText(Reconnect::none, burst_.limits));
-    }
     Session::Connect request;
     request.id = message.id;
     request.alone = alone;
-    const auto& advice = json::memberOf(*message.object, "advice");
-    if (advice.type() == typeid(Object::Ptr)) {
-        if (const auto timeout = wholeNumber(advice.extract<Object::Ptr>(), "timeout"))
-            request.timeout =
-                std::chrono::milliseconds(std::min<std::int64_t>(*timeout, burst_.limits.timeout.count()));
-    }
-    if (const auto acknowledged = wholeNumber(extOf(*message.object), "ack"))
+    if (const auto timeout = wholeNumber(objectOf(message.raw.member("advice")), "timeout"))
+        request.timeout = std::chrono::milliseconds(std::min<std::int64_t>(*timeout, burst_.limits.timeout.count()));
+    if (const auto acknowledged = wholeNumber(objectOf(message.raw.member("ext")), "ack"))
         request.acknowledged = static_cast<std::uint64_t>(*acknowledged);
 
     auto connected = session->connect(request, origin_, burst_.limits);
@@ -322,9 +303,16 @@ std::optional<Refusal> MessageHandler::subscribeAll(const std::shared_ptr<Sessio
     return refusal;
 }
 
+/// Empty for what is neither a string nor an array of strings.
+std::vector<std::string> MessageHandler::subscriptionOf(const Incoming& message) const
+{
+    const auto subscription = message.raw.member("subscription");
+    return subscription.empty() ? std::vector<std::string>() : stringsOf(valueOf(subscription));
+}
+
 void MessageHandler::subscribe(const Incoming& message, const std::shared_ptr<Session>& session)
 {
-    const auto channels = subscriptionOf(*message.object);
+    const auto channels = subscriptionOf(message);
     if (channels.empty())
         return refuse(message, {400, "subscription", "Neither a channel nor an array of channels"});
     replyToSubscription(message, *session, subscribeAll(session, channels));
@@ -332,7 +320,7 @@ void MessageHandler::subscribe(const Incoming& message, const std::shared_ptr<Se
 
 void MessageHandler::unsubscribe(const Incoming& message, const std::shared_ptr<Session>& session)
 {
-    const auto channels = subscriptionOf(*message.object);
+    const auto channels = subscriptionOf(message);
     if (channels.empty())
         return refuse(message, {400, "subscription", "Neither a channel nor an array of channels"});
     for (const auto& channel : channels) {
@@ -367,14 +355,15 @@ std::optional<Refusal> MessageHandler::mayPublish(const Session& session, const 
 
 void MessageHandler::publish(const Incoming& message, const std::shared_ptr<Session>& session)
 {
-    const auto data = dataOf(*message.object);
-    if (!data)
+    const auto data = message.raw.member("data");
+    if (data.empty())
         return refuse(message, {400, "data", "A message to a channel needs data"});
     if (const auto refusal = mayPublish(*session, message.channel))
         return refuse(message, *refusal);
     const bool lazy = core_.channels().options(message.channel).lazy;
-    core_.publish(Publication(BayeuxEvent::ofText(message.channel, *data, lazy), extOf(*message.object), session),
-                  burst_);
+    core_.publish(
+        Publication(BayeuxEvent::ofText(message.channel, data, lazy), objectOf(message.raw.member("ext")), session),
+        burst_);
     reply(Reply(message.channel, true).addId(message.id).take());
 }
 
@@ -388,10 +377,9 @@ void MessageHandler::callService(const Incoming& message, const std::shared_ptr<
     if (!reason.empty())
         return refuse(message, {403, message.channel, reason});
     try {
-        const auto data = dataOf(*message.object);
-        const auto answer =
-            service->handler({message.channel, data ? json::parse(*data, limitsOf(burst_.limits)) : Var(),
-                              extOf(*message.object), session});
+        const auto data = message.raw.member("data");
+        const auto answer = service->handler(
+            {message.channel, data.empty() ? Var() : valueOf(data), objectOf(message.raw.member("ext")), session});
         if (!answer.isEmpty())
             session->receive(Publication(std::make_shared<const BayeuxEvent>(message.channel, answer)), burst_);
     } catch (const std::exception& error) {
@@ -417,8 +405,8 @@ void MessageHandler::refuse(const Incoming& message, const Refusal& refusal, con
 {
     Reply answer(message.channel, false);
     answer.addId(message.id).addError(refusal);
-    if (message.object->has("subscription"))
-        answer.add("subscription", json::write(json::memberOf(*message.object, "subscription")));
+    if (const auto subscription = message.raw.member("subscription"); !subscription.empty())
+        answer.add("subscription", subscription);
     if (!advice.empty())
         answer.add("advice", advice);
     reply(answer.take());
@@ -428,9 +416,7 @@ void MessageHandler::replyToSubscription(const Incoming& message, const Session&
                                          const std::optional<Refusal>& refusal)
 {
     Reply answer(message.channel, !refusal);
-    answer.addText("clientId", session.id())
-        .add("subscription", json::write(json::memberOf(*message.object, "subscription")))
-        .addId(message.id);
+    answer.addText("clientId", session.id()).add("subscription", message.raw.member("subscription")).addId(message.id);
     if (refusal)
         answer.addError(*refusal);
     if (refusal && refusal->code == 402)

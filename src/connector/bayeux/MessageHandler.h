@@ -2,6 +2,7 @@
 
 #include "connector/bayeux/Core.h"
 #include "connector/bayeux/Services.h"
+#include "connector/json/JsonText.h"
 
 namespace connector::bayeux {
 
@@ -15,17 +16,16 @@ public:
     Future<std::string> handle(const std::string& body);
 
 private:
-    using Object = Poco::JSON::Object;
     /// A message with what every reply needs of it.
     struct Incoming
     {
-        Object::Ptr object;
+        const json::RawValue& raw;
         std::string channel;
-        std::string id; ///< JSON text; "" without one
+        std::string_view id; ///< JSON text; "" without one
     };
 
-    Future<std::string> handleAll(const std::vector<Poco::Dynamic::Var>& messages);
-    void handleOne(const Poco::Dynamic::Var& value, bool alone);
+    Future<std::string> handleAll(const std::vector<json::RawValue>& messages);
+    void handleOne(const json::RawValue& value, bool alone);
     void dispatch(const Incoming& message, bool alone);
     void handshake(const Incoming& message);
     void welcome(const Incoming& message, const std::shared_ptr<Session>& session);
@@ -36,6 +36,9 @@ private:
     void publish(const Incoming& message, const std::shared_ptr<Session>& session);
     void callService(const Incoming& message, const std::shared_ptr<Session>& session);
 
+    Poco::Dynamic::Var valueOf(std::string_view json) const;
+    Poco::JSON::Object::Ptr objectOf(std::string_view json) const;
+    std::vector<std::string> subscriptionOf(const Incoming& message) const;
     std::shared_ptr<Session> findSession(const Incoming& message);
     std::optional<Refusal> mayPublish(const Session& session, const std::string& channel) const;
     std::optional<Refusal> maySubscribe(const Session& session, const std::string& channel) const;

@@ -60,7 +60,7 @@ std::string& Reply::begin(std::string_view name)
     return text_.append(1, '"').append(name).append("\":");
 }
 
-Reply& Reply::addId(const std::string& id) { return id.empty() ? *this : add("id", id); }
+Reply& Reply::addId(std::string_view id) { return id.empty() ? *this : add("id", id); }
 
 Reply& Reply::addError(const Refusal& refusal) { return addText("error", refusal.errorText()); }
 

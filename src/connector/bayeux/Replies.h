@@ -30,7 +30,7 @@ public:
     /// `json` is a value's text.
     Reply& add(std::string_view name, std::string_view json);
     /// Nothing when `id` is "".
-    Reply& addId(const std::string& id);
+    Reply& addId(std::string_view id);
     Reply& addError(const Refusal& refusal);
     /// Ends it.
     std::string take();

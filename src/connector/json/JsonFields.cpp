@@ -14,6 +14,15 @@ namespace {
     throw JsonError("expected " + expected + " but found " + found);
 }
 
+/// The member itself, where an object's own `get` makes a copy; an empty value when it is missing.
+const Var& memberOf(const Object& object, std::string_view name)
+{
+    static const Var none;
+    const auto found =
+        std::find_if(object.begin(), object.end(), [name](const auto& member) { return member.first == name; });
+    return found == object.end() ? none : found->second;
+}
+
 /// What `read` makes of the member, which must be there.
 template <class Read>
 auto require(const Object& object, const std::string& name, Read read) -> std::decay_t<decltype(read(Var()))>
@@ -37,14 +46,6 @@ Pointer asPointer(const Var& value, const char* expected)
 }
 
 } // namespace
-
-const Var& memberOf(const Object& object, std::string_view name)
-{
-    static const Var none;
-    const auto found =
-        std::find_if(object.begin(), object.end(), [name](const auto& member) { return member.first == name; });
-    return found == object.end() ? none : found->second;
-}
 
 std::string describe(const Var& value)
 {

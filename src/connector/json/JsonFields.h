@@ -34,9 +34,6 @@ CONNECTOR_API bool requireBool(const Object& object, const std::string& name);
 CONNECTOR_API Object::Ptr requireObject(const Object& object, const std::string& name);
 CONNECTOR_API Array::Ptr requireArray(const Object& object, const std::string& name);
 CONNECTOR_API std::vector<std::string> requireStrings(const Object& object, const std::string& name);
-/// The member itself, and an empty value when it is missing: where an object's own `get` makes a copy. Looks at one
-/// member after the other. Valid while the object is not changed.
-CONNECTOR_API const Var& memberOf(const Object& object, std::string_view name);
 /// Any value, but there; null is allowed.
 CONNECTOR_API Var requireValue(const Object& object, const std::string& name);
 

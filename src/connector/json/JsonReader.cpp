@@ -13,6 +13,7 @@
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
 
+#include "connector/json/JsonFields.h"
 #include "connector/json/JsonSerializer.h"
 
 namespace connector::json {
@@ -51,7 +52,7 @@ std::size_t utf8Length(const char* text, const char* end) noexcept
     return length;
 }
 
-constexpr std::size_t kUsualMembers = 4;
+constexpr std::size_t kUsualMembers = 5;
 constexpr std::size_t kFewMembers = 16;
 
 /// Takes the place of a text that nobody wants.
@@ -86,26 +87,46 @@ void appendUtf8(Text& out, std::uint32_t code)
 class Reader
 {
 public:
-    /// `rawName`: of the member that stays text; see parseEnvelope.
-    Reader(std::string_view text, const Limits& limits, std::string_view rawName = {})
-        : begin_(text.data()), next_(begin_), end_(begin_ + text.size()), limits_(limits), rawName_(rawName)
+    Reader(std::string_view text, const Limits& limits)
+        : begin_(text.data()), next_(begin_), end_(begin_ + text.size()), limits_(limits)
     {}
 
     Var readText()
     {
-        if (static_cast<std::size_t>(end_ - begin_) > limits_.bytes)
-            fail(begin_ + limits_.bytes, "the text is longer than " + std::to_string(limits_.bytes) + " bytes");
         Var value;
-        skipSpace();
-        envelopeDepth_ = at('[') ? 2 : 1;
+        checkLength();
         readValue(value, 0);
-        skipSpace();
-        if (next_ != end_)
-            failHere("the end of the text");
+        checkEnd();
         return value;
     }
 
+    std::vector<RawValue> readRawText()
+    {
+        std::vector<RawValue> values;
+        checkLength();
+        const char first = beginValue();
+        if (first == '[')
+            eachItem(1, [&] { values.push_back(readRaw(beginValue(), 1)); });
+        else
+            values.push_back(readRaw(first, 0));
+        checkEnd();
+        return values;
+    }
+
 private:
+    void checkLength() const
+    {
+        if (static_cast<std::size_t>(end_ - begin_) > limits_.bytes)
+            fail(begin_ + limits_.bytes, "the text is longer than " + std::to_string(limits_.bytes) + " bytes");
+    }
+
+    void checkEnd()
+    {
+        skipSpace();
+        if (next_ != end_)
+            failHere("the end of the text");
+    }
+
     [[noreturn]] void fail(const char* where, const std::string& what) const
     {
         throw JsonError("byte " + std::to_string(where - begin_) + ": " + what);
@@ -163,19 +184,19 @@ private:
             failHere("a value");
     }
 
-    /// What `readValue` does, but for the value.
-    void skipValue(std::size_t depth)
+    /// What `readValue` does, but for the value; `first` is what `beginValue` answered.
+    void skipValue(char first, std::size_t depth)
     {
-        const char first = beginValue();
         if (first == '{') {
             std::vector<Name> names;
+            names.reserve(kUsualMembers);
             eachMember(depth + 1, [&](Name&& name) {
                 names.push_back(std::move(name));
-                skipValue(depth + 1);
+                skipValue(beginValue(), depth + 1);
             });
-            checkNames(names);
+            checkNames(std::move(names));
         } else if (first == '[') {
-            eachItem(depth + 1, [&] { skipValue(depth + 1); });
+            eachItem(depth + 1, [&] { skipValue(beginValue(), depth + 1); });
         } else if (first == '"') {
             NoText none;
             scanString(none);
@@ -282,10 +303,7 @@ private:
         members.reserve(kUsualMembers);
         eachMember(depth, [&](Name&& name) {
             auto& member = members.emplace_back(Member{std::move(name), {}});
-            if (depth == envelopeDepth_ && !rawName_.empty() && member.name.text == rawName_)
-                readRaw(member.value, depth);
-            else
-                readValue(member.value, depth);
+            readValue(member.value, depth);
         });
 
         const bool ordered = members.size() <= kMaxOrderedMembers;
@@ -311,12 +329,31 @@ private:
         })->second.swap(value);
     }
 
-    void readRaw(Var& out, std::size_t depth)
+    RawValue readRaw(char first, std::size_t depth)
     {
-        skipSpace();
         const char* const start = next_;
-        skipValue(depth);
-        Var(RawJson{{start, static_cast<std::size_t>(next_ - start)}}).swap(out);
+        std::vector<RawValue::Member> members;
+        if (first == '{') {
+            std::vector<Name> names;
+            names.reserve(kUsualMembers);
+            members.reserve(kUsualMembers);
+            eachMember(depth + 1, [&](Name&& name) {
+                const char next = beginValue();
+                const char* const value = next_;
+                skipValue(next, depth + 1);
+                members.push_back({name.text, textFrom(value)});
+                names.push_back(std::move(name));
+            });
+            checkNames(std::move(names));
+        } else {
+            skipValue(first, depth);
+        }
+        return RawValue(textFrom(start), std::move(members));
+    }
+
+    std::string_view textFrom(const char* start) const noexcept
+    {
+        return {start, static_cast<std::size_t>(next_ - start)};
     }
 
     [[noreturn]] void failTwice(const Name& name) const
@@ -324,8 +361,14 @@ private:
         fail(name.where, "the name \"" + name.text + "\" appears twice in one object");
     }
 
-    void checkNames(std::vector<Name>& names) const
+    void checkNames(std::vector<Name> names) const
     {
+        if (names.size() <= kFewMembers) {
+            for (auto name = names.begin(); name != names.end(); ++name)
+                if (std::any_of(names.begin(), name, [&](const Name& other) { return other.text == name->text; }))
+                    failTwice(*name);
+            return;
+        }
         std::sort(names.begin(), names.end(), [](const Name& one, const Name& other) {
             return std::tie(one.text, one.where) < std::tie(other.text, other.where);
         });
@@ -528,8 +571,6 @@ private:
     const char* next_;
     const char* const end_;
     const Limits& limits_;
-    const std::string_view rawName_;
-    std::size_t envelopeDepth_ = 1;
     std::size_t values_ = 0;
 };
 
@@ -537,9 +578,30 @@ private:
 
 Var parse(std::string_view text, const Limits& limits) { return Reader(text, limits).readText(); }
 
-Var parseEnvelope(std::string_view text, std::string_view rawName, const Limits& limits)
+std::string_view RawValue::member(std::string_view name) const noexcept
 {
-    return Reader(text, limits, rawName).readText();
+    const auto found =
+        std::find_if(members_.begin(), members_.end(), [&](const Member& member) { return member.name == name; });
+    return found == members_.end() ? std::string_view() : found->text;
+}
+
+std::vector<RawValue> parseRaw(std::string_view text, const Limits& limits)
+{
+    auto values = Reader(text, limits).readRawText();
+    if (const auto start = text.find_first_not_of(" \n\r\t"); text[start] != '[' && text[start] != '{')
+        throw JsonError("expected an array or an object, found " + describe(parse(text, limits)));
+    return values;
+}
+
+std::optional<std::string> rawString(std::string_view text)
+{
+    if (!text.starts_with('"'))
+        return std::nullopt;
+    if (text.find('\\') == std::string_view::npos)
+        return std::string(text.substr(1, text.size() - 2));
+    Limits limits;
+    limits.bytes = text.size();
+    return parse(text, limits).extract<std::string>();
 }
 
 } // namespace connector::json

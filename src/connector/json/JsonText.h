@@ -1,8 +1,11 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <Poco/Dynamic/Var.h>
 
@@ -34,17 +37,37 @@ inline constexpr std::size_t kMaxWriteDepth = 512;
 /// wrong: the byte that should not be there; a string's, number's or name's first byte when it is wrong as a whole.
 CONNECTOR_API Poco::Dynamic::Var parse(std::string_view text, const Limits& limits = {});
 
-/// A value that was read and not made: its text, a part of what was parsed.
-struct RawJson
+/// A value that was checked and left as its text, with the members of an object one by one: for what is mostly passed
+/// on. Views what it was read from.
+class CONNECTOR_API RawValue
 {
-    std::string_view text;
+public:
+    struct Member
+    {
+        std::string name;
+        std::string_view text;
+    };
+
+    explicit RawValue(std::string_view text, std::vector<Member> members = {})
+        : text_(text), members_(std::move(members))
+    {}
+
+    std::string_view text() const noexcept { return text_; }
+    bool isObject() const noexcept { return text_.starts_with('{'); }
+    /// A member's text; "" without one.
+    std::string_view member(std::string_view name) const noexcept;
+
+private:
+    std::string_view text_;
+    std::vector<Member> members_;
 };
 
-/// For a message, or an array of messages, with something in it that is mostly passed on: as `parse`, but the members
-/// `rawName` of the outer object, or of the objects right in the outer array, are RawJson. They are well-formed and
-/// within the limits, and their text lives as long as `text` does.
-CONNECTOR_API Poco::Dynamic::Var parseEnvelope(std::string_view text, std::string_view rawName,
-                                               const Limits& limits = {});
+/// The elements of an array, or an object alone. Everything is well-formed and within the limits, as with `parse`;
+/// another value is refused.
+CONNECTOR_API std::vector<RawValue> parseRaw(std::string_view text, const Limits& limits = {});
+
+/// The string that is written like that; nullopt when it is another value. `text` is that of a RawValue or its member.
+CONNECTOR_API std::optional<std::string> rawString(std::string_view text);
 
 /// Compact text of a value made of the types that `parse` makes (or any integer type, float, objects and arrays by
 /// value). A double always carries a fraction or an exponent ("5.0"), in the shortest form that reads back the same, so

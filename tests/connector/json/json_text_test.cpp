@@ -58,21 +58,43 @@ TEST(JsonText, WhatIsReadIsWrittenInItsShortestForm)
     }
 }
 
-TEST(JsonText, MembersThatArePassedOnStayAsTheyWereWritten)
+TEST(JsonText, WhatIsPassedOnStaysAsItWasWritten)
 {
-    const std::string text = R"({"data": { "a" : [1.50, "\u00e9"] } ,"other":{"data":1}})";
-    const auto rawOf = [](const Var& message) { return memberOf(*asObject(message), "data").extract<RawJson>().text; };
-    EXPECT_EQ(rawOf(parseEnvelope(text, "data")), R"({ "a" : [1.50, "\u00e9"] })");
-    EXPECT_EQ(write(memberOf(*asObject(parseEnvelope(text, "data")), "other")), R"({"data":1})");
-    const std::string messages = "[" + text + R"(,{"data":null}])";
-    const auto two = asArray(parseEnvelope(messages, "data"));
-    EXPECT_EQ(rawOf(two->get(1)), "null");
-    const auto deeper = asArray(asArray(parseEnvelope(R"([[{"data":1}]])", "data"))->get(0))->get(0);
-    EXPECT_EQ(write(deeper), R"({"data":1})");
+    const std::string text = R"({"data": { "a" : [1.50, "\u00e9"] } ,"n\u0061me":"\u00e9 \"x\"","":null})";
+    const std::string padded = "\n" + text + " ";
+    const auto alone = parseRaw(padded);
+    ASSERT_EQ(alone.size(), 1);
+    const std::string array = "[ " + text + R"( , [{"data":1}],"{", {}])";
+    const auto values = parseRaw(array);
+    ASSERT_EQ(values.size(), 4);
+    for (const auto& value : {alone[0], values[0]}) {
+        EXPECT_TRUE(value.isObject());
+        EXPECT_EQ(value.text(), text);
+        EXPECT_EQ(value.member("data"), R"({ "a" : [1.50, "\u00e9"] })");
+        EXPECT_EQ(rawString(value.member("name")), "\u00e9 \"x\"");
+        EXPECT_EQ(value.member(""), "null");
+        EXPECT_EQ(value.member("a"), "");
+    }
+    EXPECT_FALSE(values[1].isObject());
+    EXPECT_EQ(values[1].text(), R"([{"data":1}])");
+    EXPECT_FALSE(values[2].isObject());
+    EXPECT_EQ(rawString(values[2].text()), "{");
+    EXPECT_TRUE(values[3].isObject());
+    EXPECT_EQ(rawString("12"), std::nullopt);
+
     // What is not made is looked at all the same.
-    for (const char* wrong : {R"({"data":{"a":1,"b":2,"a":3,"b":4}})", R"({"data":[1,]})", R"({"data":"\ud800"})",
-                              R"({"data":1e999})", "{\"data\":\"\xff\"}", R"({"data":tru})", R"({"data":{"a" 1}})"})
-        EXPECT_EQ(failureOf([&] { parseEnvelope(wrong, "data"); }), failure(wrong)) << wrong;
+    for (const char* wrong : {"", "[", "[1,]", "[] []", R"({"data":{"a":1,"b":2,"a":3,"b":4}})", R"({"data":"\ud800"})",
+                              R"({"data":1e999})", "{\"data\":\"\xff\"}", R"([{"data":tru}])", R"({"data":{"a" 1}})",
+                              R"({"x":1,"y":2,"x":3})"}) {
+        EXPECT_NE(failure(wrong), "accepted") << wrong;
+        EXPECT_EQ(failureOf([&] { parseRaw(wrong); }), failure(wrong)) << wrong;
+    }
+    EXPECT_EQ(failureOf([&] { parseRaw("5"); }), "expected an array or an object, found the integer 5");
+    std::string many = "{";
+    for (char name = 'A'; name <= 'z'; ++name)
+        many += std::string(name == 'A' ? "\"" : ",\"") + (name == '\\' ? 'B' : name) + "\":1";
+    EXPECT_EQ(failureOf([&] { parseRaw(many + "}"); }), failure(many + "}"));
+    EXPECT_NE(failure(many + "}"), "accepted");
 }
 
 TEST(JsonText, NumbersKeepTheirKind)
