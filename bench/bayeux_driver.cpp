@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
@@ -45,15 +46,14 @@ struct Options
 
 std::int64_t now() { return Clock::now().time_since_epoch().count(); }
 
+/// Of all threads of a process.
 double cpuSeconds(int pid)
 {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string text(std::istreambuf_iterator<char>(file), {});
-    unsigned long user = 0;
-    unsigned long system = 0;
-    std::sscanf(text.c_str() + text.rfind(')') + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &user,
-                &system);
-    return static_cast<double>(user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+    clockid_t clock{};
+    timespec time{};
+    if (::clock_getcpuclockid(pid, &clock) != 0 || ::clock_gettime(clock, &time) != 0)
+        throw std::runtime_error("no such server: " + std::to_string(pid));
+    return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
 }
 
 double residentMiB(int pid)

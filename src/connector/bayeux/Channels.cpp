@@ -209,17 +209,11 @@ bool Channels::setOptions(const std::string& channel, const ChannelOptions& opti
     return added;
 }
 
-ChannelOptions Channels::options(const std::string& channel) const
+std::optional<ChannelOptions> Channels::find(const std::string& channel) const
 {
     std::shared_lock lock(mutex_);
     const auto found = channels_.find(channel);
-    return found != channels_.end() && found->second.options ? *found->second.options : ChannelOptions();
-}
-
-bool Channels::exists(const std::string& channel) const
-{
-    std::shared_lock lock(mutex_);
-    return channels_.contains(channel);
+    return found == channels_.end() ? std::nullopt : std::optional(found->second.options.value_or(ChannelOptions()));
 }
 
 Channels::Receivers Channels::subscribers(const std::string& channel) const

@@ -56,8 +56,9 @@ public:
 
     /// Answers whether that made the channel.
     bool setOptions(const std::string& channel, const ChannelOptions& options);
-    ChannelOptions options(const std::string& channel) const;
-    bool exists(const std::string& channel) const;
+    /// Nullopt when there is no such channel.
+    std::optional<ChannelOptions> find(const std::string& channel) const;
+    ChannelOptions options(const std::string& channel) const { return find(channel).value_or(ChannelOptions()); }
     Receivers subscribers(const std::string& channel) const;
     std::vector<std::string> subscriptionsOf(const Receiver& receiver) const;
     std::size_t size() const;

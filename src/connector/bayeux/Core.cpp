@@ -87,10 +87,8 @@ SessionTable::Added Core::admit(const std::shared_ptr<Session>& session)
 
 void Core::bind(const std::shared_ptr<Session>& session, const Session::Sink& sink)
 {
-    const auto current = limits();
-    if (!sessions_.bind(sink, session))
-        return;
-    session->use(sink, current);
+    if (sessions_.bind(sink, session))
+        session->use(sink, limits());
 }
 
 void Core::webSocketClosed(const Session::Sink& sink)

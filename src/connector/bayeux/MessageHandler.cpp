@@ -267,7 +267,7 @@ std::optional<Refusal> MessageHandler::maySubscribe(const Session& session, cons
     if (isMetaChannel(channel))
         return Refusal{403, channel, "Meta channels are not for subscription"};
     std::string reason;
-    if (!core_.channels().exists(channel))
+    if (!core_.channels().find(channel))
         reason = core_.ask([&](BayeuxSecurityPolicy& policy) { return policy.mayCreate(session, channel); });
     if (reason.empty())
         reason = core_.ask([&](BayeuxSecurityPolicy& policy) { return policy.maySubscribe(session, channel); });
@@ -338,15 +338,16 @@ void MessageHandler::disconnect(const Incoming& message, const std::shared_ptr<S
     reply(Reply(message.channel, true).addText("clientId", session->id()).addId(message.id).take());
 }
 
-std::optional<Refusal> MessageHandler::mayPublish(const Session& session, const std::string& channel) const
+/// `known`: what is set for the channel, when there is one.
+std::optional<Refusal> MessageHandler::mayPublish(const Session& session, const std::string& channel,
+                                                  const std::optional<ChannelOptions>& known) const
 {
     constexpr std::string_view kPresence = "/presence";
-    auto& channels = core_.channels();
-    if (channels.options(channel).serverPublishesOnly ||
-        (channel.starts_with(kPresence) && channels.options(channel.substr(kPresence.size())).presence))
+    if ((known && known->serverPublishesOnly) ||
+        (channel.starts_with(kPresence) && core_.channels().options(channel.substr(kPresence.size())).presence))
         return Refusal{403, channel, "Only the server publishes here"};
     std::string reason;
-    if (!channels.exists(channel))
+    if (!known)
         reason = core_.ask([&](BayeuxSecurityPolicy& policy) { return policy.mayCreate(session, channel); });
     if (reason.empty())
         reason = core_.ask([&](BayeuxSecurityPolicy& policy) { return policy.mayPublish(session, channel); });
@@ -358,12 +359,12 @@ void MessageHandler::publish(const Incoming& message, const std::shared_ptr<Sess
     const auto data = message.raw.member("data");
     if (data.empty())
         return refuse(message, {400, "data", "A message to a channel needs data"});
-    if (const auto refusal = mayPublish(*session, message.channel))
+    const auto known = core_.channels().find(message.channel);
+    if (const auto refusal = mayPublish(*session, message.channel, known))
         return refuse(message, *refusal);
-    const bool lazy = core_.channels().options(message.channel).lazy;
-    core_.publish(
-        Publication(BayeuxEvent::ofText(message.channel, data, lazy), objectOf(message.raw.member("ext")), session),
-        burst_);
+    core_.publish(Publication(BayeuxEvent::ofText(message.channel, data, known && known->lazy),
+                              objectOf(message.raw.member("ext")), session),
+                  burst_);
     reply(Reply(message.channel, true).addId(message.id).take());
 }
 

@@ -40,7 +40,8 @@ private:
     Poco::JSON::Object::Ptr objectOf(std::string_view json) const;
     std::vector<std::string> subscriptionOf(const Incoming& message) const;
     std::shared_ptr<Session> findSession(const Incoming& message);
-    std::optional<Refusal> mayPublish(const Session& session, const std::string& channel) const;
+    std::optional<Refusal> mayPublish(const Session& session, const std::string& channel,
+                                      const std::optional<ChannelOptions>& known) const;
     std::optional<Refusal> maySubscribe(const Session& session, const std::string& channel) const;
     std::optional<Refusal> subscribeAll(const std::shared_ptr<Session>& session,
                                         const std::vector<std::string>& channels);

@@ -54,6 +54,7 @@ struct WebSocketOptions
 {
     std::size_t maxMessageBytes = 1u << 20; ///< of a message received; beyond it the connection is closed with 1009
     std::size_t maxQueuedBytes = 4u << 20;
+    std::chrono::milliseconds idleTime{60'000}; ///< a client of which nothing is heard gets a ping after half of it
     bool compression =
         false; ///< permessage-deflate (RFC 7692) where the client offers it; both limits count inflated bytes
     std::string protocol; ///< Sec-WebSocket-Protocol of the answer; "" for none

@@ -13,6 +13,7 @@
 namespace connector::http {
 namespace {
 
+using namespace std::chrono_literals;
 using test::eventually;
 using test::WireClient;
 
@@ -58,10 +59,10 @@ private:
 class WebSocketServer : public testing::Test
 {
 protected:
-    explicit WebSocketServer(WebSocketOptions options = {})
+    explicit WebSocketServer(WebSocketOptions options = {}, const ServerSettings& settings = {})
     {
         server =
-            std::make_shared<PocoHttpsServer>(ServerSettings(), [this, options](std::unique_ptr<HttpRequest> request) {
+            std::make_shared<PocoHttpsServer>(settings, [this, options](std::unique_ptr<HttpRequest> request) {
                 PocoHttpsServer::Exchange exchange;
                 auto response = acceptWebSocket(*request, echo, options);
                 if (response->upgrade)
@@ -295,6 +296,41 @@ TEST_F(WebSocketServer, tellsHowItEnded)
     closer.join();
     EXPECT_TRUE(echo->endedOnce(1001));
     EXPECT_FALSE(echo->connection()->send("to nobody"));
+}
+
+class IdleServer : public WebSocketServer
+{
+protected:
+    IdleServer() : WebSocketServer(options(), settings()) {}
+
+    static WebSocketOptions options()
+    {
+        WebSocketOptions options;
+        options.idleTime = 400ms;
+        return options;
+    }
+    /// It looks at its clients at a quarter of the shortest of its times.
+    static ServerSettings settings()
+    {
+        ServerSettings settings;
+        settings.lingerTimeout = 40ms;
+        return settings;
+    }
+};
+
+TEST_F(IdleServer, asksASilentClientAndEndsOneThatDoesNotAnswer)
+{
+    WireClient client = open();
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(receive(client).firstByte, kFinal | ping);
+        client.send(frame(kFinal | pong, ""));
+    }
+    client.send(frame(textFrame, "half"));
+    EXPECT_EQ(receive(client).firstByte, kFinal | ping);
+    EXPECT_TRUE(echo->connection()->send("still there"));
+    EXPECT_EQ(receive(client).payload, "still there");
+    EXPECT_TRUE(client.isClosed());
+    EXPECT_TRUE(echo->endedOnce(1006));
 }
 
 TEST_F(WebSocketServer, boundsWhatAClientDoesNotRead)

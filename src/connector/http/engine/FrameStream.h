@@ -29,6 +29,7 @@ public:
         virtual ~Owner() = default;
         /// Keeps owner and stream alive meanwhile.
         virtual std::shared_ptr<void> ownerPtr() = 0;
+        virtual void heard() = 0; ///< from the client
         virtual void messageSent(const Frame& frame) = 0;
         virtual void flushed() = 0;
         virtual void sendingFailed() = 0;
@@ -44,23 +45,17 @@ public:
     template <class Buffers, class Handler>
     void async_read_some(const Buffers& buffers, Handler&& handler)
     {
-        if (surplus_.empty() && moreIsLikely_)
-            readAhead();
         if (!surplus_.empty()) {
             const auto count = takeSurplus(buffers);
             loop_.runSoon([taken = std::forward<Handler>(handler), count]() mutable { taken(Error(), count); });
-            return;
+        } else if (stream_.isPlain()) {
+            readWhenReady(buffers, std::forward<Handler>(handler));
+        } else {
+            stream_.async_read_some(
+                buffers, [this, taken = std::forward<Handler>(handler)](const Error& error, std::size_t count) mutable {
+                    haveRead(taken, error, count);
+                });
         }
-        const auto room = boost::asio::buffer_size(buffers);
-        stream_.async_read_some(buffers, [this, room, taken = std::forward<Handler>(handler)](
-                                             const Error& error, std::size_t count) mutable {
-            loop_.inTurn([&] {
-                moreIsLikely_ = !error && count == room && !isTls();
-                if (!error)
-                    loop_.noteInput();
-                taken(error, count);
-            });
-        });
     }
 
     template <class Buffers, class Handler>
@@ -119,7 +114,31 @@ private:
         }
         return count;
     }
-    void readAhead();
+    /// Whatever is there is read at once, into room that all clients of the loop share, and no reading is tried that
+    /// finds nothing: what the protocol asks for is little, and each call of the system costs as much as a message.
+    template <class Buffers, class Handler>
+    void readWhenReady(const Buffers& buffers, Handler&& handler)
+    {
+        stream_.socket().async_wait(
+            Stream::Socket::wait_read,
+            [this, buffers, taken = std::forward<Handler>(handler)](Error error) mutable {
+                if (!error && !receive(error))
+                    return readWhenReady(buffers, std::move(taken));
+                haveRead(taken, error, error ? 0 : takeSurplus(buffers));
+            });
+    }
+    template <class Handler>
+    void haveRead(Handler& handler, const Error& error, std::size_t count)
+    {
+        loop_.inTurn([&] {
+            if (!error) {
+                loop_.noteInput();
+                owner_.heard();
+            }
+            handler(error, count);
+        });
+    }
+    bool receive(Error& error);
     void send();
     void sent(std::size_t count);
 
@@ -128,9 +147,7 @@ private:
     Owner& owner_;
     SocketTurn& turn_;
     bool hasTurn_ = false;
-    // What the reader asks for is little; where it gets all of that, more is read at once.
-    bool moreIsLikely_ = false;
-    std::string surplus_;
+    std::string surplus_; ///< read, and not asked for yet
     std::size_t surplusTaken_ = 0;
     // A list takes nothing while it is empty, as it is in most of ten thousand clients.
     std::list<Frame> queue_;

@@ -23,7 +23,6 @@ using boost::system::error_code;
 namespace {
 
 constexpr std::chrono::seconds kHandshakeTime{10};
-constexpr std::chrono::seconds kIdleTime{60};
 constexpr std::chrono::seconds kCloseTime{2};
 constexpr std::size_t kFramesAhead = 32;
 /// Room kept for the next message; what a large one took is given back.
@@ -66,8 +65,9 @@ public:
             ended(kAbnormal, {});
     }
     bool isLate(Clock::time_point now) const noexcept override { return now >= deadline_; }
-    void giveUp() override { close(); }
+    void giveUp() override;
 
+    void heard() override;
     std::shared_ptr<void> ownerPtr() override { return self(); }
     void messageSent(const Frame& frame) override { outbox_->written(frame.payload().size()); }
     void flushed() override { writeNext(); }
@@ -91,6 +91,7 @@ private:
     std::unique_ptr<Handshake> handshake_; ///< until it was answered
     beast::flat_buffer incoming_;
     Clock::time_point deadline_ = Clock::time_point::max();
+    bool pinged_ = false; ///< since something was heard
     Clock::time_point controlWindow_;
     unsigned controlFrames_ = 0;
     bool opened_ = false;
@@ -172,7 +173,8 @@ private:
 
 void WebSocketSession::setOptions(const HttpResponse& response)
 {
-    stream_.set_option(websocket::stream_base::timeout{kHandshakeTime, kIdleTime, true});
+    // A timer set anew with each message costs more than the message's frame; the loop looks after the idle ones.
+    stream_.set_option(websocket::stream_base::timeout{kHandshakeTime, websocket::stream_base::none(), false});
     websocket::permessage_deflate deflate;
     deflate.server_enable = options_.compression;
     deflate.server_no_context_takeover = true;
@@ -214,6 +216,7 @@ void WebSocketSession::start(const UpgradeAsked& asked, const HttpResponse& resp
 void WebSocketSession::accepted()
 {
     opened_ = true;
+    heard();
     if (!compressing_ && !stream_.next_layer().isTls())
         outbox_->allowDirect();
     endpoint_->opened(std::make_shared<Handle>(self(), loop_.weak_from_this(), outbox_));
@@ -247,6 +250,22 @@ void WebSocketSession::read()
             self->read();
     };
     stream_.async_read(incoming_, asio::bind_executor(SoonExecutor(loop_), std::move(taken)));
+}
+
+void WebSocketSession::heard()
+{
+    if (!opened_ || closeSent_)
+        return;
+    pinged_ = false;
+    deadline_ = Clock::now() + options_.idleTime / 2;
+}
+
+void WebSocketSession::giveUp()
+{
+    if (!opened_ || closeSent_ || std::exchange(pinged_, true))
+        return close();
+    deadline_ = Clock::now() + options_.idleTime / 2;
+    stream_.async_ping({}, [self = self()](const error_code&) {});
 }
 
 void WebSocketSession::countControlFrame(websocket::frame_type kind)
