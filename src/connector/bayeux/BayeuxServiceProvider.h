@@ -9,7 +9,7 @@ class CONNECTOR_API BayeuxServiceProvider : public ServiceProviderAPI<BayeuxServ
 {
 public:
     /// The server's `handle`.
-    virtual Future<BayeuxResponse> handle(BayeuxRequest& request) = 0;
+    virtual Future<std::string> handle(BayeuxRequest& request) = 0;
     virtual void webSocketClosed(const BayeuxWebSocketClosed& message) = 0;
     virtual const std::shared_ptr<BayeuxServer>& server() const noexcept = 0;
 };

@@ -25,11 +25,9 @@ void BayeuxServiceProviderImpl::stopped()
     server_->stop();
 }
 
-Future<BayeuxResponse> BayeuxServiceProviderImpl::handle(BayeuxRequest& request)
+Future<std::string> BayeuxServiceProviderImpl::handle(BayeuxRequest& request)
 {
-    return server_->handle(std::move(request.body), request.origin).then([](Future<std::string> settled) {
-        return BayeuxResponse(settled.get());
-    });
+    return server_->handle(std::move(request.body), request.origin);
 }
 
 void BayeuxServiceProviderImpl::webSocketClosed(const BayeuxWebSocketClosed& message)

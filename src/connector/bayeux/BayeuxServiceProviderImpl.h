@@ -12,7 +12,7 @@ public:
     /// Throws std::invalid_argument without a server.
     explicit BayeuxServiceProviderImpl(std::shared_ptr<BayeuxServer> server);
 
-    Future<BayeuxResponse> handle(BayeuxRequest& request) override;
+    Future<std::string> handle(BayeuxRequest& request) override;
     void webSocketClosed(const BayeuxWebSocketClosed& message) override;
     const std::shared_ptr<BayeuxServer>& server() const noexcept override { return server_; }
 

@@ -97,7 +97,7 @@ MessageFuture ConnectorImpl2::handle(std::unique_ptr<Message>&& message, Address
 {
     try {
         while (!target.empty()) {
-            const std::string name = target.front();
+            const std::string& name = target.front(); // stays where it is
             target.popFront();
             const bool optional = name.starts_with('?');
             if (auto provider = find(optional ? name.substr(1) : name))

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <exception>
 #include <functional>
@@ -53,7 +54,8 @@ public:
     FutureState() = default;
     /// With its outcome.
     template <class Outcome>
-    explicit FutureState(std::in_place_t, Outcome&& outcome) : content_(std::forward<Outcome>(outcome))
+    explicit FutureState(std::in_place_t, Outcome&& outcome)
+        : isSettled_(true), content_(std::forward<Outcome>(outcome))
     {}
 
     /// False when the outcome was decided before.
@@ -67,6 +69,7 @@ public:
             if (!std::holds_alternative<Pending>(content_))
                 return false;
             content_ = std::forward<Outcome>(outcome);
+            isSettled_.store(true, std::memory_order_release);
             continuation.swap(continuation_);
             dropped.swap(onCancel_);
             settled_.notify_all();
@@ -119,15 +122,13 @@ public:
 
     void wait()
     {
+        if (isSettled())
+            return;
         std::unique_lock lock(mutex_);
-        settled_.wait(lock, [this] { return !std::holds_alternative<Pending>(content_); });
+        settled_.wait(lock, [this] { return isSettled(); });
     }
 
-    bool isSettled() const
-    {
-        std::lock_guard lock(mutex_);
-        return !std::holds_alternative<Pending>(content_);
-    }
+    bool isSettled() const noexcept { return isSettled_.load(std::memory_order_acquire); }
 
     bool isCancelled() const
     {
@@ -156,6 +157,7 @@ public:
 private:
     mutable std::mutex mutex_;
     std::condition_variable settled_;
+    std::atomic<bool> isSettled_{false}; ///< and `content_` no longer Pending
     std::variant<Pending, T, std::exception_ptr, Cancelled, Taken> content_;
     Callback continuation_;
     Callback onCancel_;
