@@ -2,8 +2,8 @@
 
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
-#include <filesystem>
 #include <system_error>
 
 #include <fcntl.h>
@@ -19,10 +19,11 @@ using python::PythonHost;
 
 constexpr unsigned kTasksAtOnce = 16;
 
+/// "" for a folder that is gone, or whose path is beyond what the system takes.
 std::string currentFolder()
 {
-    std::error_code ignored; // a folder that is gone has no name to tell
-    return std::filesystem::current_path(ignored).string();
+    std::array<char, PATH_MAX> path;
+    return ::getcwd(path.data(), path.size()) ? path.data() : std::string();
 }
 
 } // namespace
@@ -57,6 +58,7 @@ Wake HostLoop::wait(int input)
 {
     bool signalled = true; // maybe, before this
     for (;;) {
+        host_.expectSignals();
         if ((signalled && drainSignals()) || host_.signalNoted()) {
             PythonHost::Signal signal = host_.takeSignals();
             if (signal == PythonHost::Signal::interrupt)

@@ -119,8 +119,14 @@ void Session::dropSink()
 {
     if (held_ && held_->sink == sink_)
         held_.reset();
-    sink_.reset();
+    setSink(nullptr);
     touch();
+}
+
+void Session::setSink(Sink sink)
+{
+    sink_ = std::move(sink);
+    sinkInUse_ = sink_.get();
 }
 
 void Session::touch() { lastReply_ = Clock::now(); }
@@ -165,8 +171,8 @@ bool Session::belongsTo(const BayeuxOrigin& origin, bool isConnect) const
         return origin.httpSessionId == httpSessionId_;
     // Without an HTTP session the id alone is the proof; a connection that lives is left to its owner, but a client
     // that lost it takes up again with a connect before this side knows.
-    std::lock_guard lock(mutex_);
-    return isConnect || !sink_ || !origin.webSocket || sink_ == origin.webSocket;
+    const auto* const inUse = sinkInUse_.load();
+    return isConnect || !inUse || !origin.webSocket || inUse == origin.webSocket.get();
 }
 
 bool Session::hasEvents() const
@@ -177,10 +183,12 @@ bool Session::hasEvents() const
 
 void Session::use(const Sink& sink, const BayeuxLimits& limits)
 {
+    if (sinkInUse_ == sink.get())
+        return; // without waiting for whoever sends an answer to the last message
     std::lock_guard lock(mutex_);
-    if (over_ || sink_ == sink)
+    if (over_)
         return;
-    sink_ = sink;
+    setSink(sink);
     std::uint64_t delivered = 0;
     if (pushesToSink() && queue_.isUrgent(Clock::now()))
         flushToSink(limits, delivered);
@@ -208,7 +216,7 @@ Session::Connected Session::connect(const Connect& request, const BayeuxOrigin& 
         if (superseded)
             superseded->poll.reset();
         if (sink_ && sink_ != origin.webSocket)
-            sink_.reset();
+            setSink(nullptr);
         if (acknowledges_ && request.acknowledged)
             queue_.acknowledge(*request.acknowledged);
 
@@ -381,7 +389,8 @@ bool Session::end(Reconnect reconnect, const BayeuxLimits& limits, bool closeSin
         if (std::exchange(over_, true))
             return false;
         held.swap(held_);
-        sink.swap(sink_);
+        sink = sink_;
+        setSink(nullptr);
         queue_.clear();
         room_.notify_all();
         due_ = Clock::time_point::max().time_since_epoch().count();

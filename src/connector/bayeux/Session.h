@@ -98,6 +98,7 @@ private:
     bool send(const EventPtr& event, SendWhen when);
     void receive(const EventPtr& event, Burst& burst, SendWhen when);
     bool pushesToSink() const noexcept { return sink_ && !acknowledges_; }
+    void setSink(Sink sink);
     void flushToSink(const BayeuxLimits& limits, std::uint64_t& delivered);
     void dropSink();
     static void answerSuperseded(std::optional<Held> held, const std::string& clientId);
@@ -124,6 +125,7 @@ private:
     std::optional<Held> held_;
     std::uint64_t lastHeld_ = 0;
     Sink sink_;
+    std::atomic<const BayeuxChannelSink*> sinkInUse_{nullptr}; ///< sink_, to be compared without the lock
     std::string advice_; ///< what the client was told last
     Clock::time_point lastReply_ = Clock::now();
     bool connected_ = false;

@@ -139,10 +139,13 @@ public:
     bool clearError();
 
     PyThreadState* mainThread = nullptr; ///< set while no code of the main thread holds the lock
-    /// Gives the wake-up descriptor of signals to the code that is to run; see arm.
+    /// Gives the wake-up descriptor of signals to the code that is to run.
     void disarm();
-    /// Takes it back, and notes what came meanwhile and was not handled.
+    /// Takes it back, which is two calls of the system: only once nothing more is to run.
     void arm();
+    /// For what came and was not handled.
+    void noteSignals();
+    bool isArmed() const noexcept { return armed_ || !wakeDescriptor_; }
     void setWakeDescriptor(int descriptor);
     void dropReferences();
 
@@ -163,6 +166,7 @@ private:
     Ref setWakeFunction_;
     Ref wakeDescriptor_; ///< an int; empty when there is none
     Ref noDescriptor_;
+    bool armed_ = false;
     const pthread_t thread_ = ::pthread_self();
     std::atomic<bool> breakRequested_ = false;
 };
@@ -172,7 +176,7 @@ class PythonHost::Running
 {
 public:
     explicit Running(Impl& impl) : impl_(impl) { impl_.disarm(); }
-    ~Running() { impl_.arm(); }
+    ~Running() { impl_.noteSignals(); }
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
 
@@ -222,6 +226,7 @@ void PythonHost::Impl::setLanguageDescriptor(PyObject* descriptor)
 void PythonHost::Impl::setWakeDescriptor(int descriptor)
 {
     wakeDescriptor_ = descriptor < 0 ? Ref{} : Ref::own(PyLong_FromLong(descriptor));
+    armed_ = descriptor >= 0;
     setLanguageDescriptor(wakeDescriptor_ ? wakeDescriptor_.get() : noDescriptor_.get());
 }
 
@@ -235,16 +240,20 @@ void PythonHost::Impl::dropReferences()
 
 void PythonHost::Impl::disarm()
 {
-    if (wakeDescriptor_)
+    if (std::exchange(armed_, false))
         setLanguageDescriptor(noDescriptor_.get());
 }
 
 void PythonHost::Impl::arm()
 {
-    if (!wakeDescriptor_)
-        return;
     setLanguageDescriptor(wakeDescriptor_.get());
-    if (takeSignals() == Signal::interrupt)
+    armed_ = true;
+    noteSignals(); // that came before
+}
+
+void PythonHost::Impl::noteSignals()
+{
+    if (wakeDescriptor_ && takeSignals() == Signal::interrupt)
         interruptNoted = true;
 }
 
@@ -450,6 +459,14 @@ void PythonHost::setWakeDescriptor(int descriptor)
 {
     Locked locked;
     impl_->setWakeDescriptor(descriptor);
+}
+
+void PythonHost::expectSignals()
+{
+    if (impl_->isArmed())
+        return;
+    Locked locked;
+    impl_->arm();
 }
 
 void PythonHost::letNextSignalKill()

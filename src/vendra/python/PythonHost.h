@@ -64,9 +64,10 @@ public:
     /// Runs what compileLine found ready.
     Outcome runLine();
 
-    /// Signals that come while nothing runs make `descriptor` (non-blocking) readable; -1 ends that. While code runs,
-    /// the language's own mechanism for this is left to the code.
+    /// Signals that come while nothing runs make `descriptor` (non-blocking) readable, -1: none do. While code runs, the
+    /// language's own mechanism for this is left to the code; `expectSignals` takes it back before the host waits.
     void setWakeDescriptor(int descriptor);
+    void expectSignals();
     /// Runs the handlers of signals that came.
     Signal takeSignals();
     /// True when takeSignals has something to tell although the descriptor says nothing. Takes no lock.

@@ -199,7 +199,7 @@ void Acceptor::stop()
 void Acceptor::acceptNext()
 {
     const auto loop = leastBurdened(loops_);
-    acceptor_.async_accept(loop->context().get_executor(),
+    acceptor_.async_accept(loop->context(),
                            [self = shared_from_this(), loop](const error_code& error, Stream::Socket socket) {
                                if (!self->acceptor_.is_open())
                                    return;

@@ -13,20 +13,13 @@ constexpr std::size_t kFramesAtOnce = 32;
 
 } // namespace
 
-/// False when nothing is there after all.
-bool FrameStream::receive(Error& error)
+void FrameStream::readAhead()
 {
-    const auto room = loop_.scratch();
-    const auto count = ::recv(stream_.socket().native_handle(), room.data(), room.size(), MSG_DONTWAIT);
-    if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
-        return false;
-    if (count < 0)
-        error.assign(errno, boost::system::system_category());
-    else if (count == 0)
-        error = boost::asio::error::eof;
-    else
-        surplus_.assign(room.data(), static_cast<std::size_t>(count));
-    return true;
+    moreIsLikely_ = false;
+    const auto scratch = loop_.scratch();
+    const auto count = ::recv(stream_.socket().native_handle(), scratch.data(), scratch.size(), MSG_DONTWAIT);
+    if (count > 0)
+        surplus_.assign(scratch.data(), static_cast<std::size_t>(count));
 }
 
 void FrameStream::takeTurn()

@@ -45,17 +45,25 @@ public:
     template <class Buffers, class Handler>
     void async_read_some(const Buffers& buffers, Handler&& handler)
     {
+        if (surplus_.empty() && moreIsLikely_)
+            readAhead();
         if (!surplus_.empty()) {
             const auto count = takeSurplus(buffers);
             loop_.runSoon([taken = std::forward<Handler>(handler), count]() mutable { taken(Error(), count); });
-        } else if (stream_.isPlain()) {
-            readWhenReady(buffers, std::forward<Handler>(handler));
-        } else {
-            stream_.async_read_some(
-                buffers, [this, taken = std::forward<Handler>(handler)](const Error& error, std::size_t count) mutable {
-                    haveRead(taken, error, count);
-                });
+            return;
         }
+        const auto room = boost::asio::buffer_size(buffers);
+        stream_.async_read_some(buffers, [this, room, taken = std::forward<Handler>(handler)](
+                                             const Error& error, std::size_t count) mutable {
+            loop_.inTurn([&] {
+                moreIsLikely_ = !error && count == room && !isTls();
+                if (!error) {
+                    loop_.noteInput();
+                    owner_.heard();
+                }
+                taken(error, count);
+            });
+        });
     }
 
     template <class Buffers, class Handler>
@@ -114,31 +122,7 @@ private:
         }
         return count;
     }
-    /// Whatever is there is read at once, into room that all clients of the loop share, and no reading is tried that
-    /// finds nothing: what the protocol asks for is little, and each call of the system costs as much as a message.
-    template <class Buffers, class Handler>
-    void readWhenReady(const Buffers& buffers, Handler&& handler)
-    {
-        stream_.socket().async_wait(
-            Stream::Socket::wait_read,
-            [this, buffers, taken = std::forward<Handler>(handler)](Error error) mutable {
-                if (!error && !receive(error))
-                    return readWhenReady(buffers, std::move(taken));
-                haveRead(taken, error, error ? 0 : takeSurplus(buffers));
-            });
-    }
-    template <class Handler>
-    void haveRead(Handler& handler, const Error& error, std::size_t count)
-    {
-        loop_.inTurn([&] {
-            if (!error) {
-                loop_.noteInput();
-                owner_.heard();
-            }
-            handler(error, count);
-        });
-    }
-    bool receive(Error& error);
+    void readAhead();
     void send();
     void sent(std::size_t count);
 
@@ -147,7 +131,9 @@ private:
     Owner& owner_;
     SocketTurn& turn_;
     bool hasTurn_ = false;
-    std::string surplus_; ///< read, and not asked for yet
+    // What the reader asks for is little; where it gets all of that, more is read at once.
+    bool moreIsLikely_ = false;
+    std::string surplus_;
     std::size_t surplusTaken_ = 0;
     // A list takes nothing while it is empty, as it is in most of ten thousand clients.
     std::list<Frame> queue_;

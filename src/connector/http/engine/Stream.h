@@ -6,11 +6,9 @@
 #include <string_view>
 #include <utility>
 
-#include <boost/asio/basic_stream_socket.hpp>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/buffers_iterator.hpp>
 #include <boost/asio/generic/stream_protocol.hpp>
-#include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/ssl/stream.hpp>
@@ -22,9 +20,7 @@ namespace connector::http::engine {
 class Stream
 {
 public:
-    /// Without the library's any_io_executor, whose copies cost more than a small message.
-    using Socket =
-        boost::asio::basic_stream_socket<boost::asio::generic::stream_protocol, boost::asio::io_context::executor_type>;
+    using Socket = boost::asio::generic::stream_protocol::socket;
     using executor_type = Socket::executor_type;
     using Error = boost::system::error_code;
 
@@ -42,8 +38,6 @@ public:
     executor_type get_executor() { return socket().get_executor(); }
     Socket& socket() noexcept { return tls_ ? tls_->next_layer() : *plain_; }
     bool isTls() const noexcept { return tls_ != nullptr; }
-    /// Whether what is to be read next is what the socket has.
-    bool isPlain() const noexcept { return plain_ && putBack_.empty(); }
 
     /// To be read again before anything that comes from the socket.
     void putBack(std::string_view bytes) { putBack_.insert(0, bytes); }

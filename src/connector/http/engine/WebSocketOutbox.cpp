@@ -26,51 +26,65 @@ void WebSocketOutbox::allowDirect()
 WebSocketOutbox::Pushed WebSocketOutbox::push(Outgoing message, SendWhen when)
 {
     const std::size_t size = message.payload->size() + kOverhead;
-    std::lock_guard lock(mutex_);
+    Lock lock(mutex_);
     if (closed_)
         return Pushed::closed;
     if (bytes_ + size > maxBytes_) {
         closed_ = true;
         return Pushed::overflow;
     }
-    auto pushed = Pushed::done;
-    if (when == SendWhen::now && sendDirectly(message, pushed))
-        return pushed;
     bytes_ += size;
     queue_.push_back(std::move(message));
+    if (sending_) {
+        if (when != SendWhen::withNext || !meanwhile_)
+            meanwhile_ = when;
+        return Pushed::done;
+    }
+    if (when == SendWhen::now && direct_ && !told_ && queue_.size() <= kMostDirectFrames && bytes_ <= kMostDirectBytes)
+        return sendDirectly(lock);
+    return tell(when);
+}
+
+/// Everything that waits. The lock is given back meanwhile: whoever is woken by what is sent may want it at once.
+WebSocketOutbox::Pushed WebSocketOutbox::sendDirectly(Lock& lock)
+{
+    std::array<Frame, kMostDirectFrames> frames;
+    std::array<iovec, 2 * kMostDirectFrames> parts;
+    std::size_t count = 0;
+    for (const auto& waiting : queue_) {
+        auto& frame = frames[count] = Frame(waiting.payload, waiting.binary);
+        parts[2 * count] = partOf(frame.head());
+        parts[2 * count + 1] = partOf(frame.payload());
+        ++count;
+    }
+    sending_ = true;
+    lock.unlock();
+    const auto sent = turn_.send({parts.data(), 2 * count});
+    lock.lock();
+    sending_ = false;
+    if (waiting_ > 0)
+        changed_.notify_all();
+    const auto meanwhile = std::exchange(meanwhile_, std::nullopt);
+    if (sent == SocketTurn::Sent::nothing)
+        return tell(SendWhen::soon);
+    for (; count > 0; --count) {
+        forget(queue_.front().payload->size());
+        queue_.pop_front();
+    }
+    if (sent == SocketTurn::Sent::part)
+        return tell(SendWhen::soon);
+    return meanwhile ? tell(*meanwhile) : Pushed::done;
+}
+
+/// With the lock held.
+WebSocketOutbox::Pushed WebSocketOutbox::tell(SendWhen when)
+{
     if (told_)
         return Pushed::done;
     if (when == SendWhen::withNext)
         return std::exchange(toldLate_, true) ? Pushed::done : Pushed::tellLate;
     told_ = true;
     return Pushed::tell;
-}
-
-/// Together with what waits for company. With the lock held, so that nothing overtakes.
-bool WebSocketOutbox::sendDirectly(const Outgoing& message, Pushed& pushed)
-{
-    if (!direct_ || told_ || queue_.size() >= kMostDirectFrames || bytes_ + message.payload->size() > kMostDirectBytes)
-        return false;
-    std::array<Frame, kMostDirectFrames> frames;
-    std::array<iovec, 2 * kMostDirectFrames> parts;
-    std::size_t used = 0;
-    const auto add = [&](const Outgoing& one) {
-        auto& frame = frames[used / 2] = Frame(one.payload, one.binary);
-        parts[used++] = partOf(frame.head());
-        parts[used++] = partOf(frame.payload());
-    };
-    for (const auto& waiting : queue_)
-        add(waiting);
-    add(message);
-    const auto sent = turn_.send({parts.data(), used});
-    if (sent == SocketTurn::Sent::nothing)
-        return false;
-    for (const auto& waiting : queue_)
-        forget(waiting.payload->size());
-    queue_.clear();
-    told_ = sent == SocketTurn::Sent::part;
-    pushed = told_ ? Pushed::tell : Pushed::done;
-    return true;
 }
 
 void WebSocketOutbox::lateTold()
@@ -81,7 +95,10 @@ void WebSocketOutbox::lateTold()
 
 std::optional<WebSocketOutbox::Outgoing> WebSocketOutbox::pop()
 {
-    std::lock_guard lock(mutex_);
+    Lock lock(mutex_);
+    ++waiting_;
+    changed_.wait(lock, [this] { return !sending_; });
+    --waiting_;
     if (queue_.empty()) {
         told_ = false;
         return std::nullopt;
@@ -102,21 +119,21 @@ void WebSocketOutbox::forget(std::size_t payloadBytes)
 {
     bytes_ -= payloadBytes + kOverhead;
     if (waiting_ > 0 && bytes_ <= maxBytes_ / 4)
-        room_.notify_all();
+        changed_.notify_all();
 }
 
 void WebSocketOutbox::close()
 {
     std::lock_guard lock(mutex_);
     closed_ = true;
-    room_.notify_all();
+    changed_.notify_all();
 }
 
 bool WebSocketOutbox::waitForRoom(std::chrono::milliseconds patience)
 {
-    std::unique_lock lock(mutex_);
+    Lock lock(mutex_);
     ++waiting_;
-    const bool room = room_.wait_for(lock, patience, [this] { return closed_ || bytes_ <= maxBytes_ / 4; });
+    const bool room = changed_.wait_for(lock, patience, [this] { return closed_ || bytes_ <= maxBytes_ / 4; });
     --waiting_;
     return room;
 }

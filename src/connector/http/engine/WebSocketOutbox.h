@@ -39,10 +39,11 @@ public:
     /// From now on `SendWhen::now` may write to the socket: frames go out as they are, without TLS or compression.
     void allowDirect();
 
+    /// Does not wait for others that send.
     Pushed push(Outgoing message, SendWhen when);
     /// The moment of `tellLate` has passed.
     void lateTold();
-    /// The next message; its bytes count until `written`.
+    /// The next message, when nobody else is sending; its bytes count until `written`.
     std::optional<Outgoing> pop();
     void written(std::size_t payloadBytes);
 
@@ -54,7 +55,10 @@ public:
     std::size_t bytes() const;
 
 private:
-    bool sendDirectly(const Outgoing& message, Pushed& pushed);
+    using Lock = std::unique_lock<std::mutex>;
+
+    Pushed sendDirectly(Lock& lock);
+    Pushed tell(SendWhen when);
     void forget(std::size_t payloadBytes);
 
     SocketTurn turn_;
@@ -64,11 +68,13 @@ private:
     std::list<Outgoing> queue_;
     std::size_t bytes_ = 0;
     bool direct_ = false;
-    bool told_ = false;     ///< the loop knows that something waits
-    bool toldLate_ = false; ///< the loop will look by itself
+    bool sending_ = false; ///< a thread sends what is in front, without the lock, and tells the loop of what came after
+    std::optional<SendWhen> meanwhile_; ///< when the most urgent of that is to go out
+    bool told_ = false;                 ///< the loop knows that something waits
+    bool toldLate_ = false;             ///< the loop will look by itself
     bool closed_ = false;
-    unsigned waiting_ = 0;
-    std::condition_variable room_;
+    unsigned waiting_ = 0; ///< for room, or for the one who sends
+    std::condition_variable changed_;
 };
 
 } // namespace connector::http::engine
