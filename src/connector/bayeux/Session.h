@@ -126,7 +126,7 @@ private:
     std::uint64_t lastHeld_ = 0;
     Sink sink_;
     std::atomic<const BayeuxChannelSink*> sinkInUse_{nullptr}; ///< sink_, to be compared without the lock
-    std::string advice_; ///< what the client was told last
+    std::string advice_;                                       ///< what the client was told last
     Clock::time_point lastReply_ = Clock::now();
     bool connected_ = false;
     bool delivering_ = false; ///< somebody fulfils a promise, and looks again when that is done

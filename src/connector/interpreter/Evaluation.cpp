@@ -95,6 +95,7 @@ void Evaluation::end(const std::string& outcome)
     Lock lock(mutex_);
     asking_ = false;
     flush(lock, true);
+    printed_.end();
     append(lock, outcome.substr(1, outcome.size() - 2));
     append(lock, stateMembers("ended"));
     state_ = State::ended;
@@ -114,6 +115,11 @@ void Evaluation::write(rqe::Stream stream, std::string_view text)
 
 bool Evaluation::tryWrite(rqe::Stream stream, std::string_view text)
 {
+    if (!asking_ && printed_.add(stream, text)) {
+        if (!pumpKnows_)
+            wakePump();
+        return true;
+    }
     const Lock lock(mutex_, std::try_to_lock);
     if (!lock || closed_ || asking_ || pieces_.bytes() + text.size() >= mostAhead_)
         return false;
@@ -125,10 +131,15 @@ bool Evaluation::tryWrite(rqe::Stream stream, std::string_view text)
 void Evaluation::add(rqe::Stream stream, std::string_view text)
 {
     const bool wasShort = pieces_.bytes() < Pieces::kBytes;
+    gather();
+    printed_.restart(stream);
     pieces_.add(stream, text);
     if (!pumpKnows_ || (wasShort && pieces_.bytes() >= Pieces::kBytes))
         wakePump();
 }
+
+/// With the lock held, as always before pieces_ is looked at.
+void Evaluation::gather() { pieces_.add(printed_.stream(), printed_.take()); }
 
 std::optional<std::string> Evaluation::readLine(milliseconds patience)
 {
@@ -154,6 +165,7 @@ Evaluation::Clock::time_point Evaluation::pump()
     Lock lock(mutex_);
     auto next = Clock::time_point::max();
     pumpKnows_ = false;
+    gather();
     const bool isDue = pieces_.bytes() >= Pieces::kBytes || Clock::now() >= flushedAt_ + kBatchTime;
     if (!pieces_.empty() && !(isDue && flush(lock, false)))
         next = std::max(flushedAt_ + kBatchTime, Clock::now() + milliseconds(1));
@@ -209,6 +221,7 @@ std::vector<bayeux::EventPtr> Evaluation::batchFor(Reader& reader)
 bool Evaluation::flush(Lock& lock, bool wait)
 {
     changed_.wait(lock, [this] { return !flushing_; });
+    gather();
     while (!pieces_.empty() && !makeRoom(2 * pieces_.bytes())) {
         if (!wait)
             return false;

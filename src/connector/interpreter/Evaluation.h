@@ -9,6 +9,7 @@
 #include "connector/bayeux/BayeuxServer.h"
 #include "connector/interpreter/EventLog.h"
 #include "connector/interpreter/Pieces.h"
+#include "connector/interpreter/PrintBuffer.h"
 #include "connector/interpreter/Pump.h"
 
 namespace connector::interpreter::v1 {
@@ -87,6 +88,7 @@ private:
     using ReaderPtr = std::shared_ptr<Reader>;
 
     void add(rqe::Stream stream, std::string_view text);
+    void gather();
     void append(Lock& lock, const std::string& members);
     void store(const std::string& members);
     bool flush(Lock& lock, bool wait);
@@ -105,15 +107,16 @@ private:
     mutable std::mutex mutex_;
     std::condition_variable changed_; ///< room in the log, or a line of input
     EventLog log_;
-    Pieces pieces_; ///< printed, not in the log yet
+    PrintBuffer printed_;
+    Pieces pieces_; ///< printed before that, and not in the log yet
     Clock::time_point flushedAt_{};
     std::vector<ReaderPtr> readers_;
     Clock::time_point readAt_{}; ///< when there was a reader the last time
     State state_ = State::queued;
     Clock::time_point endedAt_{};
-    bool pumpKnows_ = false; ///< it will come by without being woken
-    bool flushing_ = false;  ///< somebody writes events of older output than pieces_
-    bool asking_ = false;
+    std::atomic<bool> pumpKnows_{false}; ///< it will come by without being woken
+    bool flushing_ = false;              ///< somebody writes events of older output than pieces_
+    bool asking_ = false;                ///< changed by the interpreter thread alone
     std::optional<std::string> line_;
     bool closed_ = false;
 };

@@ -64,8 +64,8 @@ public:
     /// Runs what compileLine found ready.
     Outcome runLine();
 
-    /// Signals that come while nothing runs make `descriptor` (non-blocking) readable, -1: none do. While code runs, the
-    /// language's own mechanism for this is left to the code; `expectSignals` takes it back before the host waits.
+    /// Signals that come while nothing runs make `descriptor` (non-blocking) readable, -1: none do. While code runs,
+    /// the language's own mechanism for this is left to the code; `expectSignals` takes it back before the host waits.
     void setWakeDescriptor(int descriptor);
     void expectSignals();
     /// Runs the handlers of signals that came.

@@ -61,23 +61,22 @@ class WebSocketServer : public testing::Test
 protected:
     explicit WebSocketServer(WebSocketOptions options = {}, const ServerSettings& settings = {})
     {
-        server =
-            std::make_shared<PocoHttpsServer>(settings, [this, options](std::unique_ptr<HttpRequest> request) {
-                PocoHttpsServer::Exchange exchange;
-                auto response = acceptWebSocket(*request, echo, options);
-                if (response->upgrade)
-                    response->headers.add("X-Greeting", "hello");
-                auto late = std::make_shared<std::unique_ptr<HttpResponse>>(std::move(response));
-                if (request->path != "/late") {
-                    exchange.answer = makeReadyFuture<std::unique_ptr<Message>>(std::move(*late));
-                } else {
-                    Promise<std::unique_ptr<Message>> promise;
-                    exchange.answer = promise.future();
-                    thread = std::thread(
-                        [late, promise = std::move(promise)]() mutable { promise.setValue(std::move(*late)); });
-                }
-                return exchange;
-            });
+        server = std::make_shared<PocoHttpsServer>(settings, [this, options](std::unique_ptr<HttpRequest> request) {
+            PocoHttpsServer::Exchange exchange;
+            auto response = acceptWebSocket(*request, echo, options);
+            if (response->upgrade)
+                response->headers.add("X-Greeting", "hello");
+            auto late = std::make_shared<std::unique_ptr<HttpResponse>>(std::move(response));
+            if (request->path != "/late") {
+                exchange.answer = makeReadyFuture<std::unique_ptr<Message>>(std::move(*late));
+            } else {
+                Promise<std::unique_ptr<Message>> promise;
+                exchange.answer = promise.future();
+                thread =
+                    std::thread([late, promise = std::move(promise)]() mutable { promise.setValue(std::move(*late)); });
+            }
+            return exchange;
+        });
         server->open();
     }
     ~WebSocketServer() override

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <map>
+#include <thread>
 
 #include "connector/interpreter/Evaluation.h"
 #include "connector/json/JsonFields.h"
@@ -64,6 +66,26 @@ public:
         std::string text;
         for (const auto& event : events_)
             text += event->optValue<std::string>("text", "");
+        return text;
+    }
+    bool untilPrinted(std::size_t bytes)
+    {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(20), [&] {
+            std::size_t count = 0;
+            for (const auto& event : events_)
+                count += event->optValue<std::string>("text", "").size();
+            return count >= bytes;
+        });
+    }
+    /// Of what was printed to one stream.
+    std::string printed(const std::string& stream) const
+    {
+        std::lock_guard lock(mutex_);
+        std::string text;
+        for (const auto& event : events_)
+            if (event->optValue<std::string>("stream", "") == stream)
+                text += event->optValue<std::string>("text", "");
         return text;
     }
     std::size_t missing() const
@@ -178,6 +200,44 @@ TEST_F(EvaluationTest, ReaderThatStandsStillHoldsNobodyUp)
     const auto events = stuck->until("ended");
     EXPECT_EQ(events[seen].substr(events[seen].find(':')), ":gap");
     EXPECT_EQ(stuck->missing() + events.size() - 1, 63u);
+}
+
+TEST_F(EvaluationTest, StreamsStayInOrderWhateverTheirWay)
+{
+    make(kPlenty);
+    const auto client = std::make_shared<Client>(100'000);
+    evaluation->attach(client, 0);
+    std::map<rqe::Stream, std::string> printed;
+    std::string all;
+    for (int i = 0; i < 50'000; ++i) {
+        const auto stream = i % 300 < 3 ? rqe::Stream::error : rqe::Stream::output;
+        const std::string text = std::to_string(i) + std::string(i % 1'000 == 0 ? 20'000 : i % 20, '.') + "\n";
+        if (!evaluation->tryWrite(stream, text))
+            evaluation->write(stream, text);
+        printed[stream] += text;
+        all += text;
+    }
+    end();
+    client->until("ended");
+    EXPECT_TRUE(client->output() == all);
+    EXPECT_TRUE(client->printed("error") == printed[rqe::Stream::error]);
+    EXPECT_TRUE(client->printed("output") == printed[rqe::Stream::output]);
+}
+
+TEST_F(EvaluationTest, ALineComesThoughNothingFollows)
+{
+    make(kPlenty);
+    const auto client = std::make_shared<Client>(100'000);
+    evaluation->attach(client, 0);
+    for (std::size_t lines = 1; lines <= 200; ++lines) {
+        // Now and then while the pump is just about to rest.
+        std::this_thread::sleep_for(std::chrono::microseconds(lines * 37 % 700));
+        if (!evaluation->tryWrite(rqe::Stream::output, "line\n"))
+            evaluation->write(rqe::Stream::output, "line\n");
+        if (lines % 2 == 0) {
+            ASSERT_TRUE(client->untilPrinted(lines * 5)) << lines;
+        }
+    }
 }
 
 TEST_F(EvaluationTest, WithoutReadersTheOldestGo)

@@ -15,18 +15,23 @@ def _of_real(name):
 class _Output(io.TextIOBase):
     """Goes where the host says at each write; everything else is as the real stream has it."""
 
-    # Not by __getattr__: a class that has it looks up every other name, such as "write", the slow way.
+    # What is printed looks "write" up twice a line. So there is no __getattr__, with which a class looks up every name
+    # the slow way, and "write" and "flush" are the class's own, beside instances that need no dictionary.
+    __slots__ = ("_real", "_captured", "_bytes")
     name = _of_real("name")
     mode = _of_real("mode")
     line_buffering = _of_real("line_buffering")
     write_through = _of_real("write_through")
     reconfigure = _of_real("reconfigure")
 
-    def __init__(self, real, write, flush, captured):
+    @classmethod
+    def around(cls, real, write, flush, captured):
+        members = {"__slots__": (), "write": write, "flush": flush}
+        return type(cls.__name__, (cls,), members)(real, captured)
+
+    def __init__(self, real, captured):
         self._real = real
         self._captured = captured
-        self.write = write
-        self.flush = flush
         self._bytes = _OutputBytes(self)
 
     @property
@@ -139,6 +144,6 @@ class _Input(io.TextIOBase):
 
 
 def install_streams(write_out, flush_out, write_err, flush_err, read_line, captured):
-    sys.stdout = _Output(sys.stdout, write_out, flush_out, captured)
-    sys.stderr = _Output(sys.stderr, write_err, flush_err, captured)
+    sys.stdout = _Output.around(sys.stdout, write_out, flush_out, captured)
+    sys.stderr = _Output.around(sys.stderr, write_err, flush_err, captured)
     sys.stdin = _Input(sys.stdin, read_line, captured)
