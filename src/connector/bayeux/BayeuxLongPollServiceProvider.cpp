@@ -57,8 +57,8 @@ MessageFuture handOn(std::unique_ptr<http::HttpRequest> request, const Address& 
     message->origin.peerAddress = request->peerAddress;
     if (const auto& session = context->httpSession())
         message->origin.httpSessionId = session->id();
-    const auto body = std::make_shared<const std::string>(request->body);
-    message->body = std::move(request->body);
+    const auto body = std::make_shared<const std::string>(std::move(request->body));
+    message->body = body;
 
     auto answer = context->connector()->handle(std::move(message), Address(rest), std::shared_ptr<Context>(context));
     return whileThere(std::move(answer), *context->cancellation()).then([body](MessageFuture settled) {

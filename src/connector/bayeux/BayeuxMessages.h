@@ -14,7 +14,7 @@ class BayeuxServiceProvider;
 class CONNECTOR_API BayeuxRequest final : public ServiceMessage<BayeuxServiceProvider>
 {
 public:
-    std::string body;
+    std::shared_ptr<const std::string> body; ///< the transport may keep it, to tell of a failure message by message
     BayeuxOrigin origin;
 
     MessageFuture deliverTo(std::shared_ptr<BayeuxServiceProvider> provider, std::unique_ptr<Message>&& message,

@@ -217,7 +217,7 @@ public:
     /// reply (yet): its replies may come later through `origin.webSocket`. A long-polling connect is held by the
     /// future, which occupies no thread; cancelling it (the client went away) leaves the queue for the next connect.
     /// Fails with http::HttpFault 400 for what is no JSON array or object, 413 beyond messageBytes.
-    virtual Future<std::string> handle(std::string body, const BayeuxOrigin& origin) = 0;
+    virtual Future<std::string> handle(const std::string& body, const BayeuxOrigin& origin) = 0;
     /// The WebSocket closed: sessions that lived on it go on living for maxInterval.
     virtual void webSocketClosed(const std::shared_ptr<BayeuxChannelSink>& webSocket) = 0;
 

@@ -56,7 +56,7 @@ BayeuxServerImpl::BayeuxServerImpl() : state_(std::make_unique<State>()) {}
 
 BayeuxServerImpl::~BayeuxServerImpl() { stop(); }
 
-Future<std::string> BayeuxServerImpl::handle(std::string body, const BayeuxOrigin& origin)
+Future<std::string> BayeuxServerImpl::handle(const std::string& body, const BayeuxOrigin& origin)
 {
     if (!state_->core->sessions().isOpen())
         return makeFailedFuture<std::string>(ServiceFault("unavailable", "The message bus is not running."));

@@ -13,7 +13,7 @@ public:
     BayeuxServerImpl(const BayeuxServerImpl&) = delete;
     BayeuxServerImpl& operator=(const BayeuxServerImpl&) = delete;
 
-    Future<std::string> handle(std::string body, const BayeuxOrigin& origin) override;
+    Future<std::string> handle(const std::string& body, const BayeuxOrigin& origin) override;
     void webSocketClosed(const std::shared_ptr<BayeuxChannelSink>& webSocket) override;
     void publish(const std::string& channel, const Poco::Dynamic::Var& data) override;
     void publish(EventPtr event) override;

@@ -27,7 +27,7 @@ void BayeuxServiceProviderImpl::stopped()
 
 Future<std::string> BayeuxServiceProviderImpl::handle(BayeuxRequest& request)
 {
-    return server_->handle(std::move(request.body), request.origin);
+    return server_->handle(*request.body, request.origin);
 }
 
 void BayeuxServiceProviderImpl::webSocketClosed(const BayeuxWebSocketClosed& message)

@@ -57,23 +57,22 @@ void BayeuxWebSocketEndpoint::received(std::string message, bool binary)
 {
     if (binary)
         return refuse(unsupportedData, "Messages are text.");
-    bool idle = false;
+    auto request = std::make_shared<const std::string>(std::move(message));
     bool full = false;
     {
         std::lock_guard lock(mutex_);
         if (refused_)
             return;
-        full = waiting_.size() == kMaxWaiting || waitingBytes_ + message.size() > kMaxWaitingBytes;
-        if (!full) {
-            waitingBytes_ += message.size();
-            waiting_.push_back(std::move(message));
-            idle = !std::exchange(working_, true);
+        full = waiting_.size() == kMaxWaiting || waitingBytes_ + request->size() > kMaxWaitingBytes;
+        if (!full && std::exchange(working_, true)) {
+            waitingBytes_ += request->size();
+            waiting_.push_back(std::move(request));
+            return;
         }
     }
     if (full)
         return refuse(policyViolation, "Too many messages wait for their turn.");
-    if (idle)
-        work();
+    work(std::move(request));
 }
 
 void BayeuxWebSocketEndpoint::closed(std::uint16_t, const std::string&)
@@ -86,7 +85,7 @@ void BayeuxWebSocketEndpoint::closed(std::uint16_t, const std::string&)
     }
     context_->cancellation()->cancel();
     if (idle)
-        work();
+        work(next());
 }
 
 /// What waits is dropped: a client that broke the rules is not served any further.
@@ -111,10 +110,10 @@ MessageFuture BayeuxWebSocketEndpoint::send(std::unique_ptr<Message> message) co
     }
 }
 
-MessageFuture BayeuxWebSocketEndpoint::ask(std::string text) const noexcept
+MessageFuture BayeuxWebSocketEndpoint::ask(const Text& text) const noexcept
 {
     auto request = std::make_unique<BayeuxRequest>();
-    request->body = std::move(text);
+    request->body = text;
     request->origin.webSocket = sink_;
     request->origin.peerAddress = peerAddress_;
     if (const auto& session = context_->httpSession())
@@ -122,35 +121,41 @@ MessageFuture BayeuxWebSocketEndpoint::ask(std::string text) const noexcept
     return whileThere(send(std::move(request)), *context_->cancellation());
 }
 
-/// Handles what waits, until there is nothing more or an answer has to be waited for. One thread at a time.
-void BayeuxWebSocketEndpoint::work()
+/// Handles the request and what waits, until there is nothing more or an answer has to be waited for. One thread at a
+/// time.
+void BayeuxWebSocketEndpoint::work(Text request)
 {
-    for (;;) {
-        auto request = std::make_shared<std::string>();
-        {
-            std::lock_guard lock(mutex_);
-            if (waiting_.empty()) {
-                working_ = closed_; // nobody comes after the end
-                if (!closed_)
-                    return;
-                break;
-            }
-            *request = std::move(waiting_.front());
-            waiting_.pop_front();
-            waitingBytes_ -= request->size();
-        }
-        auto answer = ask(*request);
+    for (; request; request = next()) {
+        auto answer = ask(request);
         if (!answer.isReady()) {
             answer.then([self = shared_from_this(), request](MessageFuture settled) {
                 self->reply(settled, *request);
-                self->work();
+                self->work(self->next());
                 return true;
             });
             return;
         }
         reply(answer, *request);
     }
+}
+
+/// Null when nothing waits; the service has been told then, if the socket is closed.
+BayeuxWebSocketEndpoint::Text BayeuxWebSocketEndpoint::next()
+{
+    {
+        std::lock_guard lock(mutex_);
+        if (!waiting_.empty()) {
+            auto request = std::move(waiting_.front());
+            waiting_.pop_front();
+            waitingBytes_ -= request->size();
+            return request;
+        }
+        working_ = closed_; // nobody comes after the end
+        if (!closed_)
+            return nullptr;
+    }
     send(std::make_unique<BayeuxWebSocketClosed>(sink_));
+    return nullptr;
 }
 
 void BayeuxWebSocketEndpoint::reply(MessageFuture& settled, const std::string& request)

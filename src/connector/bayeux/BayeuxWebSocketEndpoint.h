@@ -31,9 +31,12 @@ public:
 
 private:
     MessageFuture send(std::unique_ptr<Message> message) const noexcept;
-    MessageFuture ask(std::string text) const noexcept;
+    using Text = std::shared_ptr<const std::string>;
+
+    MessageFuture ask(const Text& text) const noexcept;
     void refuse(std::uint16_t code, const std::string& reason);
-    void work();
+    void work(Text request);
+    Text next();
     void reply(MessageFuture& settled, const std::string& request);
     void tell(std::string replies) const;
 
@@ -45,7 +48,7 @@ private:
 
     std::mutex mutex_;
     // A list takes nothing while it is empty, as it is in most of ten thousand clients.
-    std::list<std::string> waiting_;
+    std::list<Text> waiting_;
     std::size_t waitingBytes_ = 0;
     bool working_ = false; ///< somebody is in `work`, or will be when an answer comes
     bool refused_ = false; ///< nothing more is taken

@@ -191,7 +191,7 @@ bool Channels::hasReceivers(const std::string& channel) const
     std::shared_lock lock(mutex_);
     if (channels_.empty())
         return false;
-    const auto patterns = patternsOf(channel);
+    const auto patterns = patternsFor(channel);
     return hasMembers(channel) || std::any_of(patterns.begin(), patterns.end(), hasMembers);
 }
 

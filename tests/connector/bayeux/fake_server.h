@@ -32,7 +32,7 @@ public:
     }
     bool isRunning() const { return running_; }
 
-    Future<std::string> handle(std::string body, const BayeuxOrigin& origin) override
+    Future<std::string> handle(const std::string& body, const BayeuxOrigin& origin) override
     {
         {
             std::lock_guard lock(mutex_);

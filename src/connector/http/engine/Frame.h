@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -20,6 +21,7 @@ public:
 
     std::string_view head() const noexcept { return {head_.data(), headBytes_}; }
     const std::string& payload() const noexcept { return *payload_; }
+    bool isBinary() const noexcept;
     std::size_t size() const noexcept { return headBytes_ + payload_->size(); }
     bool isMessage() const noexcept { return headBytes_ > 0; }
 
@@ -28,5 +30,9 @@ private:
     std::uint8_t headBytes_ = 0;
     std::shared_ptr<const std::string> payload_;
 };
+
+/// In the order in which they are sent. A list takes nothing while it is empty, as it is in most of ten thousand
+/// clients.
+using Frames = std::list<Frame>;
 
 } // namespace connector::http::engine

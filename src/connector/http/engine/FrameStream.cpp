@@ -30,10 +30,10 @@ void FrameStream::takeTurn()
         queue_.emplace_front(std::move(rest));
 }
 
-void FrameStream::enqueue(Frame frame)
+void FrameStream::enqueue(Frames frames)
 {
     takeTurn();
-    queue_.push_back(std::move(frame));
+    queue_.splice(queue_.end(), frames);
 }
 
 void FrameStream::flush()
@@ -110,14 +110,17 @@ void FrameStream::send()
 
 void FrameStream::sent(std::size_t count)
 {
+    std::size_t messages = 0;
+    std::size_t payloadBytes = 0;
     offset_ += count;
-    while (!queue_.empty() && offset_ >= queue_.front().size()) {
-        const Frame done = std::move(queue_.front());
-        queue_.pop_front();
+    for (; !queue_.empty() && offset_ >= queue_.front().size(); queue_.pop_front()) {
+        const Frame& done = queue_.front();
         offset_ -= done.size();
-        if (done.isMessage())
-            owner_.messageSent(done);
+        messages += done.isMessage();
+        payloadBytes += done.isMessage() ? done.payload().size() : 0;
     }
+    if (messages > 0)
+        owner_.messagesSent(messages, payloadBytes);
 }
 
 void FrameStream::close()

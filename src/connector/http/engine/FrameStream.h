@@ -1,7 +1,6 @@
 #pragma once
 
 #include <functional>
-#include <list>
 #include <memory>
 #include <string>
 #include <utility>
@@ -30,7 +29,7 @@ public:
         /// Keeps owner and stream alive meanwhile.
         virtual std::shared_ptr<void> ownerPtr() = 0;
         virtual void heard() = 0; ///< from the client
-        virtual void messageSent(const Frame& frame) = 0;
+        virtual void messagesSent(std::size_t count, std::size_t payloadBytes) = 0;
         virtual void flushed() = 0;
         virtual void sendingFailed() = 0;
     };
@@ -72,7 +71,7 @@ public:
         std::string bytes(boost::asio::buffers_begin(buffers), boost::asio::buffers_end(buffers));
         const std::size_t count = bytes.size();
         if (!failed_)
-            enqueue(Frame(std::move(bytes)));
+            enqueue({Frame(std::move(bytes))});
         boost::asio::post(get_executor(), [taken = std::forward<Handler>(handler), count, broken = failed_]() mutable {
             if (broken)
                 taken(Error(boost::asio::error::broken_pipe), 0);
@@ -87,7 +86,7 @@ public:
     /// Nobody else writes to the socket until everything queued has gone out; to be called before what is to be queued
     /// is taken from where others could send it.
     void takeTurn();
-    void enqueue(Frame frame);
+    void enqueue(Frames frames);
     std::size_t queued() const noexcept { return queue_.size(); }
     /// Sends what the socket takes.
     void flush();
@@ -135,8 +134,7 @@ private:
     bool moreIsLikely_ = false;
     std::string surplus_;
     std::size_t surplusTaken_ = 0;
-    // A list takes nothing while it is empty, as it is in most of ten thousand clients.
-    std::list<Frame> queue_;
+    Frames queue_;
     std::size_t offset_ = 0; ///< sent of the first frame
     bool waiting_ = false;   ///< for the socket to take more
     bool flushing_ = false;

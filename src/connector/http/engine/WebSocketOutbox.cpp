@@ -1,9 +1,9 @@
 #include "connector/http/engine/WebSocketOutbox.h"
 
+#include <algorithm>
 #include <array>
+#include <iterator>
 #include <utility>
-
-#include "connector/http/engine/Frame.h"
 
 namespace connector::http::engine {
 
@@ -23,9 +23,9 @@ void WebSocketOutbox::allowDirect()
     direct_ = true;
 }
 
-WebSocketOutbox::Pushed WebSocketOutbox::push(Outgoing message, SendWhen when)
+WebSocketOutbox::Pushed WebSocketOutbox::push(Frame message, SendWhen when)
 {
-    const std::size_t size = message.payload->size() + kOverhead;
+    const std::size_t size = message.payload().size() + kOverhead;
     Lock lock(mutex_);
     if (closed_)
         return Pushed::closed;
@@ -48,11 +48,9 @@ WebSocketOutbox::Pushed WebSocketOutbox::push(Outgoing message, SendWhen when)
 /// Everything that waits. The lock is given back meanwhile: whoever is woken by what is sent may want it at once.
 WebSocketOutbox::Pushed WebSocketOutbox::sendDirectly(Lock& lock)
 {
-    std::array<Frame, kMostDirectFrames> frames;
     std::array<iovec, 2 * kMostDirectFrames> parts;
     std::size_t count = 0;
-    for (const auto& waiting : queue_) {
-        auto& frame = frames[count] = Frame(waiting.payload, waiting.binary);
+    for (const auto& frame : queue_) {
         parts[2 * count] = partOf(frame.head());
         parts[2 * count + 1] = partOf(frame.payload());
         ++count;
@@ -68,7 +66,7 @@ WebSocketOutbox::Pushed WebSocketOutbox::sendDirectly(Lock& lock)
     if (sent == SocketTurn::Sent::nothing)
         return tell(SendWhen::soon);
     for (; count > 0; --count) {
-        forget(queue_.front().payload->size());
+        forget(1, queue_.front().payload().size());
         queue_.pop_front();
     }
     if (sent == SocketTurn::Sent::part)
@@ -93,31 +91,30 @@ void WebSocketOutbox::lateTold()
     toldLate_ = false;
 }
 
-std::optional<WebSocketOutbox::Outgoing> WebSocketOutbox::pop()
+Frames WebSocketOutbox::pop(std::size_t most)
 {
+    Frames next;
     Lock lock(mutex_);
     ++waiting_;
     changed_.wait(lock, [this] { return !sending_; });
     --waiting_;
-    if (queue_.empty()) {
-        told_ = false;
-        return std::nullopt;
-    }
-    Outgoing first = std::move(queue_.front());
-    queue_.pop_front();
-    return first;
+    auto end = queue_.begin();
+    std::advance(end, std::min(most, queue_.size()));
+    next.splice(next.end(), queue_, queue_.begin(), end);
+    told_ = !queue_.empty();
+    return next;
 }
 
-void WebSocketOutbox::written(std::size_t payloadBytes)
+void WebSocketOutbox::written(std::size_t messages, std::size_t payloadBytes)
 {
-    std::lock_guard lock(mutex_);
-    forget(payloadBytes);
+    Lock lock(mutex_);
+    forget(messages, payloadBytes);
 }
 
 /// With the lock held.
-void WebSocketOutbox::forget(std::size_t payloadBytes)
+void WebSocketOutbox::forget(std::size_t messages, std::size_t payloadBytes)
 {
-    bytes_ -= payloadBytes + kOverhead;
+    bytes_ -= payloadBytes + messages * kOverhead;
     if (waiting_ > 0 && bytes_ <= maxBytes_ / 4)
         changed_.notify_all();
 }
@@ -136,12 +133,6 @@ bool WebSocketOutbox::waitForRoom(std::chrono::milliseconds patience)
     const bool room = changed_.wait_for(lock, patience, [this] { return closed_ || bytes_ <= maxBytes_ / 4; });
     --waiting_;
     return room;
-}
-
-std::size_t WebSocketOutbox::bytes() const
-{
-    std::lock_guard lock(mutex_);
-    return bytes_;
 }
 
 } // namespace connector::http::engine

@@ -1,14 +1,13 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <list>
-#include <memory>
 #include <mutex>
 #include <optional>
-#include <string>
 
 #include "connector/http/WebSocket.h"
+#include "connector/http/engine/Frame.h"
 #include "connector/http/engine/SocketTurn.h"
 
 namespace connector::http::engine {
@@ -17,12 +16,6 @@ namespace connector::http::engine {
 class WebSocketOutbox
 {
 public:
-    struct Outgoing
-    {
-        std::shared_ptr<const std::string> payload;
-        bool binary = false;
-    };
-
     enum class Pushed
     {
         done,     ///< it has gone out, or the loop knows
@@ -40,33 +33,32 @@ public:
     void allowDirect();
 
     /// Does not wait for others that send.
-    Pushed push(Outgoing message, SendWhen when);
+    Pushed push(Frame message, SendWhen when);
     /// The moment of `tellLate` has passed.
     void lateTold();
-    /// The next message, when nobody else is sending; its bytes count until `written`.
-    std::optional<Outgoing> pop();
-    void written(std::size_t payloadBytes);
+    /// The next messages, once nobody else is sending: all, but no more than `most`. Their bytes count until `written`.
+    Frames pop(std::size_t most);
+    void written(std::size_t messages, std::size_t payloadBytes);
 
     /// Takes no more messages.
     void close();
 
     /// Until three quarters of it are free, or it is closed; false when that takes longer.
     bool waitForRoom(std::chrono::milliseconds patience);
-    std::size_t bytes() const;
+    std::size_t bytes() const noexcept { return bytes_.load(std::memory_order_relaxed); }
 
 private:
     using Lock = std::unique_lock<std::mutex>;
 
     Pushed sendDirectly(Lock& lock);
     Pushed tell(SendWhen when);
-    void forget(std::size_t payloadBytes);
+    void forget(std::size_t messages, std::size_t payloadBytes);
 
     SocketTurn turn_;
     const std::size_t maxBytes_;
-    mutable std::mutex mutex_;
-    // A list takes nothing while it is empty, as it is in most of ten thousand clients.
-    std::list<Outgoing> queue_;
-    std::size_t bytes_ = 0;
+    std::mutex mutex_;
+    Frames queue_;
+    std::atomic<std::size_t> bytes_{0}; ///< changed with the lock held
     bool direct_ = false;
     bool sending_ = false; ///< a thread sends what is in front, without the lock, and tells the loop of what came after
     std::optional<SendWhen> meanwhile_; ///< when the most urgent of that is to go out

@@ -69,7 +69,7 @@ public:
 
     void heard() override;
     std::shared_ptr<void> ownerPtr() override { return self(); }
-    void messageSent(const Frame& frame) override { outbox_->written(frame.payload().size()); }
+    void messagesSent(std::size_t count, std::size_t payloadBytes) override { outbox_->written(count, payloadBytes); }
     void flushed() override { writeNext(); }
     void sendingFailed() override { close(); }
 
@@ -78,7 +78,7 @@ private:
     void setOptions(const HttpResponse& response);
     void accepted();
     void read();
-    void pack(WebSocketOutbox::Outgoing message);
+    void pack(Frames message);
     void countControlFrame(websocket::frame_type kind);
     void ended(std::uint16_t code, const std::string& reason);
 
@@ -112,11 +112,11 @@ public:
 
     bool send(std::string message, bool binary) override
     {
-        return push({std::make_shared<const std::string>(std::move(message)), binary}, SendWhen::soon);
+        return push(Frame(std::make_shared<const std::string>(std::move(message)), binary), SendWhen::soon);
     }
     bool send(std::shared_ptr<const std::string> text, SendWhen when) override
     {
-        return push({std::move(text), false}, when);
+        return push(Frame(std::move(text), false), when);
     }
 
     void close(std::uint16_t code, const std::string& reason) override
@@ -132,7 +132,7 @@ public:
     std::size_t queuedBytes() const override { return outbox_->bytes(); }
 
 private:
-    bool push(WebSocketOutbox::Outgoing message, SendWhen when)
+    bool push(Frame message, SendWhen when)
     {
         switch (outbox_->push(std::move(message), when)) {
         case WebSocketOutbox::Pushed::done:
@@ -291,29 +291,26 @@ void WebSocketSession::writeNext()
         return;
     FrameStream& frames = stream_.next_layer();
     frames.takeTurn();
-    while (frames.queued() < kFramesAhead) {
-        auto next = outbox_->pop();
-        if (!next) {
-            if (closeAfterQueue_ && frames.queued() == 0)
-                return closeNow(*closeAfterQueue_);
-            break;
-        }
-        if (compressing_)
-            return pack(std::move(*next));
-        frames.enqueue(Frame(std::move(next->payload), next->binary));
+    if (frames.queued() < kFramesAhead) {
+        auto next = outbox_->pop(compressing_ ? 1 : kFramesAhead - frames.queued());
+        if (next.empty() && closeAfterQueue_ && frames.queued() == 0)
+            return closeNow(*closeAfterQueue_);
+        if (!next.empty() && compressing_)
+            return pack(std::move(next));
+        frames.enqueue(std::move(next));
     }
     frames.flush();
 }
 
 /// Compressed, a message is this client's own.
-void WebSocketSession::pack(WebSocketOutbox::Outgoing message)
+void WebSocketSession::pack(Frames message)
 {
     packing_ = true;
-    stream_.binary(message.binary);
-    const auto payload = message.payload;
-    stream_.async_write(asio::buffer(*payload), [self = self(), payload](const error_code& error, std::size_t) {
+    const auto one = std::make_shared<const Frame>(std::move(message.front()));
+    stream_.binary(one->isBinary());
+    stream_.async_write(asio::buffer(one->payload()), [self = self(), one](const error_code& error, std::size_t) {
         self->packing_ = false;
-        self->outbox_->written(payload->size());
+        self->outbox_->written(1, one->payload().size());
         if (self->over_)
             return;
         if (error)
