@@ -23,14 +23,14 @@ void Services::remove(const std::string& channel, const ServicePtr& service)
 
 Services::ServicePtr Services::find(const std::string& channel) const
 {
-    auto names = patternsOf(channel);
-    names.insert(names.begin(), channel);
     std::lock_guard lock(mutex_);
-    for (const auto& name : names) {
-        if (const auto found = services_.find(name); found != services_.end())
-            return found->second.back();
+    auto found = services_.find(channel);
+    if (found == services_.end()) {
+        for (const auto& pattern : patternsOf(channel))
+            if (found = services_.find(pattern); found != services_.end())
+                break;
     }
-    return nullptr;
+    return found == services_.end() ? nullptr : found->second.back();
 }
 
 } // namespace connector::bayeux
