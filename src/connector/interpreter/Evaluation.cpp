@@ -220,9 +220,12 @@ std::vector<bayeux::EventPtr> Evaluation::batchFor(Reader& reader)
 /// while the events are written, so that the code goes on printing.
 bool Evaluation::flush(Lock& lock, bool wait)
 {
-    changed_.wait(lock, [this] { return !flushing_; });
-    gather();
-    while (!pieces_.empty() && !makeRoom(2 * pieces_.bytes())) {
+    for (;;) {
+        // Again after each wait: older output may have been taken meanwhile, and comes first.
+        changed_.wait(lock, [this] { return !flushing_; });
+        gather();
+        if (pieces_.empty() || makeRoom(2 * pieces_.bytes()))
+            break;
         if (!wait)
             return false;
         if (!pumpKnows_)

@@ -182,6 +182,37 @@ TEST_F(EvaluationTest, CodeWaitsForAReaderThatIsBehind)
     EXPECT_EQ(client->missing(), 0u);
 }
 
+/// Many at once, so that the code and the pump come in any order once the log has room.
+TEST(EvaluationOrder, StaysWhereTheLogWasFull)
+{
+    constexpr int kAtOnce = 16;
+    constexpr int kPieces = 60;
+    Evaluation::Limits limits;
+    limits.logBytes = kTenPieces;
+    limits.readerPatience = milliseconds(500);
+    std::vector<std::future<void>> all;
+    for (int i = 0; i < kAtOnce; ++i)
+        all.push_back(std::async(std::launch::async, [limits] {
+            const auto pump = std::make_shared<Pump>();
+            const auto one = std::make_shared<Evaluation>("e", pump, limits);
+            const auto stuck = std::make_shared<Client>(5);
+            const auto quick = std::make_shared<Client>(1'000);
+            one->begin();
+            one->attach(stuck, 0);
+            one->attach(quick, 0);
+            std::string printed;
+            for (int piece = 0; piece < kPieces; ++piece) {
+                printed.append(Pieces::kBytes, static_cast<char>('0' + piece));
+                one->write(rqe::Stream::output, std::string_view(printed).substr(printed.size() - Pieces::kBytes));
+            }
+            one->end(R"({"kind":"result"})");
+            quick->until("ended");
+            EXPECT_TRUE(quick->missing() > 0 || quick->output() == printed);
+            one->close();
+            pump->stop();
+        }));
+}
+
 TEST_F(EvaluationTest, ReaderThatStandsStillHoldsNobodyUp)
 {
     make(kTenPieces, milliseconds(100));
@@ -192,6 +223,7 @@ TEST_F(EvaluationTest, ReaderThatStandsStillHoldsNobodyUp)
     const auto all = print(60);
     end();
     EXPECT_EQ(quick->until("ended").size(), 63u);
+    EXPECT_EQ(quick->missing(), 0u);
     EXPECT_TRUE(quick->output() == all);
     // It comes back and learns how much it missed.
     const auto seen = stuck->until("output").size();
