@@ -124,6 +124,17 @@ class SharedHost(unittest.TestCase):
 
 
 class OwnHost(unittest.TestCase):
+    def test_start_leaves_out_what_takes_long_to_load(self):
+        with Vendra(VENDRA) as host:
+            code = "import sys\n[name for name in ('linecache', 'traceback', 'tokenize') if name in sys.modules]"
+            self.assertEqual(evaluate(host, code)["value"], [])
+            evaluate(host, "def f():\n    return 'f'\n")
+            # Whoever asks for the lines of a cell has them from the first moment on.
+            code = "def g():\n    return 'g'\n\nimport inspect\ninspect.getsource(f) + inspect.getsource(g)"
+            self.assertEqual(evaluate(host, code)["value"], "def f():\n    return 'f'\ndef g():\n    return 'g'\n")
+            code = "import sys\n[str(one) for one in sys.meta_path if 'vendra' in str(one)]"
+            self.assertEqual(evaluate(host, code)["value"], [])
+
     def test_stop_from_a_client(self):
         with Vendra(VENDRA) as host:
             connection = host.connection()

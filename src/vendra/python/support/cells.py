@@ -8,10 +8,8 @@ import __future__
 import _ast  # ast itself takes long to load
 import builtins
 import collections
-import linecache
-import re
+import importlib.machinery
 import sys
-import traceback
 
 OWN_FILE = "<vendra>"  # what these files are called when they are compiled
 
@@ -26,6 +24,35 @@ _kept_characters = 0
 _cell_count = 0
 
 
+def _lines_of(name):
+    """As linecache keeps them."""
+    source = _cells[name][1]
+    return len(source), None, source.splitlines(True), name
+
+
+class _LinecacheWatch:
+    """Tells linecache the cells' lines once somebody loads it, which takes a tenth of the host's start."""
+
+    @classmethod
+    def find_spec(cls, name, path=None, target=None):
+        if name != "linecache":
+            return None
+        sys.meta_path.remove(cls)
+        spec = importlib.machinery.PathFinder.find_spec(name)
+        load = spec.loader.exec_module
+
+        def exec_module(module):
+            load(module)
+            module.cache.update((cell, _lines_of(cell)) for cell in list(_cells))
+
+        spec.loader.exec_module = exec_module
+        return spec
+
+
+if "linecache" not in sys.modules:
+    sys.meta_path.insert(0, _LinecacheWatch)
+
+
 def _remember(file_name, code):
     """A name for the compiler under which later tracebacks find this cell's lines."""
     global _kept_characters, _cell_count
@@ -35,26 +62,26 @@ def _remember(file_name, code):
     name = f"{file_name[:-1]}#{_cell_count}>"
     _cells[name] = (file_name, code)
     _kept_characters += len(code)
-    linecache.cache[name] = (len(code), None, code.splitlines(True), name)
+    linecache = sys.modules.get("linecache")
+    if linecache:
+        linecache.cache[name] = _lines_of(name)
     while len(_cells) > 1 and (len(_cells) > _KEPT_CELLS or _kept_characters > _KEPT_CHARACTERS):
         old, (shown, source) = _cells.popitem(last=False)
         _kept_characters -= len(source)
-        linecache.cache.pop(old, None)
+        if linecache:
+            linecache.cache.pop(old, None)
         if _expressions.get((source, shown), (None,))[0] == old:
             del _expressions[source, shown]
     return name
-
-
-_CELL_NAME = re.compile(r"#\d+>$")
 
 
 def _shown(file_name):
     known = _cells.get(file_name)
     if known:
         return known[0]
-    if file_name.startswith("<"):
-        return _CELL_NAME.sub(">", file_name)
-    return file_name
+    begin, mark, number = file_name.removesuffix(">").rpartition("#")
+    forgotten = file_name.startswith("<") and file_name.endswith(">") and number.isdecimal()
+    return begin + ">" if forgotten else file_name
 
 
 def _tidy(report):
@@ -90,6 +117,8 @@ def describe(error):
         message = str(error)
     except Exception:
         message = "<exception str() failed>"
+    import traceback  # takes long to load
+
     report = traceback.TracebackException(kind, error, error.__traceback__, compact=True)
     _tidy(report)
     return name, message, "".join(report.format())
@@ -105,6 +134,8 @@ def show(error):
     try:
         sys.excepthook(type(error), error, trace)
     except BaseException:
+        import traceback
+
         traceback.print_exception(error, file=sys.__stderr__)
 
 

@@ -10,16 +10,20 @@ import functools
 import itertools
 import keyword
 import os
-import re
 import types
-import unicodedata
 
 _MOST_CODE = 65_536  # characters in front of the cursor
 _MOST_FILES = 10_000  # entries of a folder that are read
 
-_pattern = functools.cache(re.compile)  # at first use: hosts start without
 
-_PIECE = r"""(?P<comment>\#[^\n]*)
+@functools.cache
+def _pattern(text):
+    import re  # hosts start without
+
+    return re.compile(text)
+
+
+_PIECE = r"""(?x)(?P<comment>\#[^\n]*)
       | (?P<string>[rRbBuUfF]{0,2}(?:\"{3}|'{3}|"|'))
       | (?P<word>\w+)
       | (?P<open>[(\[{])
@@ -33,14 +37,14 @@ _SIGNATURE_PART = r"(\*{0,2}|\$?)(\w+)(?:=(?:[^,'\"()]|'[^']*'|\"[^\"]*\"|\([^)]
 
 def _end_of(quote):
     """The rest of a string up to its end; of one that cannot go over lines, up to the line's end."""
-    rest = rf"(?:\\.|[^\\])*?{quote}" if len(quote) == 3 else rf"(?:\\.|[^\\\n])*?(?:{quote}|\n)"
-    return _pattern(rest, re.DOTALL)
+    rest = rf"(?s)(?:\\.|[^\\])*?{quote}" if len(quote) == 3 else rf"(?s)(?:\\.|[^\\\n])*?(?:{quote}|\n)"
+    return _pattern(rest)
 
 
 def _scan(code):
     """How the code ends: ("comment",), ("string", prefix, content so far) or ("code", open brackets), each bracket as
     [its character, its position, where its last argument begins]."""
-    piece_at = _pattern(_PIECE, re.VERBOSE).match
+    piece_at = _pattern(_PIECE).match
     position, brackets = 0, []
     while position < len(code):
         piece = piece_at(code, position)
@@ -120,7 +124,11 @@ def _member_names(value):
 
 def _as_compiled(name):
     """A name as the compiler spells it."""
-    return name if name.isascii() else unicodedata.normalize("NFKC", name)
+    if name.isascii():
+        return name
+    import unicodedata
+
+    return unicodedata.normalize("NFKC", name)
 
 
 def _meaning(path):
@@ -242,4 +250,4 @@ def _files(prefix, content):
             ]
     except (OSError, ValueError):
         return tail, []
-    return tail, sorted(name for name in found if name.isprintable() and not re.search(r"[\\'\"]", name))
+    return tail, sorted(name for name in found if name.isprintable() and not set(name) & set("\\'\""))

@@ -126,7 +126,7 @@ def start_connector():
 
 def install_signals(terminate, break_signal, break_requested):
     """Returns the function that sets the descriptor on which signals show."""
-    import signal
+    import _signal as signal  # signal itself takes long to load
 
     for number in (signal.SIGTERM, signal.SIGHUP):
         if signal.getsignal(number) == signal.SIG_DFL:

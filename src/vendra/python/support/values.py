@@ -13,7 +13,6 @@ wrong all the same is tried again (_steady).
 """
 
 import collections
-import fnmatch
 import itertools
 import sys
 import types
@@ -323,5 +322,7 @@ def list_variables():
 def page_of_variables(pattern, offset, limit):
     """(how many names fit the pattern, the _info of a part of them)"""
     variables = _variables()
+    import fnmatch
+
     names = sorted(name for name in variables if not pattern or fnmatch.fnmatchcase(name, pattern))
     return len(names), [_info(name, variables[name]) for name in names[offset : offset + limit]]
