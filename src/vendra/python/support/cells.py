@@ -24,9 +24,8 @@ _kept_characters = 0
 _cell_count = 0
 
 
-def _lines_of(name):
+def _lines_of(name, source):
     """As linecache keeps them."""
-    source = _cells[name][1]
     return len(source), None, source.splitlines(True), name
 
 
@@ -37,13 +36,14 @@ class _LinecacheWatch:
     def find_spec(cls, name, path=None, target=None):
         if name != "linecache":
             return None
-        sys.meta_path.remove(cls)
         spec = importlib.machinery.PathFinder.find_spec(name)
         load = spec.loader.exec_module
 
         def exec_module(module):
             load(module)
-            module.cache.update((cell, _lines_of(cell)) for cell in list(_cells))
+            module.cache.update((cell, _lines_of(cell, source)) for cell, (_, source) in list(_cells.items()))
+            if cls in sys.meta_path:
+                sys.meta_path.remove(cls)
 
         spec.loader.exec_module = exec_module
         return spec
@@ -62,14 +62,14 @@ def _remember(file_name, code):
     name = f"{file_name[:-1]}#{_cell_count}>"
     _cells[name] = (file_name, code)
     _kept_characters += len(code)
-    linecache = sys.modules.get("linecache")
-    if linecache:
-        linecache.cache[name] = _lines_of(name)
+    lines = getattr(sys.modules.get("linecache"), "cache", None)  # another thread may be just loading it
+    if lines is not None:
+        lines[name] = _lines_of(name, code)
     while len(_cells) > 1 and (len(_cells) > _KEPT_CELLS or _kept_characters > _KEPT_CHARACTERS):
         old, (shown, source) = _cells.popitem(last=False)
         _kept_characters -= len(source)
-        if linecache:
-            linecache.cache.pop(old, None)
+        if lines is not None:
+            lines.pop(old, None)
         if _expressions.get((source, shown), (None,))[0] == old:
             del _expressions[source, shown]
     return name
@@ -79,7 +79,7 @@ def _shown(file_name):
     known = _cells.get(file_name)
     if known:
         return known[0]
-    begin, mark, number = file_name.removesuffix(">").rpartition("#")
+    begin, _, number = file_name.removesuffix(">").rpartition("#")
     forgotten = file_name.startswith("<") and file_name.endswith(">") and number.isdecimal()
     return begin + ">" if forgotten else file_name
 

@@ -4,6 +4,7 @@ One of the files that make up the host's own part in the language: they share on
 show in a traceback.
 """
 
+import _signal as signal  # signal itself takes long to load
 import functools
 import os
 import sys
@@ -126,8 +127,6 @@ def start_connector():
 
 def install_signals(terminate, break_signal, break_requested):
     """Returns the function that sets the descriptor on which signals show."""
-    import _signal as signal  # signal itself takes long to load
-
     for number in (signal.SIGTERM, signal.SIGHUP):
         if signal.getsignal(number) == signal.SIG_DFL:
             signal.signal(number, terminate)
@@ -141,7 +140,5 @@ def install_signals(terminate, break_signal, break_requested):
 
 
 def let_next_signal_kill():
-    import signal
-
     for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGINT):
         signal.signal(number, signal.SIG_DFL)
