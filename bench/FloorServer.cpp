@@ -20,6 +20,7 @@ namespace {
 constexpr std::uint64_t kListener = 1;
 constexpr std::uint64_t kAnswers = 2;
 constexpr unsigned kClose = 8;
+constexpr std::chrono::microseconds kAwake{40};
 
 void set(int descriptor) { [[maybe_unused]] const int failed = ::eventfd_write(descriptor, 1); }
 
@@ -135,7 +136,9 @@ void FloorServer::serve()
 {
     epoll_event events[64];
     for (;;) {
-        const int ready = ::epoll_wait(epoll_, events, 64, -1);
+        const int ready = ::epoll_wait(epoll_, events, 64, Clock::now() < awakeUntil_ ? 0 : -1);
+        if (ready == 0)
+            std::this_thread::yield();
         for (int i = 0; i < ready; ++i) {
             const auto id = events[i].data.u64;
             if (id == kListener) {
@@ -235,8 +238,11 @@ bool FloorServer::takeFrame(std::uint64_t id, Client& client)
     return true;
 }
 
+/// One client that asks again and again keeps this thread awake, as it does the connector's.
 void FloorServer::post(Task task)
 {
+    if (std::exchange(asker_, task.client) == task.client)
+        awakeUntil_ = Clock::now() + kAwake;
     std::lock_guard lock(mutex_);
     if (tasks_.size() >= kMostTasks)
         return;

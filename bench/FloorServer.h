@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -46,6 +47,8 @@ public:
     void* context = nullptr;
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     struct Client
     {
         int socket = -1;
@@ -73,6 +76,8 @@ private:
     std::uint16_t port_ = 0;
     std::unordered_map<std::uint64_t, Client> clients_;
     std::uint64_t lastId_ = 2; ///< below are the listener's and the answers' descriptors
+    std::uint64_t asker_ = 0;  ///< the client of the last task
+    Clock::time_point awakeUntil_;
 
     std::mutex mutex_;
     std::condition_variable room_;

@@ -2,9 +2,11 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <system_error>
+#include <thread>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -17,7 +19,12 @@ namespace {
 
 using python::PythonHost;
 
+using Clock = std::chrono::steady_clock;
+
 constexpr unsigned kTasksAtOnce = 16;
+/// Whoever waits for an answer before it asks again does so within this time. A processor that went to sleep would take
+/// as long to wake as that takes.
+constexpr std::chrono::microseconds kLinger{100};
 
 /// "" for a folder that is gone, or whose path is beyond what the system takes.
 std::string currentFolder()
@@ -57,6 +64,7 @@ bool HostLoop::drainSignals()
 Wake HostLoop::wait(int input)
 {
     bool signalled = true; // maybe, before this
+    Clock::time_point lingerUntil;
     for (;;) {
         host_.expectSignals();
         if ((signalled && drainSignals()) || host_.signalNoted()) {
@@ -68,16 +76,20 @@ Wake HostLoop::wait(int input)
             return Wake::leave;
 
         std::array<pollfd, 3> waited = {{{signalRead_, POLLIN, 0}, {engine_.wakeFd(), POLLIN, 0}, {input, POLLIN, 0}}};
-        if (::poll(waited.data(), waited.size(), -1) < 0) {
-            if (errno == EINTR)
-                continue;
+        const int ready = ::poll(waited.data(), waited.size(), Clock::now() < lingerUntil ? 0 : -1);
+        if (ready < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "The host cannot wait");
+        if (ready <= 0) {
+            std::this_thread::yield(); // whoever makes the next task may need this processor for it
+            continue;
         }
         signalled = waited[0].revents != 0;
         if (signalled)
             continue;
-        if (waited[1].revents != 0)
+        if (waited[1].revents != 0) {
             runTasks();
+            lingerUntil = Clock::now() + kLinger;
+        }
         if (waited[2].revents != 0 && !host_.leaveStatus())
             return Wake::input;
     }

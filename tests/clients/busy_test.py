@@ -67,6 +67,22 @@ class Busy(unittest.TestCase):
                 self.assertEqual(self.host.ask("Workspace")["type"], "WorkspaceResponse")
         self.assertIn(answer.result().get("code"), (None, "interrupted"))
 
+    def test_who_waits_takes_no_processor_time(self):
+        with contextlib.closing(self.host.connection()) as connection:
+            def time_of_process(code=""):
+                body = json.dumps({"type": "Eval", "id": "1", "code": code + "time.process_time()"})
+                connection.request("POST", "/messageservice/container", body, self.host.headers())
+                return json.loads(connection.getresponse().read())["value"]
+
+            for _ in range(50):  # threads stay awake for such a client
+                begin = time_of_process()
+            with self.subTest("for the interpreter"):
+                end = time_of_process("time.sleep(0.5)\n")
+                self.assertLess(end - begin, 0.25)
+            with self.subTest("for clients"):
+                time.sleep(0.5)
+                self.assertLess(time_of_process() - end, 0.25)
+
     def test_order_within_a_container(self):
         messages = [{"type": "Variable", "name": "n"}, {"type": "Eval", "code": "n = 1\ntime.sleep(1.2)\nn = 2"},
                     {"type": "Variable", "name": "n"}]

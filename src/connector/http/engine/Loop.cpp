@@ -1,6 +1,7 @@
 #include "connector/http/engine/Loop.h"
 
 #include <ctime>
+#include <thread>
 
 #include <boost/asio/post.hpp>
 
@@ -50,13 +51,33 @@ void Loop::run()
     sweepLater();
     for (;;) {
         try {
-            context_.run();
+            while (context_.run_one() > 0)
+                while (runWhileAwake()) {
+                }
             return;
         } catch (const std::exception& error) {
             common::log("connector.http", common::LogLevel::error,
                         std::string("A connection's work failed: ") + error.what());
         }
     }
+}
+
+/// False when nothing came in time.
+bool Loop::runWhileAwake()
+{
+    if (awakeUntil_.load(std::memory_order_relaxed) == Clock::time_point())
+        return false;
+    const auto begin = Clock::now();
+    for (auto now = begin; now < awakeUntil_.load(std::memory_order_relaxed); now = Clock::now()) {
+        if (context_.poll_one() > 0) {
+            awake_ += now - begin;
+            return true;
+        }
+        std::this_thread::yield(); // whoever is to answer may need this processor for it
+    }
+    awake_ += Clock::now() - begin;
+    awakeUntil_.store({}, std::memory_order_relaxed);
+    return false;
 }
 
 void Loop::adopt(Stream::Socket socket, bool isUnix, bool welcome, std::unique_ptr<ConnectionCount> count)
@@ -135,7 +156,7 @@ void Loop::callWokenSoon()
         return;
     }
     postponed_ = 0;
-    if (stopping_ || std::chrono::steady_clock::now() >= gatherUntil_)
+    if (stopping_ || Clock::now() >= gatherUntil_)
         return callWoken();
     gatherTimer_.expires_at(gatherUntil_);
     gatherTimer_.async_wait([this](const boost::system::error_code&) { callWoken(); });
@@ -143,9 +164,9 @@ void Loop::callWokenSoon()
 
 void Loop::callWoken()
 {
-    const auto begin = std::chrono::steady_clock::now();
+    const auto begin = Clock::now();
     callAll(woken_, &Peer::woken);
-    const auto end = std::chrono::steady_clock::now();
+    const auto end = Clock::now();
     if (end - begin >= kShortestGather)
         gatherUntil_ = end + std::min<std::chrono::nanoseconds>(end - begin, kLongestGather);
 }
@@ -208,11 +229,11 @@ void Loop::sweepLater()
 
 void Loop::measureLoad()
 {
-    const auto now = std::chrono::steady_clock::now();
+    const auto now = Clock::now();
     const auto elapsed = now - measuredAt_;
     if (elapsed < kLoadWindow)
         return;
-    const auto cpuTime = cpuTimeOfThread();
+    const auto cpuTime = cpuTimeOfThread() - awake_;
     load_ = std::chrono::duration<double>(cpuTime - cpuTime_) / std::chrono::duration<double>(elapsed);
     measuredAt_ = now;
     cpuTime_ = cpuTime;
@@ -220,7 +241,7 @@ void Loop::measureLoad()
 
 void Loop::sweep()
 {
-    const auto now = std::chrono::steady_clock::now();
+    const auto now = Clock::now();
     std::vector<std::shared_ptr<Peer>> late;
     for (const auto& [key, peer] : peers_) {
         if (peer->isLate(now))

@@ -25,11 +25,13 @@ namespace connector::http::engine {
 class Peer;
 
 /// One I/O thread's share of the clients. A client stays with its loop, so that none of its state is locked.
-/// Everything but `context`, `run`, `load`, `wake` and `wakeLate` belongs to the loop's own thread.
+/// Everything but `context`, `run`, `load`, `wake`, `wakeLate` and `stayAwakeFor` belongs to the loop's own thread.
 class Loop final : public std::enable_shared_from_this<Loop>
 {
 public:
+    using Clock = std::chrono::steady_clock;
     static constexpr std::chrono::milliseconds kLateness{2};
+    static constexpr std::chrono::microseconds kAwake{40};
 
     explicit Loop(std::shared_ptr<ServerCore> core);
     ~Loop();
@@ -53,6 +55,15 @@ public:
     void wake(std::weak_ptr<Peer> peer);
     /// Has `wokenLate` called on the loop's thread within kLateness. Any thread.
     void wakeLate(std::weak_ptr<Peer> peer);
+
+    /// `client` asked for something that another thread often answers within microseconds. Where nobody else asked
+    /// since its last time, the loop's thread looks for work for kAwake and does not sleep, as then its processor would
+    /// too, and takes longer to wake than that. Any thread.
+    void stayAwakeFor(const void* client) noexcept
+    {
+        if (asker_.exchange(client, std::memory_order_relaxed) == client)
+            awakeUntil_.store(Clock::now() + kAwake, std::memory_order_relaxed);
+    }
 
     /// Runs `work` after the handler that is running, if that is one of `inTurn`, else in turn with everything else.
     /// The loop's thread.
@@ -113,6 +124,7 @@ private:
 
     using PeerList = std::vector<std::weak_ptr<Peer>>;
 
+    bool runWhileAwake();
     void runSoon();
     void endTurn();
     bool enlist(PeerList& list, std::weak_ptr<Peer> peer);
@@ -131,14 +143,17 @@ private:
     boost::asio::steady_timer stopTimer_;
     boost::asio::steady_timer gatherTimer_;
     boost::asio::steady_timer lateTimer_;
-    std::chrono::steady_clock::time_point gatherUntil_;
+    Clock::time_point gatherUntil_;
     std::uint64_t inputs_ = 0;
     std::uint64_t inputsSeen_ = 0;
     unsigned postponed_ = 0;
     std::chrono::milliseconds sweepInterval_;
     std::atomic<double> load_{0.0};
-    std::chrono::steady_clock::time_point measuredAt_{};
-    std::chrono::nanoseconds cpuTime_{};
+    Clock::time_point measuredAt_{};
+    std::chrono::nanoseconds cpuTime_{};       ///< without `awake_`
+    std::atomic<const void*> asker_ = nullptr; ///< the last one of `stayAwakeFor`
+    std::atomic<Clock::time_point> awakeUntil_{};
+    std::chrono::nanoseconds awake_{}; ///< time spent looking for work that did not come
     std::unordered_map<Peer*, std::shared_ptr<Peer>> peers_;
     std::deque<std::unique_ptr<Soon>> soon_;
     bool inTurn_ = false;

@@ -132,8 +132,9 @@ void RequestCycle::serve(std::unique_ptr<HttpRequest> request)
     const bool large = request->largeBody != nullptr;
     auto response = served_.begin(std::move(request), intake_.requestNumber(), terms_, intake_.body().hold());
     if (response)
-        respond(std::move(response));
-    else if (!large)
+        return respond(std::move(response));
+    loop_.stayAwakeFor(this);
+    if (!large)
         connection_.watch(RequestIntake::kPipelineBytes);
 }
 

@@ -134,6 +134,9 @@ public:
 private:
     bool push(Frame message, SendWhen when)
     {
+        if (when == SendWhen::withNext)
+            if (const auto loop = loop_.lock())
+                loop->stayAwakeFor(this);
         switch (outbox_->push(std::move(message), when)) {
         case WebSocketOutbox::Pushed::done:
             return true;
