@@ -8,6 +8,7 @@
 #include "connector/http/HttpText.h"
 #include "connector/http/engine/ChunkedBody.h"
 #include "connector/http/engine/RequestHead.h"
+#include "platform/fl/i18n.h"
 
 using namespace connector::http;
 using namespace connector::http::engine;
@@ -55,7 +56,7 @@ void checkHead(const RequestHead& head)
 {
     require(isToken(head.method));
     require(head.target == "*" || (head.target.front() == '/' && head.path.front() == '/'));
-    require(isUtf8(head.path) && isFieldValue(head.path));
+    require(fl::i18n::isValidUtf8(head.path) && isFieldValue(head.path));
     require(head.path.find("/../") == std::string::npos && !head.path.ends_with("/.."));
     require(head.minorVersion == 0 || head.headers.count("Host") == 1);
     require(!head.chunked || (head.minorVersion == 1 && head.contentLength == 0));

@@ -8,6 +8,7 @@
 
 #include "connector/http/HttpText.h"
 #include "connector/http/UrlPath.h"
+#include "platform/fl/i18n.h"
 
 using namespace connector::http;
 
@@ -21,7 +22,7 @@ void require(bool condition)
 
 void checkPath(std::string_view path)
 {
-    require(isUtf8(path) && path.find_first_of("\\:") == std::string_view::npos);
+    require(fl::i18n::isValidUtf8(path) && path.find_first_of("\\:") == std::string_view::npos);
     require(std::none_of(path.begin(), path.end(), [](char c) {
         const auto byte = static_cast<unsigned char>(c);
         return byte < 0x20 || byte == 0x7f;

@@ -109,32 +109,6 @@ std::string printable(std::string_view text)
     return result;
 }
 
-bool isUtf8(std::string_view text) noexcept
-{
-    for (std::size_t i = 0; i < text.size();) {
-        const auto first = static_cast<unsigned char>(text[i]);
-        if (first < 0x80) {
-            ++i;
-            continue;
-        }
-        const std::size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
-        if (first < 0xc2 || first > 0xf4 || i + length > text.size())
-            return false;
-        std::uint32_t code = first & (0xffu >> (length + 1));
-        for (std::size_t k = 1; k < length; ++k) {
-            const auto next = static_cast<unsigned char>(text[i + k]);
-            if ((next & 0xc0) != 0x80)
-                return false;
-            code = (code << 6) | (next & 0x3fu);
-        }
-        constexpr std::array<std::uint32_t, 5> kSmallest{0, 0, 0x80, 0x800, 0x10000};
-        if (code < kSmallest[length] || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff))
-            return false;
-        i += length;
-    }
-    return true;
-}
-
 bool Authority::parse(std::string_view text, Authority& authority)
 {
     std::string_view host = text;

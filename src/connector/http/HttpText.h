@@ -21,8 +21,6 @@ CONNECTOR_API std::string_view trimmed(std::string_view text) noexcept;
 CONNECTOR_API bool listHas(std::string_view list, std::string_view token) noexcept;
 /// For error texts: at most 60 bytes, control and 8-bit characters as "?".
 CONNECTOR_API std::string printable(std::string_view text);
-/// Well-formed UTF-8: no overlong forms, no surrogates.
-CONNECTOR_API bool isUtf8(std::string_view text) noexcept;
 
 /// "host" or "host:port" taken apart; host is a name, an IPv4 address or an IPv6 address in brackets.
 struct CONNECTOR_API Authority

@@ -6,6 +6,7 @@
 #include "connector/http/HttpText.h"
 #include "connector/http/content/RootFolder.h"
 #include "platform/fl/filesystem.h"
+#include "platform/fl/i18n.h"
 
 namespace connector::http {
 
@@ -25,7 +26,7 @@ bool isPrefix(std::string_view text)
 {
     if (text.empty())
         return true;
-    if (text.front() != '/' || !isUtf8(text))
+    if (text.front() != '/' || !fl::i18n::isValidUtf8(text))
         return false;
     for (;;) {
         text.remove_prefix(1);

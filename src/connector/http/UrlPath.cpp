@@ -1,6 +1,7 @@
 #include "connector/http/UrlPath.h"
 
 #include "connector/http/HttpText.h"
+#include "platform/fl/i18n.h"
 
 namespace connector::http {
 
@@ -73,7 +74,7 @@ const char* decodePath(std::string_view raw, std::string& decoded)
             return "a colon";
         decoded += c;
     }
-    if (!isUtf8(decoded))
+    if (!fl::i18n::isValidUtf8(decoded))
         return "text that is not UTF-8";
     return checkSegments(decoded);
 }

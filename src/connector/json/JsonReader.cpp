@@ -14,7 +14,9 @@
 #include <Poco/JSON/Object.h>
 
 #include "connector/json/JsonFields.h"
+#include "connector/json/JsonNumber.h"
 #include "connector/json/JsonSerializer.h"
+#include "platform/fl/utf8.h"
 
 namespace connector::json {
 
@@ -32,26 +34,6 @@ constexpr auto kPlain = [] {
 
 constexpr bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
-/// The length of the well-formed sequence (Unicode 15, table 3-7) at `text`, whose first byte is not ASCII; else 0.
-std::size_t utf8Length(const char* text, const char* end) noexcept
-{
-    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    const auto available = static_cast<std::size_t>(end - text);
-    const unsigned first = byte(0);
-    const std::size_t length = first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : first < 0xF5 ? 4 : 0;
-    if (length == 0 || available < length)
-        return 0;
-    const unsigned low = first == 0xE0 ? 0xA0 : first == 0xF0 ? 0x90 : 0x80;
-    const unsigned high = first == 0xED ? 0x9F : first == 0xF4 ? 0x8F : 0xBF;
-    if (byte(1) < low || byte(1) > high)
-        return 0;
-    for (std::size_t i = 2; i < length; ++i) {
-        if ((byte(i) & 0xC0) != 0x80)
-            return 0;
-    }
-    return length;
-}
-
 constexpr std::size_t kUsualMembers = 5;
 constexpr std::size_t kFewMembers = 16;
 
@@ -62,27 +44,6 @@ struct NoText
     void append(const char*, std::size_t) noexcept {}
     NoText& operator+=(char) noexcept { return *this; }
 };
-
-template <class Text>
-void appendUtf8(Text& out, std::uint32_t code)
-{
-    const auto put = [&](std::uint32_t byte) { out += static_cast<char>(byte); };
-    if (code < 0x80) {
-        put(code);
-    } else if (code < 0x800) {
-        put(0xC0 | code >> 6);
-        put(0x80 | (code & 0x3F));
-    } else if (code < 0x10000) {
-        put(0xE0 | code >> 12);
-        put(0x80 | (code >> 6 & 0x3F));
-        put(0x80 | (code & 0x3F));
-    } else {
-        put(0xF0 | code >> 18);
-        put(0x80 | (code >> 12 & 0x3F));
-        put(0x80 | (code >> 6 & 0x3F));
-        put(0x80 | (code & 0x3F));
-    }
-}
 
 class Reader
 {
@@ -409,11 +370,11 @@ private:
             } else if (byte < 0x20) {
                 fail(next_, "a control character in a string has to be escaped; found " + found(next_));
             } else {
-                const auto length = utf8Length(next_, end_);
-                if (length == 0)
+                const auto step = fl::i18n::decodeUtf8(next_, end_);
+                if (!step.valid)
                     fail(next_, "invalid UTF-8; found " + found(next_));
-                text.append(next_, length);
-                next_ += length;
+                text.append(next_, step.length);
+                next_ += step.length;
             }
         }
     }
@@ -450,7 +411,8 @@ private:
                 fail(start, "an unpaired surrogate");
             code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
         }
-        appendUtf8(text, code);
+        char bytes[4];
+        text.append(bytes, fl::i18n::putUtf8(bytes, code));
     }
 
     std::uint32_t readHex()
@@ -532,39 +494,10 @@ private:
 
     double toDouble(const char* start) const
     {
-        double value = 0;
-        if (std::from_chars(start, next_, value).ec == std::errc::result_out_of_range) {
-            if (isLarge(start))
-                fail(start, "a number beyond the range of doubles");
-            value = *start == '-' ? -0.0 : 0.0;
-        }
-        return value;
-    }
-
-    /// Whether a number outside the range of doubles is too large, not too small: whether it is 1 or more.
-    bool isLarge(const char* start) const noexcept
-    {
-        if (*start == '-')
-            ++start;
-        const char* exponentMark = start;
-        while (exponentMark != next_ && *exponentMark != 'e' && *exponentMark != 'E')
-            ++exponentMark;
-        long exponent = 0;
-        if (exponentMark != next_) {
-            const char* digits = exponentMark + 1;
-            const bool negative = *digits == '-';
-            if (negative || *digits == '+')
-                ++digits;
-            if (std::from_chars(digits, next_, exponent).ec != std::errc())
-                return !negative;
-            exponent = negative ? -exponent : exponent;
-        }
-        // The exponent of the first digit that is not zero.
-        const std::string_view mantissa(start, static_cast<std::size_t>(exponentMark - start));
-        const auto point = std::min(mantissa.find('.'), mantissa.size());
-        const auto first = mantissa.find_first_of("123456789");
-        const auto position = static_cast<long>(first) - static_cast<long>(point);
-        return exponent > position; // their difference may be beyond the type
+        const auto value = doubleOf(textFrom(start));
+        if (!value)
+            fail(start, "a number beyond the range of doubles");
+        return *value;
     }
 
     const char* const begin_;
