@@ -59,6 +59,16 @@ class Busy(unittest.TestCase):
             self.assertEqual(answer.result()["code"], "interrupted")
             self.host.ask("Eval", code="d = {n: n for n in range(300)}")
 
+    def test_tables_and_arrays_beside_work_on_them(self):
+        self.host.ask("Eval", code="import numpy, pandas\narray = numpy.random.rand(400, 400)\n"
+                                   "table = pandas.DataFrame(array)")
+        for code in ["while True: array @ array", "while True: array.sort()", "while True: table = table.sort_values(0)"]:
+            with self.subTest(code=code), self.running(code) as answer:
+                for name in ["array", "table"] * 5:
+                    found = self.host.ask("Variable", name=name, rows=[0, 5], columns=[0, 5])
+                    self.assertEqual((found["type"], found.get("size")), ("VariableResponse", [400, 400]))
+                self.assertFalse(answer.done())
+
     def test_interrupts_hit_what_runs_and_no_look(self):
         loop = "for n in range(10):\n    try:\n        while True: pass\n    except KeyboardInterrupt: pass\n"
         with self.running(loop) as answer:
