@@ -133,7 +133,7 @@ void Connection::linger()
     state_ = State::lingering;
     allow(loop_.core().settings.lingerTimeout);
     stream_.finishSending([self = self()] {
-        if (self->state_ != State::lingering)
+        if (self->state_ != State::lingering || self->draining_)
             return;
         if (self->peerClosed_ || self->loop_.isStopping())
             return self->close();
@@ -149,6 +149,7 @@ void Connection::drain()
 {
     buffer_.consume(buffer_.size());
     buffer_.makeRoom(kDrainReadBytes);
+    draining_ = true;
     reading_ = true;
     stream_.socket().async_read_some(asio::buffer(buffer_.room(), buffer_.roomBytes()),
                                      [self = self()](const error_code& error, std::size_t count) {

@@ -72,6 +72,7 @@ private:
     bool reading_ = false;
     bool peerClosed_ = false; ///< sent its last byte
     ReadBuffer buffer_;
+    bool draining_ = false;
     std::uint64_t drainedBytes_ = 0;
 
     RequestCycle requests_;
