@@ -10,6 +10,8 @@
 
 #include <system_error>
 
+#include "Awake.h"
+
 namespace {
 
 void wake(int descriptor)
@@ -67,11 +69,16 @@ EchoServer::~EchoServer()
 
 void EchoServer::work()
 {
+    Awake awake;
     while (!ended_) {
         pollfd waiting{toWorker_, POLLIN, 0};
-        ::poll(&waiting, 1, -1);
+        if (::poll(&waiting, 1, awake.timeout()) <= 0) {
+            awake.giveWay();
+            continue;
+        }
         drain(toWorker_);
         wake(toServer_);
+        awake.stay(Awake::kInterpreter);
     }
 }
 
@@ -81,10 +88,13 @@ void EchoServer::serve()
     watch(epoll, listener_);
     watch(epoll, toServer_);
     int connection = -1;
+    Awake awake;
     while (!ended_) {
         epoll_event event{};
-        if (::epoll_wait(epoll, &event, 1, -1) != 1)
+        if (::epoll_wait(epoll, &event, 1, awake.timeout()) != 1) {
+            awake.giveWay();
             continue;
+        }
         if (event.data.fd == listener_) {
             connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
             const int on = 1;
@@ -98,6 +108,7 @@ void EchoServer::serve()
             char request[16 * 1024];
             if (::recv(connection, request, sizeof request, 0) > 0) {
                 wake(toWorker_);
+                awake.stay(Awake::kNetwork);
             } else {
                 ::close(connection);
                 connection = -1;

@@ -8,7 +8,7 @@
 
 /// The least that a server with an interpreter thread can do: an I/O thread that reads a request, hands it to a worker
 /// thread, gets it back and answers with a fixed body. The hand-overs are those of the real server: an eventfd that the
-/// other thread polls. One connection at a time.
+/// other thread polls, awake for a while after there was something. One connection at a time.
 class EchoServer
 {
 public:

@@ -20,7 +20,6 @@ namespace {
 constexpr std::uint64_t kListener = 1;
 constexpr std::uint64_t kAnswers = 2;
 constexpr unsigned kClose = 8;
-constexpr std::chrono::microseconds kAwake{40};
 
 void set(int descriptor) { [[maybe_unused]] const int failed = ::eventfd_write(descriptor, 1); }
 
@@ -136,9 +135,9 @@ void FloorServer::serve()
 {
     epoll_event events[64];
     for (;;) {
-        const int ready = ::epoll_wait(epoll_, events, 64, Clock::now() < awakeUntil_ ? 0 : -1);
+        const int ready = ::epoll_wait(epoll_, events, 64, awake_.timeout());
         if (ready == 0)
-            std::this_thread::yield();
+            awake_.giveWay();
         for (int i = 0; i < ready; ++i) {
             const auto id = events[i].data.u64;
             if (id == kListener) {
@@ -242,7 +241,7 @@ bool FloorServer::takeFrame(std::uint64_t id, Client& client)
 void FloorServer::post(Task task)
 {
     if (std::exchange(asker_, task.client) == task.client)
-        awakeUntil_ = Clock::now() + kAwake;
+        awake_.stay(Awake::kNetwork);
     std::lock_guard lock(mutex_);
     if (tasks_.size() >= kMostTasks)
         return;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -9,6 +8,8 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
+
+#include "Awake.h"
 
 /// The least that a server of evaluations can do: HTTP/1.1 and WebSockets on one thread, without any checks, in front
 /// of a queue that another thread empties. Only for clients that are known to behave: a request comes in one piece of
@@ -47,8 +48,6 @@ public:
     void* context = nullptr;
 
 private:
-    using Clock = std::chrono::steady_clock;
-
     struct Client
     {
         int socket = -1;
@@ -77,7 +76,7 @@ private:
     std::unordered_map<std::uint64_t, Client> clients_;
     std::uint64_t lastId_ = 2; ///< below are the listener's and the answers' descriptors
     std::uint64_t asker_ = 0;  ///< the client of the last task
-    Clock::time_point awakeUntil_;
+    Awake awake_;
 
     std::mutex mutex_;
     std::condition_variable room_;

@@ -18,11 +18,11 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <thread>
 
 #include <poll.h>
 #include <pthread.h>
 
+#include "Awake.h"
 #include "FloorServer.h"
 
 namespace {
@@ -31,7 +31,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kPiece = 8192;
 constexpr std::chrono::milliseconds kLongestDelay{10};
-constexpr std::chrono::microseconds kLinger{100}; // as the host does after a task
 constexpr std::size_t kMostOutput = std::size_t{256} << 20;
 constexpr const char* kCapsuleName = "floor.output";
 
@@ -143,21 +142,19 @@ public:
     {
         PyThreadState* state = PyEval_SaveThread();
         FloorServer::Task task;
-        Clock::time_point lingerUntil;
+        Awake awake;
         for (;;) {
             pollfd waited{server_.taskFd(), POLLIN, 0};
-            if (::poll(&waited, 1, Clock::now() < lingerUntil ? 0 : -1) <= 0) {
-                std::this_thread::yield();
+            if (::poll(&waited, 1, awake.timeout()) <= 0 || !server_.takeTask(task)) {
+                awake.giveWay();
                 continue;
             }
-            if (!server_.takeTask(task))
-                continue;
             PyEval_RestoreThread(state);
             running_ = true;
             handle(task);
             running_ = false;
             state = PyEval_SaveThread();
-            lingerUntil = Clock::now() + kLinger;
+            awake.stay(Awake::kInterpreter);
         }
     }
 
