@@ -4,7 +4,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <ctime>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -22,7 +21,6 @@
 
 #include "connector/common/LogRules.h"
 #include "connector/common/LogTarget.h"
-#include "platform/fl/i18n.h"
 #include "platform/fl/log_text.h"
 
 namespace connector::common {
@@ -38,31 +36,6 @@ constexpr const char* kTimeAttribute = "ConnectorTime";     // Clock::time_point
 constexpr const char* kMessageAttribute = "Message";        // std::string
 
 constexpr std::size_t kMaxTextBytes = 64u << 10;
-
-/// UTC to the millisecond, as ISO 8601.
-std::string isoTime(Clock::time_point time)
-{
-    const auto milliseconds = std::chrono::floor<std::chrono::milliseconds>(time.time_since_epoch()).count();
-    const std::time_t seconds = milliseconds / 1'000;
-    std::tm parts{};
-    gmtime_r(&seconds, &parts);
-    char text[40];
-    const auto length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
-    const auto fraction = std::to_string(1'000 + milliseconds % 1'000);
-    return std::string(text, length) + "." + fraction.substr(1) + "Z";
-}
-
-/// What is appended for a text that may be long or ill-formed.
-void appendText(std::string& line, std::string_view text)
-{
-    const auto kept = text.substr(0, kMaxTextBytes);
-    if (fl::i18n::isValidUtf8(kept))
-        fl::log_text::appendEscaped(line, kept);
-    else
-        fl::log_text::appendEscaped(line, fl::i18n::toValidUtf8(kept));
-    if (kept.size() < text.size())
-        line += " … (" + std::to_string(text.size() - kept.size()) + " bytes more)";
-}
 
 /// Formats a record and hands it to the target of the time.
 class Backend final : public blog::sinks::basic_sink_backend<blog::sinks::concurrent_feeding>
@@ -84,10 +57,10 @@ public:
         const auto message = blog::extract<std::string>(kMessageAttribute, record);
         if (!time || !level || !source || !message)
             return;
-        auto line = isoTime(*time) + " " + levelName(*level) + " ";
-        appendText(line, *source);
+        auto line = fl::log_text::timeText(*time) + " " + levelName(*level) + " ";
+        fl::log_text::appendShortened(line, *source, kMaxTextBytes);
         line += ": ";
-        appendText(line, *message);
+        fl::log_text::appendShortened(line, *message, kMaxTextBytes);
         line += '\n';
         std::lock_guard lock(mutex_);
         if (target_)

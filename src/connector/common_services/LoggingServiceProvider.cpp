@@ -1,12 +1,10 @@
 #include "connector/common_services/LoggingServiceProvider.h"
 
-#include <ctime>
 #include <ostream>
 #include <stdexcept>
 #include <typeinfo>
 
 #include "connector/common/LogRules.h"
-#include "platform/fl/i18n.h"
 #include "platform/fl/log_text.h"
 
 namespace connector::common_services {
@@ -19,34 +17,6 @@ using namespace std::chrono_literals;
 constexpr std::size_t kMaxTextBytes = 4'096;
 constexpr std::size_t kMaxSourceBytes = 256;
 constexpr std::chrono::seconds kSecond = 1s;
-
-std::string timeText()
-{
-    const auto now = std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(now);
-    const auto time = std::chrono::system_clock::to_time_t(seconds);
-    std::tm parts{};
-    gmtime_r(&time, &parts);
-    char text[64];
-    auto size = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
-    size += static_cast<std::size_t>(
-        std::snprintf(text + size, sizeof text - size, ".%03dZ", static_cast<int>((now - seconds).count())));
-    return std::string(text, size);
-}
-
-/// A client's text for one line: it neither ends the line nor reaches the controls of a terminal.
-std::string onOneLine(std::string_view text, std::size_t maxBytes)
-{
-    std::size_t end = std::min(text.size(), maxBytes);
-    while (end < text.size() && end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80)
-        --end; // not within a character
-
-    std::string shown;
-    fl::log_text::appendEscaped(shown, fl::i18n::toValidUtf8(text.substr(0, end)));
-    if (end < text.size())
-        shown += " … (" + std::to_string(text.size() - end) + " bytes more)";
-    return shown;
-}
 
 } // namespace
 
@@ -106,8 +76,12 @@ bool LoggingServiceProvider::write(const LogRecord& record)
         return false;
     }
     ++recordsOfSecond_;
-    const auto source = onOneLine(record.source, kMaxSourceBytes);
-    writeLine(record.level, source + (source.empty() ? "" : ": ") + onOneLine(record.text, kMaxTextBytes));
+    std::string line;
+    fl::log_text::appendShortened(line, record.source, kMaxSourceBytes);
+    if (!line.empty())
+        line += ": ";
+    fl::log_text::appendShortened(line, record.text, kMaxTextBytes);
+    writeLine(record.level, line);
     return true;
 }
 
@@ -148,7 +122,8 @@ void LoggingServiceProvider::endSecond()
 /// With the lock held. Flushed, so that a line is there when the process ends badly.
 void LoggingServiceProvider::writeLine(LogLevel level, std::string_view text)
 {
-    std::string line = timeText() + " " + common::levelName(level) + " " + loggerName_ + ": ";
+    std::string line = fl::log_text::timeText(std::chrono::system_clock::now()) + " " + common::levelName(level) + " " +
+                       loggerName_ + ": ";
     line += text;
     line += '\n';
     out_.write(line.data(), static_cast<std::streamsize>(line.size())).flush();

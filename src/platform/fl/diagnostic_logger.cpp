@@ -13,7 +13,6 @@
 #include <charconv>
 #include <chrono>
 #include <cstdlib>
-#include <ctime>
 #include <iostream>
 #include <limits>
 #include <map>
@@ -46,20 +45,6 @@ const char* levelName(unsigned level) noexcept
     return "OTHER";
 }
 
-/// UTC to the millisecond, as ISO 8601.
-std::string isoTime(Clock::time_point time)
-{
-    const auto milliseconds = std::chrono::floor<std::chrono::milliseconds>(time);
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(milliseconds);
-    const std::time_t calendar = Clock::to_time_t(seconds);
-    std::tm parts{};
-    gmtime_r(&calendar, &parts);
-    char text[32];
-    const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
-    std::string fraction = std::to_string((milliseconds - seconds).count());
-    return std::string(text, length) + "." + std::string(3 - fraction.size(), '0') + fraction + "Z";
-}
-
 std::string escaped(std::string_view text)
 {
     std::string line;
@@ -73,7 +58,7 @@ void formatRecord(const blog::record_view& record, blog::formatting_ostream& out
     const auto level = blog::extract<unsigned>(kLevelAttribute, record);
     const auto logger = blog::extract<std::string>(kLoggerAttribute, record);
     const auto message = blog::extract<std::string>(kMessageAttribute, record);
-    out << isoTime(time ? time.get() : Clock::now()) << ' ' << levelName(level ? level.get() : 0) << ' '
+    out << log_text::timeText(time ? time.get() : Clock::now()) << ' ' << levelName(level ? level.get() : 0) << ' '
         << (logger ? escaped(logger.get()) : std::string()) << ": "
         << (message ? escaped(message.get()) : std::string());
 }

@@ -1,6 +1,29 @@
 #include "platform/fl/log_text.h"
 
+#include <cstdio>
+#include <ctime>
+
+#include "platform/fl/i18n.h"
+
 namespace fl::log_text {
+
+namespace {
+
+/// `most`, or up to three less where a character would be cut.
+std::size_t wholeCharacters(std::string_view text, std::size_t most) noexcept
+{
+    if (text.size() <= most)
+        return text.size();
+    for (std::size_t end = most; most - end <= 3; --end) {
+        if ((static_cast<unsigned char>(text[end]) & 0xC0) != 0x80)
+            return end;
+        if (end == 0)
+            break;
+    }
+    return most;
+}
+
+} // namespace
 
 void appendEscaped(std::string& line, std::string_view text)
 {
@@ -23,6 +46,32 @@ void appendEscaped(std::string& line, std::string_view text)
         else
             line += text[i];
     }
+}
+
+void appendShortened(std::string& line, std::string_view text, std::size_t maxBytes)
+{
+    const auto kept = text.substr(0, wholeCharacters(text, maxBytes));
+    if (i18n::isValidUtf8(kept))
+        appendEscaped(line, kept);
+    else
+        appendEscaped(line, i18n::toValidUtf8(kept));
+    if (kept.size() < text.size())
+        line += " … (" + std::to_string(text.size() - kept.size()) + " bytes more)";
+}
+
+std::string timeText(std::chrono::system_clock::time_point time)
+{
+    using std::chrono::floor;
+    const auto milliseconds = floor<std::chrono::milliseconds>(time);
+    const auto seconds = floor<std::chrono::seconds>(time);
+    const std::time_t calendar = std::chrono::system_clock::to_time_t(seconds);
+    std::tm parts{};
+    gmtime_r(&calendar, &parts);
+    char text[48];
+    const auto length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+    char fraction[8];
+    std::snprintf(fraction, sizeof fraction, ".%03dZ", static_cast<int>((milliseconds - seconds).count()) % 1'000);
+    return std::string(text, length) + fraction;
 }
 
 } // namespace fl::log_text
