@@ -10,9 +10,13 @@
 
 #include <system_error>
 
-#include "Awake.h"
+#include "platform/fl/AdaptiveSpin.h"
 
 namespace {
+
+// As the host and the connector do.
+constexpr std::chrono::microseconds kLookForMore{100};
+constexpr std::chrono::microseconds kAwake{40};
 
 void wake(int descriptor)
 {
@@ -69,16 +73,16 @@ EchoServer::~EchoServer()
 
 void EchoServer::work()
 {
-    Awake awake;
+    fl::AdaptiveSpin spin;
     while (!ended_) {
         pollfd waiting{toWorker_, POLLIN, 0};
-        if (::poll(&waiting, 1, awake.timeout()) <= 0) {
-            awake.giveWay();
+        if (::poll(&waiting, 1, spin.isActive() ? 0 : -1) <= 0) {
+            spin.giveWay();
             continue;
         }
         drain(toWorker_);
         wake(toServer_);
-        awake.stay(Awake::kInterpreter);
+        spin.start(kLookForMore);
     }
 }
 
@@ -88,11 +92,11 @@ void EchoServer::serve()
     watch(epoll, listener_);
     watch(epoll, toServer_);
     int connection = -1;
-    Awake awake;
+    fl::AdaptiveSpin spin;
     while (!ended_) {
         epoll_event event{};
-        if (::epoll_wait(epoll, &event, 1, awake.timeout()) != 1) {
-            awake.giveWay();
+        if (::epoll_wait(epoll, &event, 1, spin.isActive() ? 0 : -1) != 1) {
+            spin.giveWay();
             continue;
         }
         if (event.data.fd == listener_) {
@@ -108,7 +112,7 @@ void EchoServer::serve()
             char request[16 * 1024];
             if (::recv(connection, request, sizeof request, 0) > 0) {
                 wake(toWorker_);
-                awake.stay(Awake::kNetwork);
+                spin.start(kAwake);
             } else {
                 ::close(connection);
                 connection = -1;

@@ -9,7 +9,7 @@
 #include <thread>
 #include <unordered_map>
 
-#include "Awake.h"
+#include "platform/fl/AdaptiveSpin.h"
 
 /// The least that a server of evaluations can do: HTTP/1.1 and WebSockets on one thread, without any checks, in front
 /// of a queue that another thread empties. Only for clients that are known to behave: a request comes in one piece of
@@ -76,7 +76,7 @@ private:
     std::unordered_map<std::uint64_t, Client> clients_;
     std::uint64_t lastId_ = 2; ///< below are the listener's and the answers' descriptors
     std::uint64_t asker_ = 0;  ///< the client of the last task
-    Awake awake_;
+    fl::AdaptiveSpin spin_;
 
     std::mutex mutex_;
     std::condition_variable room_;

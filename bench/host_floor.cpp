@@ -22,8 +22,8 @@
 #include <poll.h>
 #include <pthread.h>
 
-#include "Awake.h"
 #include "FloorServer.h"
+#include "platform/fl/AdaptiveSpin.h"
 
 namespace {
 
@@ -31,6 +31,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kPiece = 8192;
 constexpr std::chrono::milliseconds kLongestDelay{10};
+constexpr std::chrono::microseconds kLookForMore{100}; // as the host does after a task
 constexpr std::size_t kMostOutput = std::size_t{256} << 20;
 constexpr const char* kCapsuleName = "floor.output";
 
@@ -142,11 +143,11 @@ public:
     {
         PyThreadState* state = PyEval_SaveThread();
         FloorServer::Task task;
-        Awake awake;
+        fl::AdaptiveSpin spin;
         for (;;) {
             pollfd waited{server_.taskFd(), POLLIN, 0};
-            if (::poll(&waited, 1, awake.timeout()) <= 0 || !server_.takeTask(task)) {
-                awake.giveWay();
+            if (::poll(&waited, 1, spin.isActive() ? 0 : -1) <= 0 || !server_.takeTask(task)) {
+                spin.giveWay();
                 continue;
             }
             PyEval_RestoreThread(state);
@@ -154,7 +155,7 @@ public:
             handle(task);
             running_ = false;
             state = PyEval_SaveThread();
-            awake.stay(Awake::kInterpreter);
+            spin.start(kLookForMore);
         }
     }
 

@@ -6,12 +6,12 @@
 #include <climits>
 #include <cstdio>
 #include <system_error>
-#include <thread>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
+#include "platform/fl/AdaptiveSpin.h"
 #include "platform/shutdown/ShutdownRegistry.h"
 
 namespace vendra {
@@ -19,12 +19,9 @@ namespace {
 
 using python::PythonHost;
 
-using Clock = std::chrono::steady_clock;
-
 constexpr unsigned kTasksAtOnce = 16;
-/// Whoever waits for an answer before it asks again does so within this time. A processor that went to sleep would take
-/// as long to wake as that takes.
-constexpr std::chrono::microseconds kLinger{100};
+/// Whoever waits for an answer before asking again does so within this time.
+constexpr std::chrono::microseconds kLookForMore{100};
 
 /// "" for a folder that is gone, or whose path is beyond what the system takes.
 std::string currentFolder()
@@ -64,7 +61,7 @@ bool HostLoop::drainSignals()
 Wake HostLoop::wait(int input)
 {
     bool signalled = true; // maybe, before this
-    Clock::time_point lingerUntil;
+    fl::AdaptiveSpin spin;
     for (;;) {
         host_.expectSignals();
         if ((signalled && drainSignals()) || host_.signalNoted()) {
@@ -76,11 +73,11 @@ Wake HostLoop::wait(int input)
             return Wake::leave;
 
         std::array<pollfd, 3> waited = {{{signalRead_, POLLIN, 0}, {engine_.wakeFd(), POLLIN, 0}, {input, POLLIN, 0}}};
-        const int ready = ::poll(waited.data(), waited.size(), Clock::now() < lingerUntil ? 0 : -1);
+        const int ready = ::poll(waited.data(), waited.size(), spin.isActive() ? 0 : -1);
         if (ready < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "The host cannot wait");
         if (ready <= 0) {
-            std::this_thread::yield(); // whoever makes the next task may need this processor for it
+            spin.giveWay(); // whoever makes the next task may need this processor for it
             continue;
         }
         signalled = waited[0].revents != 0;
@@ -88,7 +85,7 @@ Wake HostLoop::wait(int input)
             continue;
         if (waited[1].revents != 0) {
             runTasks();
-            lingerUntil = Clock::now() + kLinger;
+            spin.start(kLookForMore);
         }
         if (waited[2].revents != 0 && !host_.leaveStatus())
             return Wake::input;

@@ -1,7 +1,6 @@
 #include "connector/http/engine/Loop.h"
 
 #include <ctime>
-#include <thread>
 
 #include <boost/asio/post.hpp>
 
@@ -65,18 +64,17 @@ void Loop::run()
 /// False when nothing came in time.
 bool Loop::runWhileAwake()
 {
-    if (awakeUntil_.load(std::memory_order_relaxed) == Clock::time_point())
-        return false;
-    const auto begin = Clock::now();
-    for (auto now = begin; now < awakeUntil_.load(std::memory_order_relaxed); now = Clock::now()) {
-        if (context_.poll_one() > 0) {
-            awake_ += now - begin;
-            return true;
-        }
-        std::this_thread::yield(); // whoever is to answer may need this processor for it
+    if (awakeWanted_.load(std::memory_order_relaxed)) {
+        awakeWanted_.store(false, std::memory_order_relaxed);
+        spin_.start(kAwake);
     }
-    awake_ += Clock::now() - begin;
-    awakeUntil_.store({}, std::memory_order_relaxed);
+    while (spin_.isActive()) {
+        const auto begin = Clock::now();
+        if (context_.poll_one() > 0)
+            return true;
+        spin_.giveWay(); // whoever is to answer may need this processor for it
+        spun_ += Clock::now() - begin;
+    }
     return false;
 }
 
@@ -233,7 +231,7 @@ void Loop::measureLoad()
     const auto elapsed = now - measuredAt_;
     if (elapsed < kLoadWindow)
         return;
-    const auto cpuTime = cpuTimeOfThread() - awake_;
+    const auto cpuTime = cpuTimeOfThread() - spun_;
     load_ = std::chrono::duration<double>(cpuTime - cpuTime_) / std::chrono::duration<double>(elapsed);
     measuredAt_ = now;
     cpuTime_ = cpuTime;

@@ -19,6 +19,7 @@
 #include "connector/http/engine/ResponseHead.h"
 #include "connector/http/engine/ServerCore.h"
 #include "connector/http/engine/Stream.h"
+#include "platform/fl/AdaptiveSpin.h"
 
 namespace connector::http::engine {
 
@@ -62,7 +63,7 @@ public:
     void stayAwakeFor(const void* client) noexcept
     {
         if (asker_.exchange(client, std::memory_order_relaxed) == client)
-            awakeUntil_.store(Clock::now() + kAwake, std::memory_order_relaxed);
+            awakeWanted_.store(true, std::memory_order_relaxed);
     }
 
     /// Runs `work` after the handler that is running, if that is one of `inTurn`, else in turn with everything else.
@@ -150,10 +151,11 @@ private:
     std::chrono::milliseconds sweepInterval_;
     std::atomic<double> load_{0.0};
     Clock::time_point measuredAt_{};
-    std::chrono::nanoseconds cpuTime_{};       ///< without `awake_`
+    std::chrono::nanoseconds cpuTime_{};       ///< without `spun_`
     std::atomic<const void*> asker_ = nullptr; ///< the last one of `stayAwakeFor`
-    std::atomic<Clock::time_point> awakeUntil_{};
-    std::chrono::nanoseconds awake_{}; ///< time spent looking for work that did not come
+    std::atomic<bool> awakeWanted_ = false;
+    fl::AdaptiveSpin spin_;
+    std::chrono::nanoseconds spun_{}; ///< time spent looking for work that did not come
     std::unordered_map<Peer*, std::shared_ptr<Peer>> peers_;
     std::deque<std::unique_ptr<Soon>> soon_;
     bool inTurn_ = false;
