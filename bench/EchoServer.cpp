@@ -10,13 +10,9 @@
 
 #include <system_error>
 
-#include "platform/fl/AdaptiveSpin.h"
+#include "platform/fl/adaptive_spin.h"
 
 namespace {
-
-// As the host and the connector do.
-constexpr std::chrono::microseconds kLookForMore{100};
-constexpr std::chrono::microseconds kAwake{40};
 
 void wake(int descriptor)
 {
@@ -82,7 +78,7 @@ void EchoServer::work()
         }
         drain(toWorker_);
         wake(toServer_);
-        spin.start(kLookForMore);
+        spin.start(fl::AdaptiveSpin::kForNextTask);
     }
 }
 
@@ -112,7 +108,7 @@ void EchoServer::serve()
             char request[16 * 1024];
             if (::recv(connection, request, sizeof request, 0) > 0) {
                 wake(toWorker_);
-                spin.start(kAwake);
+                spin.start(fl::AdaptiveSpin::kForAnswer);
             } else {
                 ::close(connection);
                 connection = -1;

@@ -20,7 +20,6 @@ namespace {
 constexpr std::uint64_t kListener = 1;
 constexpr std::uint64_t kAnswers = 2;
 constexpr unsigned kClose = 8;
-constexpr std::chrono::microseconds kAwake{40}; // as the connector's I/O threads do
 
 void set(int descriptor) { [[maybe_unused]] const int failed = ::eventfd_write(descriptor, 1); }
 
@@ -242,7 +241,7 @@ bool FloorServer::takeFrame(std::uint64_t id, Client& client)
 void FloorServer::post(Task task)
 {
     if (std::exchange(asker_, task.client) == task.client)
-        spin_.start(kAwake);
+        spin_.start(fl::AdaptiveSpin::kForAnswer);
     std::lock_guard lock(mutex_);
     if (tasks_.size() >= kMostTasks)
         return;

@@ -9,7 +9,7 @@
 #include <thread>
 #include <unordered_map>
 
-#include "platform/fl/AdaptiveSpin.h"
+#include "platform/fl/adaptive_spin.h"
 
 /// The least that a server of evaluations can do: HTTP/1.1 and WebSockets on one thread, without any checks, in front
 /// of a queue that another thread empties. Only for clients that are known to behave: a request comes in one piece of

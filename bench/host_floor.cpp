@@ -23,7 +23,7 @@
 #include <pthread.h>
 
 #include "FloorServer.h"
-#include "platform/fl/AdaptiveSpin.h"
+#include "platform/fl/adaptive_spin.h"
 
 namespace {
 
@@ -31,7 +31,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kPiece = 8192;
 constexpr std::chrono::milliseconds kLongestDelay{10};
-constexpr std::chrono::microseconds kLookForMore{100}; // as the host does after a task
 constexpr std::size_t kMostOutput = std::size_t{256} << 20;
 constexpr const char* kCapsuleName = "floor.output";
 
@@ -155,7 +154,7 @@ public:
             handle(task);
             running_ = false;
             state = PyEval_SaveThread();
-            spin.start(kLookForMore);
+            spin.start(fl::AdaptiveSpin::kForNextTask);
         }
     }
 

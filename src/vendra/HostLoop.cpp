@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <system_error>
@@ -11,7 +10,6 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include "platform/fl/AdaptiveSpin.h"
 #include "platform/shutdown/ShutdownRegistry.h"
 
 namespace vendra {
@@ -20,8 +18,6 @@ namespace {
 using python::PythonHost;
 
 constexpr unsigned kTasksAtOnce = 16;
-/// Whoever waits for an answer before asking again does so within this time.
-constexpr std::chrono::microseconds kLookForMore{100};
 
 /// "" for a folder that is gone, or whose path is beyond what the system takes.
 std::string currentFolder()
@@ -61,7 +57,6 @@ bool HostLoop::drainSignals()
 Wake HostLoop::wait(int input)
 {
     bool signalled = true; // maybe, before this
-    fl::AdaptiveSpin spin;
     for (;;) {
         host_.expectSignals();
         if ((signalled && drainSignals()) || host_.signalNoted()) {
@@ -73,11 +68,11 @@ Wake HostLoop::wait(int input)
             return Wake::leave;
 
         std::array<pollfd, 3> waited = {{{signalRead_, POLLIN, 0}, {engine_.wakeFd(), POLLIN, 0}, {input, POLLIN, 0}}};
-        const int ready = ::poll(waited.data(), waited.size(), spin.isActive() ? 0 : -1);
+        const int ready = ::poll(waited.data(), waited.size(), spin_.isActive() ? 0 : -1);
         if (ready < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "The host cannot wait");
         if (ready <= 0) {
-            spin.giveWay(); // whoever makes the next task may need this processor for it
+            spin_.giveWay(); // whoever makes the next task may need this processor for it
             continue;
         }
         signalled = waited[0].revents != 0;
@@ -85,7 +80,7 @@ Wake HostLoop::wait(int input)
             continue;
         if (waited[1].revents != 0) {
             runTasks();
-            spin.start(kLookForMore);
+            spin_.start(fl::AdaptiveSpin::kForNextTask);
         }
         if (waited[2].revents != 0 && !host_.leaveStatus())
             return Wake::input;

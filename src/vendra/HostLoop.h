@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "platform/fl/adaptive_spin.h"
 #include "platform/rqe/LocalRQE.h"
 #include "vendra/LineReader.h"
 #include "vendra/python/PythonHost.h"
@@ -47,6 +48,7 @@ private:
     int signalRead_ = -1;
     int signalWrite_ = -1;
     std::string folder_;
+    fl::AdaptiveSpin spin_;
 };
 
 } // namespace vendra

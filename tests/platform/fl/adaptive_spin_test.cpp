@@ -1,4 +1,4 @@
-#include "platform/fl/AdaptiveSpin.h"
+#include "platform/fl/adaptive_spin.h"
 
 #include <gtest/gtest.h>
 

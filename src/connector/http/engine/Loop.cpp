@@ -66,7 +66,7 @@ bool Loop::runWhileAwake()
 {
     if (awakeWanted_.load(std::memory_order_relaxed)) {
         awakeWanted_.store(false, std::memory_order_relaxed);
-        spin_.start(kAwake);
+        spin_.start(fl::AdaptiveSpin::kForAnswer);
     }
     while (spin_.isActive()) {
         const auto begin = Clock::now();
@@ -232,7 +232,8 @@ void Loop::measureLoad()
     if (elapsed < kLoadWindow)
         return;
     const auto cpuTime = cpuTimeOfThread() - spun_;
-    load_ = std::chrono::duration<double>(cpuTime - cpuTime_) / std::chrono::duration<double>(elapsed);
+    // Others may have had the processor while this thread looked for work.
+    load_ = std::max(0.0, std::chrono::duration<double>(cpuTime - cpuTime_) / std::chrono::duration<double>(elapsed));
     measuredAt_ = now;
     cpuTime_ = cpuTime;
 }

@@ -19,7 +19,7 @@
 #include "connector/http/engine/ResponseHead.h"
 #include "connector/http/engine/ServerCore.h"
 #include "connector/http/engine/Stream.h"
-#include "platform/fl/AdaptiveSpin.h"
+#include "platform/fl/adaptive_spin.h"
 
 namespace connector::http::engine {
 
@@ -32,7 +32,6 @@ class Loop final : public std::enable_shared_from_this<Loop>
 public:
     using Clock = std::chrono::steady_clock;
     static constexpr std::chrono::milliseconds kLateness{2};
-    static constexpr std::chrono::microseconds kAwake{40};
 
     explicit Loop(std::shared_ptr<ServerCore> core);
     ~Loop();
@@ -58,7 +57,7 @@ public:
     void wakeLate(std::weak_ptr<Peer> peer);
 
     /// `client` asked for something that another thread often answers within microseconds. Where nobody else asked
-    /// since its last time, the loop's thread looks for work for kAwake and does not sleep, as then its processor would
+    /// since its last time, the loop's thread looks for work for a moment before it sleeps, as then its processor would
     /// too, and takes longer to wake than that. Any thread.
     void stayAwakeFor(const void* client) noexcept
     {

@@ -16,6 +16,11 @@ public:
     using Clock = std::chrono::steady_clock;
     using Duration = Clock::duration;
 
+    /// For the next task of whoever was just answered.
+    static constexpr Duration kForNextTask = std::chrono::microseconds(100);
+    /// For the answer to what another thread was asked.
+    static constexpr Duration kForAnswer = std::chrono::microseconds(40);
+
     /// There was work: to look for more is worth while for `time`, unless it lately was not.
     void start(Duration time)
     {
