@@ -96,7 +96,8 @@ class AsyncEval(unittest.TestCase):
         for verb, data, code in (("dance", {}, "unknownType"), ("eval", {}, "badMessage"),
                                  ("eval", {"code": 1}, "badMessage"), ("eval", {"code": "", "deadline": -1}, "badMessage"),
                                  ("eval", {"code": "", "outputChannel": "/meta/x"}, "badRequest"),
-                                 ("start", {"code": None}, "badMessage"), ("attach", {"id": "none"}, "notFound"),
+                                 ("start", {"code": None}, "badMessage"), ("eval", {"code": "", "deadlin": 5}, "badMessage"),
+                                 ("start", {"code": "", "wantvalue": False}, "badMessage"), ("list", {"all": True}, "badMessage"), ("attach", {"id": "none"}, "notFound"),
                                  ("cancel", {"id": ""}, "notFound"), ("input", {"id": "x"}, "badMessage")):
             self.assertEqual(client.call(verb, **data)["fault"]["code"], code, (verb, data))
         for channel in ("variables", "folder", "state"):

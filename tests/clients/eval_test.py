@@ -41,6 +41,20 @@ class SharedHost(unittest.TestCase):
         answer = evaluate(self.host, "import sys\nprint('out')\nprint('err', file=sys.stderr)\n[1, 2.5, None]")
         self.assertEqual((answer["value"], answer["output"]), ([1, 2.5, None], "out\nerr\n"))
 
+    def test_misspelt_members_are_told(self):
+        def told(**message):
+            status, bare = self.host.post(json.dumps(message))
+            _, body = self.host.post(json.dumps({"messages": [message]}))
+            fault = json.loads(body)["messages"][0]
+            self.assertEqual((status, bare.strip(), fault["code"]), (400, fault["message"], "badMessage"))
+            return fault["message"]
+
+        self.assertEqual(told(type="Eval", code="missing = 1", deadlin=5), "deadlin: there is no such member here")
+        self.assertEqual(evaluate(self.host, "'missing' in dir()")["value"], False)
+        self.assertEqual(told(type="FEval", function="len", uses=[{"argument": 0, "call": 0, "resul": 1}]),
+                         "uses[0].resul: there is no such member here")
+        self.assertEqual(told(type="GetUserHomeDir", path=None)[:5], "path:")
+
     def test_errors(self):
         answer = evaluate(self.host, "def f():\n    return 1 // 0\n\nf()")
         self.assertEqual((answer["type"], answer["code"], answer["error"]), ("Fault", "scriptError", "ZeroDivisionError"))

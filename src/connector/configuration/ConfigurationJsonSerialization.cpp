@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "connector/configuration/ConfigurationServiceProvider.h"
-#include "connector/json/JsonFields.h"
+#include "connector/json/Members.h"
 
 namespace connector::configuration {
 
@@ -28,15 +28,15 @@ Var valueToJson(const Value& value)
         value);
 }
 
-Value requireSettingValue(const Object& object)
+Value requireSettingValue(json::Members& members)
 {
-    const auto value = json::requireValue(object, "value");
+    const auto value = members.requireValue("value");
     if (value.type() == typeid(std::string))
         return value.extract<std::string>();
     if (value.type() == typeid(bool))
         return value.extract<bool>();
-    if (object.isArray("value"))
-        return json::requireStrings(object, "value");
+    if (value.type() == typeid(json::Array::Ptr))
+        return members.requireStrings("value");
     return json::within(std::string("value"), [&]() -> Value {
         if (!value.isEmpty() && value.isInteger())
             return json::asInteger(value);
@@ -54,9 +54,9 @@ Object::Ptr encodeGet(const GetConfiguration& message)
     return object;
 }
 
-std::unique_ptr<GetConfiguration> decodeGet(const Object& object)
+std::unique_ptr<GetConfiguration> decodeGet(json::Members& members)
 {
-    return std::make_unique<GetConfiguration>(json::optionalString(object, "name"));
+    return std::make_unique<GetConfiguration>(members.optionalString("name"));
 }
 
 Object::Ptr encodeSet(const SetConfiguration& message)
@@ -67,9 +67,9 @@ Object::Ptr encodeSet(const SetConfiguration& message)
     return object;
 }
 
-std::unique_ptr<SetConfiguration> decodeSet(const Object& object)
+std::unique_ptr<SetConfiguration> decodeSet(json::Members& members)
 {
-    return std::make_unique<SetConfiguration>(json::requireString(object, "name"), requireSettingValue(object));
+    return std::make_unique<SetConfiguration>(members.requireString("name"), requireSettingValue(members));
 }
 
 Object::Ptr encodeValues(const ConfigurationValues& message)
@@ -88,16 +88,17 @@ Object::Ptr encodeValues(const ConfigurationValues& message)
     return object;
 }
 
-std::unique_ptr<ConfigurationValues> decodeValues(const Object& object)
+std::unique_ptr<ConfigurationValues> decodeValues(json::Members& members)
 {
     std::vector<Setting> settings;
-    for (const auto& value : *json::requireArray(object, "values")) {
+    for (const auto& value : *members.requireArray("values")) {
         json::within(std::string("values"), [&] {
             json::within(settings.size(), [&] {
-                const auto setting = json::asObject(value);
-                settings.push_back({json::requireString(*setting, "name"), requireSettingValue(*setting),
-                                    json::requireString(*setting, "source"),
-                                    json::optionalString(*setting, "description")});
+                const auto object = json::asObject(value);
+                json::Members setting(*object);
+                settings.push_back({setting.requireString("name"), requireSettingValue(setting),
+                                    setting.requireString("source"), setting.optionalString("description")});
+                setting.refuseOthers();
             });
         });
     }

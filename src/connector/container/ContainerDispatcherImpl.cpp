@@ -153,11 +153,12 @@ MessageFuture ContainerDispatcherImpl::dispatch(std::unique_ptr<ContainerRequest
     for (std::size_t i = 0; i < request->entries.size(); ++i) {
         auto& entry = request->entries[i];
         try {
+            // A type that is not for clients is none to them, however its message is made.
+            const auto mapping = find(entry.type);
+            if (!mapping && !entry.type.empty())
+                throw ServiceFault("unknownType", "No service takes messages of type \"" + entry.type + "\".");
             if (entry.failure)
                 std::rethrow_exception(entry.failure);
-            const auto mapping = find(entry.type);
-            if (!mapping)
-                throw ServiceFault("unknownType", "No service takes messages of type \"" + entry.type + "\".");
             if (mapping->together) {
                 auto& group = together[entry.type];
                 if (!group.request) {

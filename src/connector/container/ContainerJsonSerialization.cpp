@@ -3,7 +3,7 @@
 
 #include "connector/container/ContainerHttpServiceProvider.h"
 #include "connector/container/SequenceContainer.h"
-#include "connector/json/JsonFields.h"
+#include "connector/json/Members.h"
 
 namespace connector::container::v1 {
 namespace {
@@ -29,9 +29,9 @@ ContainerRequest::Entry decodeEntry(const json::JsonSerializer& serializer, cons
     return entry;
 }
 
-std::vector<ContainerRequest::Entry> decodeEntries(const json::JsonSerializer& serializer, const Object& object)
+std::vector<ContainerRequest::Entry> decodeEntries(const json::JsonSerializer& serializer, json::Members& members)
 {
-    const auto messages = json::requireArray(object, "messages");
+    const auto messages = members.requireArray("messages");
     if (messages->size() > ContainerJsonSerialization::kMaxMessages)
         throw json::JsonError("messages: at most " + std::to_string(ContainerJsonSerialization::kMaxMessages) +
                               " in one container, not " + std::to_string(messages->size()) + ".");
@@ -41,20 +41,20 @@ std::vector<ContainerRequest::Entry> decodeEntries(const json::JsonSerializer& s
     return entries;
 }
 
-std::unique_ptr<ContainerRequest> decodeRequest(const json::JsonSerializer& serializer, const Object& object)
+std::unique_ptr<ContainerRequest> decodeRequest(const json::JsonSerializer& serializer, json::Members& members)
 {
     auto request = std::make_unique<ContainerRequest>();
-    request->id = json::optionalString(object, "id", {});
-    request->clientType = json::optionalString(object, "clientType", {});
-    request->entries = decodeEntries(serializer, object);
+    request->id = members.optionalString("id");
+    request->clientType = members.optionalString("clientType");
+    request->entries = decodeEntries(serializer, members);
     return request;
 }
 
-std::unique_ptr<SequenceContainer> decodeSequence(const json::JsonSerializer& serializer, const Object& object)
+std::unique_ptr<SequenceContainer> decodeSequence(const json::JsonSerializer& serializer, json::Members& members)
 {
     auto sequence = std::make_unique<SequenceContainer>();
-    sequence->stopOnFailure = json::optionalBool(object, "stopOnFailure", false);
-    sequence->entries = decodeEntries(serializer, object);
+    sequence->stopOnFailure = members.optionalBool("stopOnFailure", false);
+    sequence->entries = decodeEntries(serializer, members);
     return sequence;
 }
 
@@ -103,12 +103,12 @@ ContainerJsonSerialization::ContainerJsonSerialization(std::shared_ptr<json::Jso
     // The serializer owns these functions: a strong reference would keep it alive for ever.
     const auto* types = this->serializer().get();
     add<ContainerRequest>("ContainerRequest", nullptr,
-                          [types](const Object& object) { return decodeRequest(*types, object); });
+                          [types](json::Members& members) { return decodeRequest(*types, members); });
     add<ContainerResponse>(
         "ContainerResponse", [types](const ContainerResponse& response) { return encodeResponse(*types, response); },
         nullptr);
     add<SequenceContainer>("SequenceContainer", nullptr,
-                           [types](const Object& object) { return decodeSequence(*types, object); });
+                           [types](json::Members& members) { return decodeSequence(*types, members); });
     add<SequenceContainerResponse>(
         "SequenceContainerResponse",
         [types](const SequenceContainerResponse& response) { return encodeSequence(*types, response); }, nullptr);

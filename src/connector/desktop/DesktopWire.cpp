@@ -7,12 +7,13 @@
 #include "connector/desktop/DesktopMessages.h"
 #include "connector/desktop/VariableWatch.h"
 #include "connector/json/ArrayJson.h"
-#include "connector/json/JsonFields.h"
 #include "connector/json/JsonText.h"
+#include "connector/json/Members.h"
 
 namespace connector::desktop::v1 {
 namespace {
 
+using json::Members;
 using Poco::Dynamic::Var;
 using Poco::JSON::Array;
 using Poco::JSON::Object;
@@ -25,17 +26,17 @@ constexpr std::size_t kMaxPath = 64;
 constexpr std::int64_t kMinDpi = 10;
 constexpr std::int64_t kMaxDpi = 600;
 
-std::size_t optionalCount(const Object& object, const std::string& name, std::int64_t fallback, std::int64_t minimum,
+std::size_t optionalCount(Members& members, const std::string& name, std::int64_t fallback, std::int64_t minimum,
                           std::int64_t maximum)
 {
-    return static_cast<std::size_t>(json::optionalInteger(object, name, fallback, minimum, maximum));
+    return static_cast<std::size_t>(members.optionalInteger(name, fallback, minimum, maximum));
 }
 
 Var elementOf(const Array& array, std::size_t position) { return array.get(static_cast<unsigned>(position)); }
 
-std::optional<rqe::Range> optionalRange(const Object& object, const std::string& name)
+std::optional<rqe::Range> optionalRange(Members& members, const std::string& name)
 {
-    const auto pair = json::optionalArray(object, name);
+    const auto pair = members.optionalArray(name);
     if (!pair)
         return std::nullopt;
     return json::within(name, [&] {
@@ -57,10 +58,10 @@ rqe::Step stepOf(const Var& value)
     return json::asInteger(value);
 }
 
-rqe::Path optionalPath(const Object& object)
+rqe::Path optionalPath(Members& members)
 {
     rqe::Path path;
-    const auto steps = json::optionalArray(object, "path");
+    const auto steps = members.optionalArray("path");
     if (!steps)
         return path;
     json::within(std::string("path"), [&] {
@@ -73,85 +74,84 @@ rqe::Path optionalPath(const Object& object)
     return path;
 }
 
-std::optional<rqe::PictureQuery> optionalPicture(const Object& object)
+std::optional<rqe::PictureQuery> optionalPicture(Members& members)
 {
-    const auto format = json::optionalString(object, "picture");
-    if (object.isNull("picture"))
+    const auto format = members.optionalString("picture");
+    if (!members.has("picture"))
         return std::nullopt;
     rqe::PictureQuery picture;
     if (format == "svg")
         picture.format = rqe::PictureFormat::svg;
     else if (format != "png")
         throw json::JsonError("picture: expected \"png\" or \"svg\" but found \"" + format + "\"");
-    if (!object.isNull("dpi"))
-        picture.dots = static_cast<unsigned>(json::requireInteger(object, "dpi", kMinDpi, kMaxDpi));
+    if (members.has("dpi"))
+        picture.dots = static_cast<unsigned>(members.requireInteger("dpi", kMinDpi, kMaxDpi));
     return picture;
 }
 
-std::unique_ptr<Workspace> decodeWorkspace(const Object& object)
+std::unique_ptr<Workspace> decodeWorkspace(Members& members)
 {
     auto message = std::make_unique<Workspace>();
-    message->offset = optionalCount(object, "offset", 0, 0, kMaxPosition);
-    message->limit = optionalCount(object, "limit", 1'000, 1, kMaxListed);
-    message->pattern = json::optionalString(object, "pattern");
+    message->offset = optionalCount(members, "offset", 0, 0, kMaxPosition);
+    message->limit = optionalCount(members, "limit", 1'000, 1, kMaxListed);
+    message->pattern = members.optionalString("pattern");
     return message;
 }
 
-std::unique_ptr<Variable> decodeVariable(const Object& object)
+std::unique_ptr<Variable> decodeVariable(Members& members)
 {
     auto message = std::make_unique<Variable>();
-    message->query.name = json::requireString(object, "name");
-    message->query.path = optionalPath(object);
-    message->query.rows = optionalRange(object, "rows");
-    message->query.columns = optionalRange(object, "columns");
-    message->query.offset = optionalCount(object, "offset", 0, 0, kMaxPosition);
-    message->query.limit = optionalCount(object, "limit", 100, 0, kMaxChildren);
-    message->query.picture = optionalPicture(object);
+    message->query.name = members.requireString("name");
+    message->query.path = optionalPath(members);
+    message->query.rows = optionalRange(members, "rows");
+    message->query.columns = optionalRange(members, "columns");
+    message->query.offset = optionalCount(members, "offset", 0, 0, kMaxPosition);
+    message->query.limit = optionalCount(members, "limit", 100, 0, kMaxChildren);
+    message->query.picture = optionalPicture(members);
     return message;
 }
 
-std::unique_ptr<SetVariable> decodeSetVariable(const Object& object)
+std::unique_ptr<SetVariable> decodeSetVariable(Members& members)
 {
     auto message = std::make_unique<SetVariable>();
-    message->name = json::requireString(object, "name");
-    message->path = optionalPath(object);
-    const auto value = json::requireValue(object, "value");
+    message->name = members.requireString("name");
+    message->path = optionalPath(members);
+    const auto value = members.requireValue("value");
     message->value = json::within(std::string("value"), [&] { return json::fromJson(value); });
     return message;
 }
 
-std::unique_ptr<ClearVariable> decodeClearVariable(const Object& object)
+std::unique_ptr<ClearVariable> decodeClearVariable(Members& members)
 {
     auto message = std::make_unique<ClearVariable>();
-    message->name = json::requireString(object, "name");
+    message->name = members.requireString("name");
     return message;
 }
 
-std::unique_ptr<VariableChange> decodeVariableChange(const Object& object)
+std::unique_ptr<VariableChange> decodeVariableChange(Members& members)
 {
     auto message = std::make_unique<VariableChange>();
-    message->subscribe = json::optionalBool(object, "subscribe", true);
-    message->since = json::optionalString(object, "since");
-    message->wait =
-        std::chrono::milliseconds(json::optionalInteger(object, "wait", 0, 0, VariableWatch::kMaxWait.count()));
+    message->subscribe = members.optionalBool("subscribe", true);
+    message->since = members.optionalString("since");
+    message->wait = std::chrono::milliseconds(members.optionalInteger("wait", 0, 0, VariableWatch::kMaxWait.count()));
     return message;
 }
 
-std::unique_ptr<TabCompletion> decodeTabCompletion(const Object& object)
+std::unique_ptr<TabCompletion> decodeTabCompletion(Members& members)
 {
     auto message = std::make_unique<TabCompletion>();
-    message->text = json::requireString(object, "text");
-    if (!object.isNull("cursor"))
-        message->cursor = static_cast<std::size_t>(json::requireInteger(object, "cursor", 0, kMaxPosition));
-    message->limit = optionalCount(object, "limit", 200, 1, kMaxCandidates);
+    message->text = members.requireString("text");
+    if (members.has("cursor"))
+        message->cursor = static_cast<std::size_t>(members.requireInteger("cursor", 0, kMaxPosition));
+    message->limit = optionalCount(members, "limit", 200, 1, kMaxCandidates);
     return message;
 }
 
-std::unique_ptr<CurrentFolder> decodeCurrentFolder(const Object& object)
+std::unique_ptr<CurrentFolder> decodeCurrentFolder(Members& members)
 {
     auto message = std::make_unique<CurrentFolder>();
-    if (!object.isNull("path"))
-        message->path = json::requireString(object, "path");
+    if (members.has("path"))
+        message->path = members.requireString("path");
     return message;
 }
 

@@ -1,21 +1,21 @@
 #include "connector/hitchhiker/HitchhikerWire.h"
 
 #include "connector/hitchhiker/HitchhikerMessages.h"
-#include "connector/json/JsonFields.h"
+#include "connector/json/Members.h"
 
 namespace connector::hitchhiker::v1 {
 namespace {
 
 using json::Object;
 
-std::unique_ptr<QueueHitchhiker> decodeQueue(const json::JsonSerializer& serializer, const Object& object)
+std::unique_ptr<QueueHitchhiker> decodeQueue(const json::JsonSerializer& serializer, json::Members& members)
 {
     auto message = std::make_unique<QueueHitchhiker>();
-    message->session = json::optionalString(object, "session");
-    const bool all = json::optionalBool(object, "allSessions", false);
+    message->session = members.optionalString("session");
+    const bool all = members.optionalBool("allSessions", false);
     if (all != message->session.empty())
         throw json::JsonError("session: expected a session's id, or allSessions to be true, and not both");
-    message->message = json::requireObject(object, "message");
+    message->message = members.requireObject("message");
     json::within(std::string("message"), [&] {
         const auto type = json::requireString(*message->message, "type");
         if (!serializer.knows(type))
@@ -48,7 +48,7 @@ HitchhikerJsonSerialization::HitchhikerJsonSerialization(std::shared_ptr<json::J
     // The serializer owns these functions: a strong reference would keep it alive for ever.
     const auto* types = this->serializer().get();
     add<QueueHitchhiker>("QueueHitchhiker", nullptr,
-                         [types](const Object& object) { return decodeQueue(*types, object); });
+                         [types](json::Members& members) { return decodeQueue(*types, members); });
     add<QueueHitchhikerResponse>("QueueHitchhikerResponse", encodeQueued, nullptr);
     add<Hitchhiker>("Hitchhiker", encodeHitchhiker, nullptr);
 }

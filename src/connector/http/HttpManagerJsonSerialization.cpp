@@ -1,7 +1,7 @@
 #include "connector/http/HttpManagerJsonSerialization.h"
 
 #include "connector/http/HttpManagerMessages.h"
-#include "connector/json/JsonFields.h"
+#include "connector/json/Members.h"
 
 namespace connector::http {
 
@@ -9,9 +9,9 @@ namespace {
 
 using json::Object;
 
-std::uint16_t portMember(const Object& object)
+std::uint16_t portMember(json::Members& members)
 {
-    return static_cast<std::uint16_t>(json::requireInteger(object, "port", 1, 65'535));
+    return static_cast<std::uint16_t>(members.requireInteger("port", 1, 65'535));
 }
 
 Object::Ptr portObject(std::uint16_t port)
@@ -48,20 +48,20 @@ HttpManagerJsonSerialization::HttpManagerJsonSerialization(std::shared_ptr<json:
 {
     add<OpenPort>(
         "OpenPort", [](const OpenPort& message) { return portObject(message.port); },
-        [](const Object& object) {
+        [](json::Members& members) {
             return std::make_unique<OpenPort>(
-                static_cast<std::uint16_t>(json::optionalInteger(object, "port", 0, 0, 65'535)));
+                static_cast<std::uint16_t>(members.optionalInteger("port", 0, 0, 65'535)));
         });
     add<OpenPortResponse>("OpenPortResponse",
                           [](const OpenPortResponse& message) { return portObject(message.port, message.url); }, {});
     add<ClosePort>(
         "ClosePort", [](const ClosePort& message) { return portObject(message.port); },
-        [](const Object& object) { return std::make_unique<ClosePort>(portMember(object)); });
+        [](json::Members& members) { return std::make_unique<ClosePort>(portMember(members)); });
     add<ClosePortResponse>("ClosePortResponse",
                            [](const ClosePortResponse& message) { return portObject(message.port); }, {});
     add<ListPorts>(
         "ListPorts", [](const ListPorts&) { return json::makeObject(); },
-        [](const Object&) { return std::make_unique<ListPorts>(); });
+        [](json::Members&) { return std::make_unique<ListPorts>(); });
     add<ListPortsResponse>("ListPortsResponse",
                            [](const ListPortsResponse& message) {
                                auto object = json::makeObject();
@@ -74,7 +74,7 @@ HttpManagerJsonSerialization::HttpManagerJsonSerialization(std::shared_ptr<json:
                            {});
     add<GetCounters>(
         "GetCounters", [](const GetCounters&) { return json::makeObject(); },
-        [](const Object&) { return std::make_unique<GetCounters>(); });
+        [](json::Members&) { return std::make_unique<GetCounters>(); });
     add<GetCountersResponse>("GetCountersResponse",
                              [](const GetCountersResponse& message) { return countersObject(message.counters); }, {});
 }

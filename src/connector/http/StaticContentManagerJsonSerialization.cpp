@@ -1,7 +1,7 @@
 #include "connector/http/StaticContentManagerJsonSerialization.h"
 
 #include "connector/http/StaticContentManagerMessages.h"
-#include "connector/json/JsonFields.h"
+#include "connector/json/Members.h"
 
 namespace connector::http {
 
@@ -35,24 +35,21 @@ StaticContentManagerJsonSerialization::StaticContentManagerJsonSerialization(
     add<AddContentRoot>(
         "AddContentRoot",
         [](const AddContentRoot& message) { return rootObject(message.prefix, message.folder, message.userFiles); },
-        [](const Object& object) {
-            return std::make_unique<AddContentRoot>(json::requireString(object, "prefix"),
-                                                    json::requireString(object, "folder"),
-                                                    json::optionalBool(object, "userFiles", true));
+        [](json::Members& members) {
+            return std::make_unique<AddContentRoot>(members.requireString("prefix"), members.requireString("folder"),
+                                                    members.optionalBool("userFiles", true));
         });
     add<AddContentRootResponse>("AddContentRootResponse",
                                 [](const AddContentRootResponse& message) { return rootObject(message.root); }, {});
     add<RemoveContentRoot>(
         "RemoveContentRoot", [](const RemoveContentRoot& message) { return prefixObject(message.prefix); },
-        [](const Object& object) {
-            return std::make_unique<RemoveContentRoot>(json::requireString(object, "prefix"));
-        });
+        [](json::Members& members) { return std::make_unique<RemoveContentRoot>(members.requireString("prefix")); });
     add<RemoveContentRootResponse>(
         "RemoveContentRootResponse",
         [](const RemoveContentRootResponse& message) { return prefixObject(message.prefix); }, {});
     add<ListContentRoots>(
         "ListContentRoots", [](const ListContentRoots&) { return json::makeObject(); },
-        [](const Object&) { return std::make_unique<ListContentRoots>(); });
+        [](json::Members&) { return std::make_unique<ListContentRoots>(); });
     add<ListContentRootsResponse>("ListContentRootsResponse",
                                   [](const ListContentRootsResponse& message) {
                                       auto object = json::makeObject();

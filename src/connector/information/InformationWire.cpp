@@ -1,7 +1,7 @@
 #include "connector/information/InformationWire.h"
 
 #include "connector/information/InformationMessages.h"
-#include "connector/json/JsonFields.h"
+#include "connector/json/Members.h"
 
 namespace connector::information::v1 {
 namespace {
@@ -70,15 +70,15 @@ Object::Ptr encodeFeatures(const EnabledFeaturesResponse& response)
     return object;
 }
 
-std::unique_ptr<SetUserHomeDir> decodeSetHome(const Object& object)
+std::unique_ptr<SetUserHomeDir> decodeSetHome(json::Members& members)
 {
     auto message = std::make_unique<SetUserHomeDir>();
-    message->path = json::requireString(object, "path");
+    message->path = members.requireString("path");
     return message;
 }
 
 template <class M>
-std::unique_ptr<M> decodeEmpty(const Object&)
+std::unique_ptr<M> decodeEmpty(json::Members&)
 {
     return std::make_unique<M>();
 }

@@ -27,7 +27,7 @@ constexpr std::size_t kTitleBytes = 200;
 struct Request
 {
     const bayeux::BayeuxMessage& message;
-    const Object& data;
+    json::Members& data;
     Poco::Dynamic::Var tag; ///< of the client's, goes into the answer
 
     const bayeux::SessionPtr& sender() const noexcept { return message.sender; }
@@ -103,7 +103,7 @@ private:
     template <class Call, class Response>
     Object::Ptr call(const Request& request, std::unique_ptr<Call> message,
                      Object::Ptr (*encode)(const Response& response));
-    std::shared_ptr<void> pathFor(const Object& data) const;
+    std::shared_ptr<void> pathFor(const std::string& clientType) const;
     KeptPtr find(const Request& request) const;
     void add(const KeptPtr& kept);
     void removeOld();
@@ -136,7 +136,9 @@ void AsyncEvalService::Impl::handle(const bayeux::BayeuxMessage& message)
         const auto handler = kHandlers.find(name);
         if (handler == kHandlers.end())
             throw ServiceFault("unknownType", "There is no \"" + std::string(name) + "\" here.");
-        if (const auto members = (this->*handler->second)({message, *data, tag}))
+        json::Members asked(*data);
+        asked.allow("tag");
+        if (const auto members = (this->*handler->second)({message, asked, tag}))
             reply(message.sender, message.channel, tag, members);
     } catch (...) {
         replyFault(message.sender, message.channel, tag, std::current_exception());
@@ -174,9 +176,8 @@ void AsyncEvalService::Impl::requireEngine() const
 }
 
 /// The folders of a client type, on the search path until the result dies.
-std::shared_ptr<void> AsyncEvalService::Impl::pathFor(const Object& data) const
+std::shared_ptr<void> AsyncEvalService::Impl::pathFor(const std::string& clientType) const
 {
-    const auto clientType = json::optionalString(data, "clientType");
     if (clientType.empty() || !shadows_)
         return nullptr;
     try {
@@ -195,12 +196,14 @@ Object::Ptr AsyncEvalService::Impl::call(const Request& request, std::unique_ptr
                                          Object::Ptr (*encode)(const Response& response))
 {
     requireEngine();
+    const auto clientType = request.data.optionalString("clientType");
+    request.data.refuseOthers();
     EngineTask::Terms terms;
     terms.maxOutputBytes = kMaxOutputBytes;
     if (!message->outputChannel.empty())
         terms.streamed = std::make_shared<StreamedOutput>(message->outputChannel, pump_);
     terms.isWanted = [sender = request.sender()] { return !sender->isOver(); };
-    terms.keep = pathFor(request.data);
+    terms.keep = pathFor(clientType);
     EngineTask::post(makeTask(engine_, std::move(message), std::move(terms)), *uncancelled_)
         .then([sender = request.sender(), channel = request.message.channel, tag = request.tag, encode,
                engine = engine_](MessageFuture settled) {
@@ -236,13 +239,15 @@ Object::Ptr AsyncEvalService::Impl::feval(const Request& request)
 Object::Ptr AsyncEvalService::Impl::start(const Request& request)
 {
     auto message = decodeEval(request.data);
+    const auto clientType = request.data.optionalString("clientType");
+    request.data.refuseOthers();
     requireEngine();
     auto kept = std::make_shared<Kept>();
     kept->evaluation = std::make_shared<Evaluation>(common::randomHex(kIdBytes), pump_, Evaluation::Limits());
     kept->title = message->code.substr(0, kTitleBytes);
     kept->httpSession = request.sender()->httpSessionId();
     add(kept);
-    auto task = std::make_unique<AsyncTask>(kept, std::move(message), engine_, pathFor(request.data));
+    auto task = std::make_unique<AsyncTask>(kept, std::move(message), engine_, pathFor(clientType));
 
     // The id has to be there before the first event.
     auto members = json::makeObject();
@@ -261,7 +266,8 @@ Object::Ptr AsyncEvalService::Impl::start(const Request& request)
 Object::Ptr AsyncEvalService::Impl::attach(const Request& request)
 {
     const auto evaluation = find(request)->evaluation;
-    const auto after = json::optionalInteger(request.data, "after", 0, 0);
+    const auto after = request.data.optionalInteger("after", 0, 0);
+    request.data.refuseOthers();
     const auto summary = evaluation->summary();
     if (!evaluation->attach(request.sender(), static_cast<std::uint64_t>(after)))
         throw ServiceFault("busy", "The evaluation has " + std::to_string(Evaluation::kMaxReaders) + " readers.");
@@ -275,13 +281,16 @@ Object::Ptr AsyncEvalService::Impl::attach(const Request& request)
 
 Object::Ptr AsyncEvalService::Impl::detach(const Request& request)
 {
+    const auto kept = find(request);
+    request.data.refuseOthers();
     auto members = json::makeObject();
-    members->set("detached", find(request)->evaluation->detach(*request.sender()));
+    members->set("detached", kept->evaluation->detach(*request.sender()));
     return members;
 }
 
-Object::Ptr AsyncEvalService::Impl::list(const Request&)
+Object::Ptr AsyncEvalService::Impl::list(const Request& request)
 {
+    request.data.refuseOthers();
     std::vector<KeptPtr> kept;
     {
         std::lock_guard lock(mutex_);
@@ -309,6 +318,7 @@ Object::Ptr AsyncEvalService::Impl::list(const Request&)
 Object::Ptr AsyncEvalService::Impl::cancel(const Request& request)
 {
     const auto kept = find(request);
+    request.data.refuseOthers();
     requireEngine();
     auto members = json::makeObject();
     members->set("cancelled", engine_->cancel(kept->task) || engine_->interrupt(kept->task));
@@ -317,11 +327,13 @@ Object::Ptr AsyncEvalService::Impl::cancel(const Request& request)
 
 Object::Ptr AsyncEvalService::Impl::input(const Request& request)
 {
-    const bool end = json::optionalBool(request.data, "end", false);
-    std::string line = end ? std::string() : json::requireString(request.data, "text");
+    const bool end = request.data.optionalBool("end", false);
+    std::string line = end ? std::string() : request.data.requireString("text");
+    const auto kept = find(request);
+    request.data.refuseOthers();
     if (!end && !line.ends_with('\n'))
         line += '\n';
-    if (!find(request)->evaluation->answer(std::move(line)))
+    if (!kept->evaluation->answer(std::move(line)))
         throw ServiceFault("notAsked", "The evaluation does not wait for input.");
     return json::makeObject();
 }
@@ -329,6 +341,7 @@ Object::Ptr AsyncEvalService::Impl::input(const Request& request)
 Object::Ptr AsyncEvalService::Impl::forget(const Request& request)
 {
     const auto kept = find(request);
+    request.data.refuseOthers();
     if (kept->evaluation->summary().state != Evaluation::State::ended)
         throw ServiceFault("busy", "The evaluation has not ended.");
     std::lock_guard lock(mutex_);
@@ -336,8 +349,9 @@ Object::Ptr AsyncEvalService::Impl::forget(const Request& request)
     return json::makeObject();
 }
 
-Object::Ptr AsyncEvalService::Impl::interrupt(const Request&)
+Object::Ptr AsyncEvalService::Impl::interrupt(const Request& request)
 {
+    request.data.refuseOthers();
     auto members = json::makeObject();
     members->set("interrupted", engine_ && engine_->interrupt());
     return members;
@@ -345,7 +359,7 @@ Object::Ptr AsyncEvalService::Impl::interrupt(const Request&)
 
 AsyncEvalService::Impl::KeptPtr AsyncEvalService::Impl::find(const Request& request) const
 {
-    const auto id = json::requireString(request.data, "id");
+    const auto id = request.data.requireString("id");
     std::lock_guard lock(mutex_);
     const auto found =
         std::find_if(kept_.begin(), kept_.end(), [&](const KeptPtr& kept) { return kept->evaluation->id() == id; });

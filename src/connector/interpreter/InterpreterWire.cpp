@@ -6,7 +6,7 @@
 #include "connector/interpreter/InterpreterJson.h"
 #include "connector/interpreter/InterpreterMessages.h"
 #include "connector/json/ArrayJson.h"
-#include "connector/json/JsonFields.h"
+#include "connector/json/Members.h"
 
 namespace connector::interpreter::v1 {
 namespace {
@@ -17,29 +17,32 @@ constexpr std::int64_t kMaxResults = 100;
 constexpr std::int64_t kMaxDeadline = std::chrono::milliseconds(std::chrono::hours(24)).count();
 constexpr std::int64_t kMaxPosition = 1'000'000;
 
-std::chrono::milliseconds decodeDeadline(const Object& object)
+std::chrono::milliseconds decodeDeadline(json::Members& members)
 {
-    return std::chrono::milliseconds(json::optionalInteger(object, "deadline", 0, 0, kMaxDeadline));
+    return std::chrono::milliseconds(members.optionalInteger("deadline", 0, 0, kMaxDeadline));
 }
 
 FEval::Use decodeUse(const Object& object)
 {
+    json::Members members(object);
     const auto position = [&](const char* name) {
-        return static_cast<std::size_t>(json::requireInteger(object, name, 0, kMaxPosition));
+        return static_cast<std::size_t>(members.requireInteger(name, 0, kMaxPosition));
     };
-    return {position("argument"), position("call"), object.has("result") ? position("result") : 0};
+    const FEval::Use use{position("argument"), position("call"), members.has("result") ? position("result") : 0};
+    members.refuseOthers();
+    return use;
 }
 
 } // namespace
 
-std::unique_ptr<Eval> decodeEval(const Object& object)
+std::unique_ptr<Eval> decodeEval(json::Members& members)
 {
     auto message = std::make_unique<Eval>();
-    message->code = json::requireString(object, "code");
-    message->wantValue = json::optionalBool(object, "wantValue", true);
-    message->echo = json::optionalBool(object, "echo", false);
-    message->deadline = decodeDeadline(object);
-    message->outputChannel = json::optionalString(object, "outputChannel");
+    message->code = members.requireString("code");
+    message->wantValue = members.optionalBool("wantValue", true);
+    message->echo = members.optionalBool("echo", false);
+    message->deadline = decodeDeadline(members);
+    message->outputChannel = members.optionalString("outputChannel");
     return message;
 }
 
@@ -68,21 +71,20 @@ Object::Ptr encodeEvalResponse(const EvalResponse& response)
     return object;
 }
 
-std::unique_ptr<FEval> decodeFEval(const Object& object)
+std::unique_ptr<FEval> decodeFEval(json::Members& members)
 {
     auto message = std::make_unique<FEval>();
-    message->function = json::requireString(object, "function");
-    message->results = static_cast<std::size_t>(json::optionalInteger(object, "results", 1, 0, kMaxResults));
-    if (object.has("arguments")) {
-        const auto arguments = json::requireArray(object, "arguments");
+    message->function = members.requireString("function");
+    message->results = static_cast<std::size_t>(members.optionalInteger("results", 1, 0, kMaxResults));
+    if (const auto arguments = members.optionalArray("arguments")) {
         for (std::size_t i = 0; i < arguments->size(); ++i)
             message->arguments.push_back(json::within(std::string("arguments"), [&] {
                 return json::within(i, [&] { return json::fromJson(arguments->get(static_cast<unsigned>(i))); });
             }));
     }
-    message->deadline = decodeDeadline(object);
-    message->outputChannel = json::optionalString(object, "outputChannel");
-    if (const auto uses = json::optionalArray(object, "uses"))
+    message->deadline = decodeDeadline(members);
+    message->outputChannel = members.optionalString("outputChannel");
+    if (const auto uses = members.optionalArray("uses"))
         for (std::size_t i = 0; i < uses->size(); ++i)
             message->uses.push_back(json::within(std::string("uses"), [&] {
                 return json::within(i, [&] { return decodeUse(*json::asObject(uses->get(static_cast<unsigned>(i)))); });
@@ -119,7 +121,7 @@ InterpreterJsonSerialization::InterpreterJsonSerialization(std::shared_ptr<json:
     add<EvalResponse>("EvalResponse", encodeEvalResponse, nullptr);
     add<FEval>("FEval", nullptr, decodeFEval);
     add<FEvalResponse>("FEvalResponse", encodeFEvalResponse, nullptr);
-    add<Interrupt>("Interrupt", nullptr, [](const Object&) { return std::make_unique<Interrupt>(); });
+    add<Interrupt>("Interrupt", nullptr, [](json::Members&) { return std::make_unique<Interrupt>(); });
     add<InterruptResponse>("InterruptResponse", encodeInterruptResponse, nullptr);
 }
 

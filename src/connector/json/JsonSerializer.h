@@ -15,6 +15,8 @@
 
 namespace connector::json {
 
+class Members;
+
 /// A JSON text or value that is not what it should be. The message says where ("messages[2].code: …", "byte 17: …") and
 /// what was wrong.
 class CONNECTOR_API JsonError : public std::invalid_argument
@@ -29,7 +31,7 @@ class CONNECTOR_API JsonSerializer : public std::enable_shared_from_this<JsonSer
 {
 public:
     using Encoder = std::function<Poco::JSON::Object::Ptr(const Message&)>;
-    using Decoder = std::function<std::unique_ptr<Message>(const Poco::JSON::Object&)>;
+    using Decoder = std::function<std::unique_ptr<Message>(Members&)>;
 
     virtual ~JsonSerializer() = default;
 
@@ -43,7 +45,8 @@ public:
 
     /// The object's members and its "type". Throws JsonError for a class that nobody registered or that is not written.
     virtual Poco::JSON::Object::Ptr toJson(const Message& message) const = 0;
-    /// Throws JsonError: no "type", an unknown one, one that is not read, and whatever the decoder finds.
+    /// Throws JsonError: no "type", an unknown one, one that is not read, whatever the decoder finds, and a member that
+    /// it did not ask for. "id" is the sender's.
     virtual std::unique_ptr<Message> fromJson(const Poco::JSON::Object& object) const = 0;
 
     /// Text in UTF-8 from and to a JSON value, within the limits of JsonText.h.
@@ -67,16 +70,14 @@ protected:
     /// For constructors of derived classes. What was added is deregistered by the destructor.
     template <class M>
     void add(const std::string& typeName, std::function<Poco::JSON::Object::Ptr(const M&)> encoder,
-             std::function<std::unique_ptr<M>(const Poco::JSON::Object&)> decoder)
+             std::function<std::unique_ptr<M>(Members&)> decoder)
     {
         JsonSerializer::Encoder encode;
         JsonSerializer::Decoder decode;
         if (encoder)
             encode = [encoder](const Message& message) { return encoder(static_cast<const M&>(message)); };
         if (decoder)
-            decode = [decoder](const Poco::JSON::Object& object) -> std::unique_ptr<Message> {
-                return decoder(object);
-            };
+            decode = [decoder](Members& members) -> std::unique_ptr<Message> { return decoder(members); };
         addType(typeName, typeid(M), std::move(encode), std::move(decode));
     }
 

@@ -5,6 +5,7 @@
 
 #include "connector/json/JsonFields.h"
 #include "connector/json/JsonText.h"
+#include "connector/json/Members.h"
 
 namespace connector::json {
 
@@ -74,7 +75,9 @@ Poco::JSON::Object::Ptr JsonSerializerImpl::toJson(const Message& message) const
 
 std::unique_ptr<Message> JsonSerializerImpl::fromJson(const Poco::JSON::Object& object) const
 {
-    const auto name = requireString(object, "type");
+    Members members(object);
+    const auto name = members.requireString("type");
+    members.allow("id");
     TypePtr type;
     {
         std::shared_lock lock(mutex_);
@@ -85,9 +88,10 @@ std::unique_ptr<Message> JsonSerializerImpl::fromJson(const Poco::JSON::Object& 
         throw JsonError("type: unknown message type \"" + name + "\"");
     if (!type->decode)
         throw JsonError("type: messages of the type \"" + name + "\" are only written");
-    auto message = type->decode(object);
+    auto message = type->decode(members);
     if (!message)
         throw JsonError("type: the decoder of \"" + name + "\" made nothing");
+    members.refuseOthers();
     return message;
 }
 

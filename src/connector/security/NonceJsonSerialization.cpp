@@ -1,6 +1,6 @@
 #include "connector/security/NonceJsonSerialization.h"
 
-#include "connector/json/JsonFields.h"
+#include "connector/json/Members.h"
 #include "connector/security/NonceMessages.h"
 
 namespace connector::security::v1 {
@@ -29,10 +29,10 @@ NonceJsonSerialization::NonceJsonSerialization(std::shared_ptr<json::JsonSeriali
             object->set("lifeSeconds", message.lifeSeconds);
             return object;
         },
-        [](const Object& object) {
+        [](json::Members& members) {
             auto message = std::make_unique<CreateNonce>();
-            message->purpose = json::requireString(object, "purpose");
-            message->lifeSeconds = json::optionalInteger(object, "lifeSeconds", message->lifeSeconds);
+            message->purpose = members.requireString("purpose");
+            message->lifeSeconds = members.optionalInteger("lifeSeconds", message->lifeSeconds);
             return message;
         });
     add<CreateNonceResponse>("CreateNonceResponse",
@@ -44,10 +44,10 @@ NonceJsonSerialization::NonceJsonSerialization(std::shared_ptr<json::JsonSeriali
             object->set("purpose", message.purpose);
             return object;
         },
-        [](const Object& object) {
+        [](json::Members& members) {
             auto message = std::make_unique<RedeemNonce>();
-            message->nonce = json::requireString(object, "nonce");
-            message->purpose = json::requireString(object, "purpose");
+            message->nonce = members.requireString("nonce");
+            message->purpose = members.requireString("purpose");
             return message;
         });
     add<RedeemNonceResponse>("RedeemNonceResponse",
@@ -59,10 +59,10 @@ NonceJsonSerialization::NonceJsonSerialization(std::shared_ptr<json::JsonSeriali
             object->set("lifeSeconds", message.lifeSeconds);
             return object;
         },
-        [](const Object& object) {
+        [](json::Members& members) {
             auto message = std::make_unique<CreateEntryUrl>();
-            message->baseUrl = json::requireString(object, "baseUrl");
-            message->lifeSeconds = json::optionalInteger(object, "lifeSeconds", message->lifeSeconds);
+            message->baseUrl = members.requireString("baseUrl");
+            message->lifeSeconds = members.optionalInteger("lifeSeconds", message->lifeSeconds);
             return message;
         });
     add<CreateEntryUrlResponse>("CreateEntryUrlResponse",

@@ -1,6 +1,6 @@
 #include "connector/shadow_files/ShadowWire.h"
 
-#include "connector/json/JsonFields.h"
+#include "connector/json/Members.h"
 #include "connector/shadow_files/MobileConfigurationServiceProvider.h"
 #include "connector/shadow_files/ShadowServiceProvider.h"
 
@@ -9,10 +9,10 @@ namespace {
 
 using json::Object;
 
-std::unique_ptr<LoadClientTypeFile> decodeLoad(const Object& object)
+std::unique_ptr<LoadClientTypeFile> decodeLoad(json::Members& members)
 {
     auto message = std::make_unique<LoadClientTypeFile>();
-    message->path = json::requireString(object, "path");
+    message->path = members.requireString("path");
     return message;
 }
 
@@ -29,10 +29,10 @@ Object::Ptr encodeLoaded(const LoadClientTypeFileResponse& response)
 }
 
 template <class M>
-std::unique_ptr<M> decodeColor(const Object& object)
+std::unique_ptr<M> decodeColor(json::Members& members)
 {
     auto message = std::make_unique<M>();
-    message->color = json::requireString(object, "color");
+    message->color = members.requireString("color");
     return message;
 }
 
@@ -53,7 +53,7 @@ ShadowJsonSerialization::ShadowJsonSerialization(std::shared_ptr<json::JsonSeria
     add<LoadClientTypeFileResponse>("LoadClientTypeFileResponse", encodeLoaded, nullptr);
 
     add<SetBgColor>("SetBgColor", nullptr, decodeColor<SetBgColor>);
-    add<ResetBgColor>("ResetBgColor", nullptr, [](const Object&) { return std::make_unique<ResetBgColor>(); });
+    add<ResetBgColor>("ResetBgColor", nullptr, [](json::Members&) { return std::make_unique<ResetBgColor>(); });
     add<ChangeDefaultFigureColor>("ChangeDefaultFigureColor", nullptr, decodeColor<ChangeDefaultFigureColor>);
     add<MobileConfigurationResponse<SetBgColor>>("SetBgColorResponse", encodeApplied<SetBgColor>, nullptr);
     add<MobileConfigurationResponse<ResetBgColor>>("ResetBgColorResponse", encodeApplied<ResetBgColor>, nullptr);

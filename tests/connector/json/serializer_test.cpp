@@ -8,6 +8,7 @@
 #include "connector/core/ConnectorImpl2.h"
 #include "connector/json/JsonFields.h"
 #include "connector/json/JsonSerializerServiceProvider.h"
+#include "connector/json/Members.h"
 
 namespace {
 
@@ -36,8 +37,8 @@ public:
                 object->set("text", note.text + mark);
                 return object;
             },
-            [](const Object& object) { return std::make_unique<Note>(requireString(object, "text")); });
-        add<Unknown>("ReadOnly", nullptr, [](const Object&) { return std::make_unique<Unknown>(); });
+            [](Members& members) { return std::make_unique<Note>(members.requireString("text")); });
+        add<Unknown>("ReadOnly", nullptr, [](Members&) { return std::make_unique<Unknown>(); });
     }
 };
 
