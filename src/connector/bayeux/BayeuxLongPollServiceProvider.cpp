@@ -75,7 +75,8 @@ MessageFuture BayeuxLongPollServiceProvider::post(Request&& request, Address&& r
         return makeReadyFuture<std::unique_ptr<Message>>(
             http::refusal(*request, 415, "Messages are posted as application/json."));
 
-    auto whole = http::readWhole(std::move(request), kMaxBytes);
+    const auto maxBytes = configuration_ ? configuration_->getInteger("bus.maxMessageBytes") : kMaxBytes;
+    auto whole = http::readWhole(std::move(request), maxBytes);
     if (whole.isReady())
         return handOn(whole.get(), rest, context);
     return whole.then([rest = std::move(rest), context = std::move(context)](Future<Request> received) {

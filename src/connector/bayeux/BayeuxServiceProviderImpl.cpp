@@ -13,6 +13,11 @@ BayeuxServiceProviderImpl::BayeuxServiceProviderImpl(std::shared_ptr<BayeuxServe
         throw std::invalid_argument("The message bus's service needs its server.");
 }
 
+void BayeuxServiceProviderImpl::configure(std::shared_ptr<configuration::Configuration> configuration)
+{
+    settings_ = std::make_unique<BusSettings>(std::move(configuration), server_);
+}
+
 void BayeuxServiceProviderImpl::starting()
 {
     server_->start();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "connector/bayeux/BayeuxServiceProvider.h"
+#include "connector/bayeux/BusSettings.h"
 #include "platform/rqe/MessageBus.h"
 
 namespace connector::bayeux {
@@ -12,6 +13,9 @@ public:
     /// Throws std::invalid_argument without a server.
     explicit BayeuxServiceProviderImpl(std::shared_ptr<BayeuxServer> server);
 
+    /// Has the server follow the keys `bus.…` while this lives. Before it serves.
+    void configure(std::shared_ptr<configuration::Configuration> configuration);
+
     Future<std::string> handle(BayeuxRequest& request) override;
     void webSocketClosed(const BayeuxWebSocketClosed& message) override;
     const std::shared_ptr<BayeuxServer>& server() const noexcept override { return server_; }
@@ -22,6 +26,7 @@ protected:
 
 private:
     const std::shared_ptr<BayeuxServer> server_;
+    std::unique_ptr<BusSettings> settings_;
     const std::shared_ptr<rqe::MessageBus> scripts_;
 };
 

@@ -43,8 +43,9 @@ private:
 } // namespace
 
 BayeuxWebSocketEndpoint::BayeuxWebSocketEndpoint(Address service, std::shared_ptr<Context> context,
-                                                 std::string peerAddress)
-    : service_(std::move(service)), context_(std::move(context)), peerAddress_(std::move(peerAddress))
+                                                 std::string peerAddress, std::size_t maxMessageBytes)
+    : service_(std::move(service)), context_(std::move(context)), peerAddress_(std::move(peerAddress)),
+      maxWaitingBytes_(maxWaitingBytes(maxMessageBytes))
 {}
 
 void BayeuxWebSocketEndpoint::opened(std::shared_ptr<http::WebSocketConnection> connection)
@@ -63,7 +64,7 @@ void BayeuxWebSocketEndpoint::received(std::string message, bool binary)
         std::lock_guard lock(mutex_);
         if (refused_)
             return;
-        full = waiting_.size() == kMaxWaiting || waitingBytes_ + request->size() > kMaxWaitingBytes;
+        full = waiting_.size() == kMaxWaiting || waitingBytes_ + request->size() > maxWaitingBytes_;
         if (!full && std::exchange(working_, true)) {
             waitingBytes_ += request->size();
             waiting_.push_back(std::move(request));

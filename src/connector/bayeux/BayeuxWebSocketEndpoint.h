@@ -12,7 +12,7 @@ namespace connector::bayeux {
 /// One open WebSocket of the bus. Sends each text message as a BayeuxRequest to the service, one at a time and in
 /// order, and after the last one that the socket closed. Replies go out through the sink, which the service may keep.
 ///
-/// Closes the socket: with 1003 for a binary message; 1008 when more wait than kMaxWaiting or kMaxWaitingBytes; 1007,
+/// Closes the socket: with 1003 for a binary message; 1008 when more wait than kMaxWaiting or maxWaitingBytes; 1007,
 /// 1009 and 1013 for requests that are no JSON, are too large, and come while nobody serves. Other failures are told
 /// within the protocol.
 class BayeuxWebSocketEndpoint final : public http::WebSocketEndpoint,
@@ -20,10 +20,12 @@ class BayeuxWebSocketEndpoint final : public http::WebSocketEndpoint,
 {
 public:
     static constexpr std::size_t kMaxWaiting = 1'000;
-    static constexpr std::size_t kMaxWaitingBytes = 4u << 20;
+    /// What may wait on one socket whose messages have at most so many bytes.
+    static constexpr std::size_t maxWaitingBytes(std::size_t messageBytes) { return 4 * messageBytes; }
 
-    /// `context`: the socket's own. Its token fires when the socket closes.
-    BayeuxWebSocketEndpoint(Address service, std::shared_ptr<Context> context, std::string peerAddress);
+    /// `context`: the socket's own. Its token fires when the socket closes. `maxMessageBytes`: of what is received.
+    BayeuxWebSocketEndpoint(Address service, std::shared_ptr<Context> context, std::string peerAddress,
+                            std::size_t maxMessageBytes);
 
     void opened(std::shared_ptr<http::WebSocketConnection> connection) override;
     void received(std::string message, bool binary) override;
@@ -43,6 +45,7 @@ private:
     const Address service_;
     const std::shared_ptr<Context> context_;
     const std::string peerAddress_;
+    const std::size_t maxWaitingBytes_;
     std::shared_ptr<http::WebSocketConnection> connection_;
     std::shared_ptr<BayeuxChannelSink> sink_;
 

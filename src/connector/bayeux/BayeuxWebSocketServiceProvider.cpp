@@ -1,6 +1,7 @@
 #include "connector/bayeux/BayeuxWebSocketServiceProvider.h"
 
 #include "connector/bayeux/BayeuxWebSocketEndpoint.h"
+#include "connector/bayeux/BusSettings.h"
 #include "connector/core/Connector.h"
 
 namespace connector::bayeux {
@@ -22,11 +23,13 @@ std::shared_ptr<Context> contextOfSocket(const Context& handshake)
 MessageFuture BayeuxWebSocketServiceProvider::handleHttp(std::unique_ptr<http::HttpRequest>&& request, Address&& rest,
                                                          std::shared_ptr<Context>&& context)
 {
+    const auto limits = configuration_ ? readBusLimits(*configuration_) : BayeuxLimits();
     http::WebSocketOptions options;
-    options.maxMessageBytes = kMaxMessageBytes;
-    options.maxQueuedBytes = kMaxQueuedBytes;
-    auto endpoint =
-        std::make_shared<BayeuxWebSocketEndpoint>(std::move(rest), contextOfSocket(*context), request->peerAddress);
+    options.maxMessageBytes = limits.messageBytes;
+    // More than the bus itself queues, so that it decides what becomes of a client that reads too slowly.
+    options.maxQueuedBytes = 2 * limits.queueBytes;
+    auto endpoint = std::make_shared<BayeuxWebSocketEndpoint>(std::move(rest), contextOfSocket(*context),
+                                                              request->peerAddress, limits.messageBytes);
     return makeReadyFuture<std::unique_ptr<Message>>(
         http::acceptWebSocket(*request, std::move(endpoint), std::move(options)));
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "connector/configuration/Configuration.h"
 #include "connector/http/HttpServiceProvider.h"
 
 namespace connector::bayeux {
@@ -9,13 +10,18 @@ namespace connector::bayeux {
 class CONNECTOR_API BayeuxWebSocketServiceProvider final : public http::HttpServiceProvider
 {
 public:
-    /// Of one message received; beyond it the socket is closed with 1009.
-    static constexpr std::size_t kMaxMessageBytes = 1u << 20;
-    /// Above BayeuxLimits::queueBytes, so that the bus decides what becomes of a client that reads too slowly.
-    static constexpr std::size_t kMaxQueuedBytes = 8u << 20;
+    /// Before it serves. What the keys say holds for WebSockets that are opened later; without a configuration their
+    /// defaults do.
+    void configure(std::shared_ptr<const configuration::Configuration> configuration)
+    {
+        configuration_ = std::move(configuration);
+    }
 
     MessageFuture handleHttp(std::unique_ptr<http::HttpRequest>&& request, Address&& rest,
                              std::shared_ptr<Context>&& context) override;
+
+private:
+    std::shared_ptr<const configuration::Configuration> configuration_;
 };
 
 } // namespace connector::bayeux

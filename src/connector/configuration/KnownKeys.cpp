@@ -14,10 +14,29 @@ constexpr double kDaySeconds = 86'400;
 
 Value text(const char* value) { return std::string(value); }
 Value integer(std::int64_t value) { return value; }
+Value number(double value) { return value; }
 
-std::vector<Key> makeKeys()
+std::vector<Key> busKeys()
 {
-    std::vector<Key> keys{
+    return {
+        {"bus.holdSeconds", number(30), "Time a connect is held when there is nothing to tell", 1, 3'600},
+        {"bus.intervalSeconds", number(0), "Time clients are advised to wait between connects", 0, 3'600},
+        {"bus.lazySeconds", number(5), "Time events of lazy channels may wait", 0.01, 3'600},
+        {"bus.maxBatch", integer(1'000), "Messages in one array", 1, 100'000},
+        {"bus.maxChannels", integer(100'000), "Channels at a time", 1, 10'000'000},
+        {"bus.maxIdleSeconds", number(60), "Time a client without a connection is waited for", 1, kDaySeconds},
+        {"bus.maxMessageBytes", integer(kMiB), "Size of one request or WebSocket message to the bus", 1'024, 64 * kMiB},
+        {"bus.maxPollsOfOneBrowser", integer(2), "Connects held for one browser over long polling", 1, 100},
+        {"bus.maxQueuedBytes", integer(4 * kMiB), "Size of the events that wait for one client", 65'536, 1'024 * kMiB},
+        {"bus.maxQueuedMessages", integer(10'000), "Events that wait for one client", 1, 10'000'000},
+        {"bus.maxSessions", integer(20'000), "Clients of the bus at a time", 1, 1'000'000},
+        {"bus.maxSubscriptions", integer(1'000), "Subscriptions of one client", 1, 1'000'000},
+    };
+}
+
+std::vector<Key> otherKeys()
+{
+    return {
         {"http.address", text("localhost"),
          "The address to listen on; beyond loopback only with TLS and an access key"},
         {"http.allowedHosts", List{}, "Host names besides the loopback ones that requests may name"},
@@ -50,6 +69,13 @@ std::vector<Key> makeKeys()
         {"security.maxBrowsers", integer(100), "Browsers that are let in at a time", 1, 1'000},
         {"security.tokenFile", true, "Whether the bearer token is written to a file that only the user can read"},
     };
+}
+
+std::vector<Key> makeKeys()
+{
+    auto keys = otherKeys();
+    for (auto& key : busKeys())
+        keys.push_back(std::move(key));
     std::sort(keys.begin(), keys.end(), [](const Key& left, const Key& right) { return left.name < right.name; });
     return keys;
 }

@@ -10,9 +10,12 @@ namespace connector::configuration {
 
 namespace {
 
-/// Whole numbers without the ".0" of a double.
+/// Whole numbers without the ".0" of a double, and digit by digit, as they stand in the documentation.
 std::string numberText(double number)
 {
+    constexpr double kExact = 1e15;
+    if (number == std::floor(number) && std::abs(number) < kExact)
+        return std::to_string(static_cast<std::int64_t>(number));
     char digits[32];
     return {digits, std::to_chars(digits, digits + sizeof digits, number).ptr};
 }

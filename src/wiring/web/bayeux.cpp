@@ -3,6 +3,7 @@
 #include "connector/bayeux/BayeuxServerImpl.h"
 #include "connector/bayeux/BayeuxServiceProviderImpl.h"
 #include "connector/bayeux/BayeuxWebSocketServiceProvider.h"
+#include "connector/configuration/ConfigurationImpl.h"
 #include "wiring/core/Installers.h"
 #include "wiring/core/Slot.h"
 
@@ -10,6 +11,7 @@ namespace wiring {
 
 using namespace connector::bayeux;
 using connector::Address;
+using connector::configuration::ConfigurationImpl;
 
 void installBayeuxServices()
 {
@@ -19,6 +21,10 @@ void installBayeuxServices()
     construct<BayeuxLongPollServiceProvider>();
     construct<BayeuxWebSocketServiceProvider>();
     construct<BayeuxServiceProviderImpl>(slot<BayeuxServerImpl>);
+
+    slot<BayeuxLongPollServiceProvider>->configure(slot<ConfigurationImpl>);
+    slot<BayeuxWebSocketServiceProvider>->configure(slot<ConfigurationImpl>);
+    slot<BayeuxServiceProviderImpl>->configure(slot<ConfigurationImpl>);
 
     serve<BayeuxHttpServiceProvider>("connector/bayeux/http");
     serve<BayeuxLongPollServiceProvider>("connector/bayeux/longPoll");

@@ -112,6 +112,8 @@ TEST_F(ConfigurationTest, TypesAndBoundsAreHeld)
     EXPECT_EQ(text([&] { configuration.set("http.port", 1.0); }), "The key http.port takes an integer, not a number.");
     EXPECT_EQ(text([&] { configuration.set("http.port", std::int64_t{-1}); }),
               "The key http.port takes an integer from 0 to 65535, not -1.");
+    EXPECT_EQ(text([&] { configuration.set("http.maxSessions", std::int64_t{0}); }),
+              "The key http.maxSessions takes an integer from 1 to 1000000, not 0.");
     EXPECT_EQ(text([&] { configuration.set("http.address", true); }),
               "The key http.address takes text, not true or false.");
     for (const auto* wrong : {"0x10", "1.5", "1 2", "", "99999999999999999999"})
