@@ -159,6 +159,30 @@ TEST_F(InterpreterTest, tellsWhyAValueHasNoArrayForm)
     }
 }
 
+TEST_F(InterpreterTest, readsBuffersThatLeaveThingsOut)
+{
+    const std::pair<const char*, matrix::ArrayPtr> told[] = {
+        {"(ctypes.c_int * 3)(1, 2, 3)", matrix::create({1, 3}, std::vector<std::int32_t>{1, 2, 3})},
+        {"((ctypes.c_int16 * 3) * 2)((1, 2, 3), (4, 5, 6))",
+         matrix::create({2, 3}, std::vector<std::int16_t>{1, 4, 2, 5, 3, 6})},
+        {"(ctypes.c_double * 0)()", matrix::create({1, 0}, std::vector<double>{})},
+        {"ctypes.c_int64(7)", matrix::createScalar(std::int64_t{7})},
+        {"memoryview(b'')", matrix::create({1, 0}, std::vector<std::uint8_t>{})},
+        {"memoryview(b'abcd')[::-2]", matrix::create({1, 2}, std::vector<std::uint8_t>{'d', 'b'})},
+    };
+    for (const auto& [code, array] : told) {
+        const EvalResult result = evaluate(std::string("import ctypes\n") + code);
+        ASSERT_TRUE(result.value) << code << ": " << result.conversionError;
+        EXPECT_TRUE(matrix::identical(*result.value, *array)) << code;
+    }
+    // Scalars of dates offer a buffer without sizes or strides.
+    for (const char* code : {"np.datetime64('2024-01-01')", "np.timedelta64(1, 'D')", "[np.datetime64('NaT'), 1]"})
+        EXPECT_TRUE(evaluate(std::string("import numpy as np\n") + code).hasValue) << code;
+    EXPECT_EQ(evaluate("np.broadcast_to(1.0, (10**5, 10**5))").conversionError,
+              "an array of 10000000000 elements has no array form, only up to 10000000");
+    EXPECT_EQ(evaluate("np.longdouble(1) / 3").conversionError, "a long double that is no double has no array form");
+}
+
 TEST_F(InterpreterTest, describesErrorsAsTheLanguageDoes)
 {
     evaluate("def inner(n):\n    return 1 / n\n");

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
@@ -13,10 +14,11 @@ static_assert(std::endian::native == std::endian::little, "Byte orders are told 
 namespace vendra::python {
 namespace {
 
+/// Asks for everything, also for memory behind pointers: what an exporter fills in by itself is told the same way.
 class View
 {
 public:
-    explicit View(PyObject* value) { check(PyObject_GetBuffer(value, &buffer_, PyBUF_RECORDS_RO)); }
+    explicit View(PyObject* value) { check(PyObject_GetBuffer(value, &buffer_, PyBUF_FULL_RO)); }
     ~View() { PyBuffer_Release(&buffer_); }
     View(const View&) = delete;
     View& operator=(const View&) = delete;
@@ -27,6 +29,119 @@ private:
     Py_buffer buffer_{};
 };
 
+template <class... Arguments>
+[[noreturn]] void fail(PyObject* type, const char* format, Arguments... arguments)
+{
+    PyErr_Format(type, format, arguments...);
+    throw ErrorSet{};
+}
+
+/// What an exporter says of its memory, completed where it may leave things out, and believed only where it is not
+/// contradictory: a wrong stride would read anywhere.
+class Layout
+{
+public:
+    explicit Layout(const Py_buffer& buffer)
+        : start_(static_cast<const char*>(buffer.buf)), suboffsets_(buffer.suboffsets)
+    {
+        setShape(buffer);
+        for (const Py_ssize_t size : shape_)
+            if (size < 0)
+                fail(PyExc_ValueError, "a buffer with a size of %zd has no array form", size);
+        count_ = matrix::countElements(sizes());
+        if (count_ > kMaxElements)
+            fail(PyExc_ValueError, "an array of %zu elements has no array form, only up to %zu", count_, kMaxElements);
+        if (count_ * static_cast<std::size_t>(buffer.itemsize) != static_cast<std::size_t>(buffer.len) ||
+            (count_ > 0 && !start_))
+            fail(PyExc_ValueError, "a buffer of %zd bytes cannot be %zu elements of %zd bytes", buffer.len, count_,
+                 buffer.itemsize);
+        setStrides(buffer);
+    }
+
+    std::size_t count() const noexcept { return count_; }
+
+    /// One of an array at least.
+    matrix::Dimensions sizes() const
+    {
+        matrix::Dimensions sizes(shape_.begin(), shape_.end());
+        while (sizes.size() < 2)
+            sizes.insert(sizes.begin(), 1);
+        return sizes;
+    }
+
+    /// Calls `visit` with the address of each element, the first index fastest.
+    template <class Visit>
+    void walk(Visit visit) const
+    {
+        if (count_ == 0)
+            return;
+        std::vector<Py_ssize_t> index(std::max<std::size_t>(shape_.size(), 1), 0);
+        const Py_ssize_t length = shape_.empty() ? 1 : shape_[0];
+        const Py_ssize_t step = shape_.empty() ? 0 : strides_[0];
+        for (std::size_t row = count_ / static_cast<std::size_t>(length); row > 0; --row) {
+            const char* address = addressOf(index);
+            for (Py_ssize_t i = 0; i < length; ++i, address += step) {
+                if (suboffsets_) {
+                    index[0] = i;
+                    address = addressOf(index);
+                }
+                visit(address);
+            }
+            index[0] = 0;
+            for (std::size_t d = 1; d < shape_.size() && ++index[d] == shape_[d]; ++d)
+                index[d] = 0;
+        }
+    }
+
+private:
+    void setShape(const Py_buffer& buffer)
+    {
+        if (buffer.ndim < 0 || buffer.ndim > PyBUF_MAX_NDIM)
+            fail(PyExc_ValueError, "a buffer of %d dimensions has no array form", buffer.ndim);
+        if (buffer.shape)
+            shape_.assign(buffer.shape, buffer.shape + buffer.ndim);
+        else if (buffer.ndim == 1)
+            shape_ = {buffer.len / buffer.itemsize};
+        else if (buffer.ndim > 1)
+            fail(PyExc_ValueError, "a buffer of %d dimensions without their sizes has no array form", buffer.ndim);
+    }
+
+    /// Without strides the last index is the fastest, and nothing lies between.
+    void setStrides(const Py_buffer& buffer)
+    {
+        if (buffer.strides) {
+            strides_.assign(buffer.strides, buffer.strides + shape_.size());
+            return;
+        }
+        strides_.resize(shape_.size());
+        Py_ssize_t stride = buffer.itemsize;
+        for (std::size_t d = shape_.size(); count_ > 0 && d-- > 0;) {
+            strides_[d] = stride;
+            stride *= shape_[d]; // at most the length that was compared
+        }
+    }
+
+    const char* addressOf(const std::vector<Py_ssize_t>& index) const
+    {
+        const char* address = start_;
+        for (std::size_t d = 0; d < shape_.size(); ++d) {
+            address += strides_[d] * index[d];
+            if (suboffsets_ && suboffsets_[d] >= 0) {
+                const char* target = nullptr;
+                std::memcpy(&target, address, sizeof target);
+                address = target + suboffsets_[d];
+            }
+        }
+        return address;
+    }
+
+    const char* start_;
+    const Py_ssize_t* suboffsets_;
+    std::vector<Py_ssize_t> shape_;
+    std::vector<Py_ssize_t> strides_;
+    std::size_t count_ = 0;
+};
+
 struct Half
 {
     std::uint16_t bits;
@@ -35,12 +150,17 @@ struct Half
 template <class Out, class In>
 Out convertElement(In value)
 {
-    if constexpr (std::is_same_v<In, Half>)
+    if constexpr (std::is_same_v<In, Half>) {
         return static_cast<Out>(PyFloat_Unpack2(reinterpret_cast<const char*>(&value), 1));
-    else if constexpr (std::is_same_v<Out, matrix::Logical>)
+    } else if constexpr (std::is_same_v<Out, matrix::Logical>) {
         return {static_cast<std::uint8_t>(value != 0)};
-    else
-        return static_cast<Out>(value);
+    } else {
+        const auto converted = static_cast<Out>(value);
+        if constexpr (std::is_same_v<In, long double>)
+            if (!std::isnan(value) && static_cast<long double>(converted) != value)
+                fail(PyExc_ValueError, "a long double that is no double has no array form");
+        return converted;
+    }
 }
 
 template <class In>
@@ -55,37 +175,14 @@ In load(const char* address, bool swapped)
     return value;
 }
 
-matrix::Dimensions sizesOf(const Py_buffer& buffer)
-{
-    matrix::Dimensions sizes(buffer.shape, buffer.shape + buffer.ndim);
-    if (sizes.empty())
-        return {1, 1};
-    if (sizes.size() == 1)
-        sizes.insert(sizes.begin(), 1);
-    return sizes;
-}
-
-/// Walks the elements with the first index fastest.
 template <class In, class Out = In>
 matrix::ArrayPtr gather(const Py_buffer& buffer, bool swapped)
 {
-    matrix::Dimensions sizes = sizesOf(buffer);
-    std::size_t count = matrix::countElements(sizes);
+    const Layout layout(buffer);
     std::vector<Out> elements;
-    elements.reserve(count);
-    const char* address = static_cast<const char*>(buffer.buf);
-    std::vector<Py_ssize_t> index(static_cast<std::size_t>(buffer.ndim), 0);
-    while (elements.size() < count) {
-        elements.push_back(convertElement<Out>(load<In>(address, swapped)));
-        for (std::size_t d = 0; d < index.size(); ++d) {
-            address += buffer.strides[d];
-            if (++index[d] < buffer.shape[d])
-                break;
-            address -= buffer.strides[d] * buffer.shape[d];
-            index[d] = 0;
-        }
-    }
-    return matrix::create(std::move(sizes), std::move(elements));
+    elements.reserve(layout.count());
+    layout.walk([&](const char* address) { elements.push_back(convertElement<Out>(load<In>(address, swapped))); });
+    return matrix::create(layout.sizes(), std::move(elements));
 }
 
 template <class One, class Two, class Four, class Eight>
@@ -126,7 +223,7 @@ matrix::ArrayPtr gatherFormat(const Py_buffer& buffer)
 {
     std::string_view format = buffer.format ? buffer.format : "B";
     bool swapped = false;
-    if (!format.empty() && std::string_view("@=<>!").find(format.front()) != std::string_view::npos) {
+    if (!format.empty() && std::string_view("@=<>!^").find(format.front()) != std::string_view::npos) {
         swapped = format.front() == '>' || format.front() == '!';
         format.remove_prefix(1);
     }
@@ -164,16 +261,14 @@ matrix::ArrayPtr gatherFormat(const Py_buffer& buffer)
 
 matrix::ArrayPtr bufferToArray(PyObject* value)
 {
-    View view(value);
+    const View view(value);
     if (auto array = gatherFormat(*view))
         return array;
     const char* format = (*view).format ? (*view).format : "B";
     if (std::strchr(format, 'Z'))
-        PyErr_SetString(PyExc_TypeError, "complex values have no array form");
-    else
-        PyErr_Format(PyExc_TypeError, "elements of format '%s' (in a value of type '%s') have no array form", format,
-                     Py_TYPE(value)->tp_name);
-    throw ErrorSet{};
+        fail(PyExc_TypeError, "complex values have no array form");
+    fail(PyExc_TypeError, "elements of format '%s' (in a value of type '%s') have no array form", format,
+         Py_TYPE(value)->tp_name);
 }
 
 } // namespace vendra::python

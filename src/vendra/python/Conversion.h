@@ -9,6 +9,8 @@ namespace vendra::python {
 inline constexpr std::size_t kMaxDepth = 64;
 /// How many values a nest of containers may hold in all.
 inline constexpr std::size_t kMaxValues = 2'000'000;
+/// How many elements a numeric array may have. What repeats a few bytes by strides of zero claims any number.
+inline constexpr std::size_t kMaxElements = 10'000'000;
 
 /// The array form of a value. None is the 0-by-0 double; bool logical; int int64 or uint64; float double; str a char
 /// row; bytes a uint8 row; list and tuple a cell row; dict with str keys a struct; what offers a buffer a numeric array
