@@ -65,7 +65,7 @@ QueuedMessages HitchhikerServiceImpl::getQueuedMessages(const std::shared_ptr<ht
             return taken;
         found = queues_.try_emplace(session->id()).first;
     } else if (isOver(found->second, now)) {
-        // Too late for what waited, but the session itself is back.
+        // It came too late for what waited.
         bytes_ -= found->second.bytes;
         found->second = Queue();
     }
@@ -86,10 +86,8 @@ QueuedMessages HitchhikerServiceImpl::getQueuedMessages(const std::shared_ptr<ht
 
 bool HitchhikerServiceImpl::isOver(const Queue& queue, Clock::time_point now) const
 {
-    if (now - queue.lastUse >= kLife)
-        return true;
     if (!queue.seen)
-        return false;
+        return now - queue.lastUse >= kLife;
     const auto session = queue.session.lock();
     return !session || session->isOver();
 }
@@ -107,19 +105,31 @@ void HitchhikerServiceImpl::forgetOld(Clock::time_point now)
     }
 }
 
-/// Whether one more session may be remembered. `forSeen`: it may take the place of an id that nobody came with so far.
+/// What is given up for another session goes first: ids that nobody came with, then sessions that nothing waits for,
+/// the one first that has not been answered for the longest time.
+std::tuple<bool, bool, HitchhikerServiceImpl::Clock::time_point> HitchhikerServiceImpl::worth(const Queue& queue)
+{
+    return {queue.seen, queue.seen && !queue.waiting.empty(), queue.lastUse};
+}
+
+/// Whether one more session may be remembered. `forSeen`: it may take the place of an id that nobody came with so far,
+/// or of a session that nothing waits for.
 bool HitchhikerServiceImpl::makeRoom(Clock::time_point now, bool forSeen)
 {
     if (queues_.size() >= kMaxSessions)
         forgetOld(now);
     if (queues_.size() < kMaxSessions)
         return true;
-    const auto unseen =
-        std::find_if(queues_.begin(), queues_.end(), [](const auto& entry) { return !entry.second.seen; });
-    if (!forSeen || unseen == queues_.end())
+    if (!forSeen)
         return false;
-    bytes_ -= unseen->second.bytes;
-    queues_.erase(unseen);
+    auto least = queues_.end();
+    for (auto entry = queues_.begin(); entry != queues_.end(); ++entry)
+        if (least == queues_.end() || worth(entry->second) < worth(least->second))
+            least = entry;
+    if (least == queues_.end() || (least->second.seen && !least->second.waiting.empty()))
+        return false;
+    bytes_ -= least->second.bytes;
+    queues_.erase(least);
     return true;
 }
 

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <Poco/JSON/Object.h>
@@ -31,12 +32,12 @@ public:
     virtual ~HitchhikerService() = default;
 
     /// Queues a message for the session with this (public) id, known yet or not; an empty id means every session that
-    /// was answered lately. Answers for how many sessions it waits: 0 when the session is over. `message` has a "type"
-    /// and is not changed any more. Throws std::invalid_argument for a message or id that is too long, ServiceFault
-    /// "busy" when too much waits.
+    /// lives and was answered. Answers for how many sessions it waits: 0 when the session is over. `message` has a
+    /// "type" and is not changed any more. Throws std::invalid_argument for a message or id that is too long,
+    /// ServiceFault "busy" when too much waits.
     virtual std::size_t queueMessage(const std::string& sessionId, Poco::JSON::Object::Ptr message) = 0;
 
-    /// Takes what waits for the session, and counts it among those that were answered lately.
+    /// Takes what waits for the session, and counts it among those that were answered.
     virtual QueuedMessages getQueuedMessages(const std::shared_ptr<http::HttpSession>& session) = 0;
 };
 
@@ -50,7 +51,7 @@ public:
     static constexpr std::size_t kMaxBytes = 64u << 20;         ///< for all sessions
     static constexpr std::size_t kMaxSessions = 1'000;
     static constexpr std::size_t kMaxIdBytes = 64;
-    /// How long a session is remembered without an answer to it, its messages included.
+    /// How long messages wait for an id that no session came with. Those for a session wait as long as it lives.
     static constexpr std::chrono::minutes kLife{10};
 
     HitchhikerServiceImpl();
@@ -78,6 +79,7 @@ private:
     };
     using Queues = std::map<std::string, Queue>; ///< by the session's id
 
+    static std::tuple<bool, bool, Clock::time_point> worth(const Queue& queue);
     bool isOver(const Queue& queue, Clock::time_point now) const;
     void forgetOld(Clock::time_point now);
     bool makeRoom(Clock::time_point now, bool forSeen);

@@ -114,11 +114,35 @@ TEST_F(QueueTest, MessagesGoWithTheSessionAndWithTime)
     EXPECT_EQ(service.queueMessage(ended->id(), message("b")), 0u);
     EXPECT_EQ(service.queueMessage("", message("c")), 1u);
     EXPECT_EQ(take(ended), "");
-    now += HitchhikerServiceImpl::kLife;
-    EXPECT_EQ(service.queueMessage("", message("d")), 0u);
-    EXPECT_EQ(take(idle), "");
-    EXPECT_EQ(service.queueMessage(idle->id(), message("e")), 1u) << "it is back";
-    EXPECT_EQ(take(idle), "e");
+    now += 100 * HitchhikerServiceImpl::kLife;
+    EXPECT_EQ(service.queueMessage("", message("d")), 1u);
+    EXPECT_EQ(service.queueMessage(idle->id(), message("e")), 1u);
+    EXPECT_EQ(take(idle), "a c d e") << "the session lives, however idle";
+    sessions->end(idle->id());
+    EXPECT_EQ(service.queueMessage("", message("f")), 0u);
+}
+
+TEST_F(QueueTest, SessionThatNothingWaitsForGivesUpItsPlace)
+{
+    sessions->setLimits(std::chrono::hours(1), 2 * HitchhikerServiceImpl::kMaxSessions);
+    std::vector<Session> all;
+    for (std::size_t i = 0; i < HitchhikerServiceImpl::kMaxSessions; ++i) {
+        all.push_back(newSession());
+        take(all.back());
+        now += std::chrono::seconds(1);
+    }
+    service.queueMessage(all[0]->id(), message("kept"));
+    const auto late = newSession();
+    take(late);
+    EXPECT_EQ(service.queueMessage(late->id(), message("a")), 1u) << "it took the place of all[1]";
+    EXPECT_EQ(service.queueMessage("", message("b")), HitchhikerServiceImpl::kMaxSessions);
+    EXPECT_EQ(take(all[0]), "kept b");
+    now += std::chrono::seconds(1);
+    EXPECT_EQ(take(late), "a b");
+    EXPECT_EQ(take(all[1]), "") << "it is back in the place of all[0]";
+    EXPECT_EQ(service.queueMessage("", message("c")), HitchhikerServiceImpl::kMaxSessions);
+    EXPECT_EQ(take(all[0]), "") << "something waits for every session that has a place";
+    EXPECT_EQ(take(all[1]), "c");
 }
 
 TEST_F(QueueTest, EveryMessageIsTakenOnceByWhicheverThread)
