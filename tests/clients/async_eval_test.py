@@ -136,6 +136,19 @@ class AsyncEval(unittest.TestCase):
                 self.assertTrue(reader.output["output"] == expected, "the output is another")
                 self.assertLess(reader.last, most)
 
+    def test_output_that_lies_in_the_file_takes_no_memory(self):
+        def memory():
+            with open(f"/proc/{self.host.process.pid}/status", encoding="utf-8") as status:
+                return next(int(line.split()[1]) for line in status if line.startswith("RssAnon:")) >> 10
+        self.run_code("print('x' * 100_000)")
+        before = memory()
+        client = BayeuxSocket(self.host)
+        self.addCleanup(client.close)
+        channel = client.call("start", code="for i in range(1_000_000): print('x' * 99)")["channel"]
+        while client.event(lambda message: message["channel"] == channel)["data"].get("state") != "ended":
+            pass
+        self.assertLess(memory() - before, 30)  # MiB; 64 MiB of output are kept
+
     def test_lost_connection_loses_nothing(self):
         reader = Reader(self.host).start("import time\nfor i in range(100_000):\n    print(i)\n"
                                          "    if i % 2_000 == 0: time.sleep(0.006)")

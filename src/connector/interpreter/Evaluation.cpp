@@ -20,7 +20,11 @@ constexpr std::size_t kBatchBytes = 256u << 10;
 
 std::string numbered(std::uint64_t number, const std::string& members)
 {
-    return "{\"seq\":" + std::to_string(number) + "," + members + "}";
+    const auto digits = std::to_string(number);
+    std::string text;
+    // Of its exact size, since it may be kept for long.
+    text.reserve(std::size(R"({"seq":,})") + digits.size() + members.size());
+    return std::move(text.append(R"({"seq":)").append(digits).append(",").append(members).append("}"));
 }
 
 std::string stateMembers(const char* state) { return std::string(R"("kind":"state","state":")") + state + '"'; }

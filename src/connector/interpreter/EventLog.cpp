@@ -94,7 +94,7 @@ void EventLog::spill()
     entry.offset = fileEnd_;
     fileEnd_ += entry.length;
     memoryBytes_ -= entry.length;
-    entry.text = {};
+    std::string().swap(entry.text); // an assignment would keep its memory
     ++inFile_;
 }
 
