@@ -6,6 +6,7 @@ import sys
 import time
 import unittest
 
+from bayeux import BayeuxSocket
 from vendra_process import TIMEOUT, Vendra
 
 VENDRA = sys.argv.pop(1)
@@ -22,6 +23,30 @@ def news(channel, data):
 connector.stop()
 connector.start()
 ready = True
+"""
+
+
+# Publishes until a publish has to wait; a second thread interrupts the wait if told so.
+PUBLISHING = """
+import connector, _thread, threading, time
+def publish_until_it_waits(channel, interrupt=False):
+    begun = [None]
+    def watch():
+        while begun[0] is None or time.monotonic() - begun[0] < 0.1:
+            pass
+        begun.append(time.monotonic())
+        _thread.interrupt_main()
+    if interrupt:
+        threading.Thread(target=watch).start()
+    took = 0
+    try:
+        while took < 0.1:
+            begun[0] = time.monotonic()
+            connector.publish(channel, "x" * 16384)
+            took = time.monotonic() - begun[0]
+    except KeyboardInterrupt:
+        return -(time.monotonic() - begun[1])
+    return took
 """
 
 
@@ -116,6 +141,36 @@ class Bus(unittest.TestCase):
                    "fast = threading.Thread(target=lambda: [connector.publish('/fast', n) for n in range(30000)])\n"
                    "fast.start()")
         self.assertEqual([event["data"] for event in client.collect(30_000)], list(range(30_000)))
+
+    def test_a_script_waits_once_for_all_that_are_behind(self):
+        self.value(PUBLISHING + "0")
+        for interrupt in (False, True):
+            channel = f"/crowd/{int(interrupt)}"
+            crowd = [BayeuxSocket(self.host) for _ in range(40)]
+            for client in crowd:
+                client.send("/meta/subscribe", subscription=channel)
+            for client in crowd[:30]:
+                client.close()
+            took = self.value(f"publish_until_it_waits({channel!r}, {interrupt})")
+            if interrupt:
+                self.assertTrue(-0.1 < took < 0, took)
+            else:
+                self.assertTrue(0.9 < took < 1.5, took)
+                self.assertLess(self.value(f"t = time.monotonic(); connector.publish({channel!r}, 'x' * 16384); "
+                                           "time.monotonic() - t"), 0.5)
+            for client in crowd[30:]:
+                client.close()
+
+    def test_nobody_but_the_system_speaks_on_its_channels(self):
+        client = Client(self.host)
+        for channel in ("/interpreter/state", "/interpreter/eval/1", "/presence/room"):
+            self.assertIn("403:" + channel, client.send(channel, data={"state": "ready"})["error"])
+            fault = self.host.ask("Eval", code=f"import connector\nconnector.publish({channel!r}, 1)")
+            self.assertEqual((fault["type"], fault["error"]), ("Fault", "ValueError"))
+            self.assertIn(channel, fault["message"])
+            fault = self.host.ask("Eval", code="print(1)", outputChannel=channel)
+            self.assertEqual((fault["type"], fault["code"]), ("Fault", "badRequest"), fault)
+            self.assertIn(channel, fault["message"])
 
     def test_mistakes(self):
         for code, error in (("connector.publish('/a/*', 1)", "ValueError"), ("connector.publish('a', 1)", "ValueError"),

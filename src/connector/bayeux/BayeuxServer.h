@@ -225,9 +225,17 @@ public:
     /// and bad names, json::JsonError for data without a JSON form.
     virtual void publish(const std::string& channel, const Poco::Dynamic::Var& data) = 0;
     virtual void publish(EventPtr event) = 0;
+    /// Declares a channel, or all that a pattern covers, as the system's own: what it says there comes by `publish`.
+    /// Remote clients and local sessions are refused while the registration lives, scripts as well. Throws
+    /// std::invalid_argument for a "/meta" or "/service" channel and bad names. Nobody can speak on "/presence/…".
+    [[nodiscard]] virtual Registration reserve(const std::string& channel) = 0;
+    virtual bool isReserved(const std::string& channel) const = 0;
     /// For a publisher that is faster than its subscribers: waits until each remote subscriber of the channel can take
-    /// more, at most `patience` for each, and not again for one that did not move since. Not on an I/O thread.
-    virtual void waitForRoom(const std::string& channel, std::chrono::milliseconds patience) = 0;
+    /// more, at most `patience` for all of them, and not again for one that did not move since, nor for one whose
+    /// client is gone. `goOn` (may be empty) is asked every few milliseconds of it, without a lock; false ends the
+    /// wait. Not on an I/O thread.
+    virtual void waitForRoom(const std::string& channel, std::chrono::milliseconds patience,
+                             const std::function<bool()>& goOn) = 0;
     /// In this process: `channel` may be a pattern ("/a/*", "/a/**").
     [[nodiscard]] virtual Registration subscribe(const std::string& channel, Subscriber subscriber) = 0;
     /// For messages that clients send to "/service/…" (a pattern is allowed); without a handler they are refused. The
@@ -242,6 +250,7 @@ public:
     /// own, publishes under its name, and ends with `disconnect` or when nobody holds it. Throws std::invalid_argument
     /// for a name that is empty or taken.
     virtual SessionPtr openLocalSession(const std::string& name, Subscriber deliveries) = 0;
+    /// As `publish`; std::invalid_argument for a reserved channel, too.
     virtual void publishAs(const BayeuxSession& sender, const std::string& channel, const Poco::Dynamic::Var& data) = 0;
 
     virtual SessionPtr findSession(const std::string& id) const = 0;

@@ -24,6 +24,12 @@ void requirePublishable(const std::string& channel)
         throw std::invalid_argument("Nothing is published to \"" + channel + "\".");
 }
 
+void requireSubscribable(const std::string& channel)
+{
+    if ((!isChannelName(channel) && !isPattern(channel)) || isMetaChannel(channel) || isServiceChannel(channel))
+        throw std::invalid_argument("\"" + channel + "\" cannot be subscribed to.");
+}
+
 } // namespace
 
 std::string BayeuxSecurityPolicy::mayHandshake(const BayeuxSession&, const Poco::JSON::Object&) { return {}; }
@@ -82,15 +88,30 @@ void BayeuxServerImpl::publish(EventPtr event)
     state_->publish(Publication(std::move(event)));
 }
 
-void BayeuxServerImpl::waitForRoom(const std::string& channel, std::chrono::milliseconds patience)
+BayeuxServer::Registration BayeuxServerImpl::reserve(const std::string& channel)
 {
-    state_->core->waitForRoom(channel, patience);
+    requireSubscribable(channel);
+    state_->core->reservations().add(channel);
+    return Registration([weak = std::weak_ptr(state_->core), channel] {
+        if (const auto core = weak.lock())
+            core->reservations().remove(channel);
+    });
+}
+
+bool BayeuxServerImpl::isReserved(const std::string& channel) const
+{
+    return state_->core->reservations().covers(channel);
+}
+
+void BayeuxServerImpl::waitForRoom(const std::string& channel, std::chrono::milliseconds patience,
+                                   const std::function<bool()>& goOn)
+{
+    state_->core->waitForRoom(channel, {Session::Clock::now() + patience, goOn});
 }
 
 BayeuxServer::Registration BayeuxServerImpl::subscribe(const std::string& channel, Subscriber subscriber)
 {
-    if ((!isChannelName(channel) && !isPattern(channel)) || isMetaChannel(channel) || isServiceChannel(channel))
-        throw std::invalid_argument("\"" + channel + "\" cannot be subscribed to.");
+    requireSubscribable(channel);
     if (!subscriber)
         throw std::invalid_argument("A subscription needs a function.");
     const auto receiver = std::make_shared<FunctionReceiver>(std::move(subscriber));
@@ -128,6 +149,8 @@ SessionPtr BayeuxServerImpl::openLocalSession(const std::string& name, Subscribe
 void BayeuxServerImpl::publishAs(const BayeuxSession& sender, const std::string& channel,
                                  const Poco::Dynamic::Var& data)
 {
+    if (isReserved(channel))
+        throw std::invalid_argument("\"" + channel + "\" is reserved: only the system publishes there.");
     auto event = state_->makeEvent(channel, data);
     state_->publish(Publication(std::move(event), {channel, data, nullptr, state_->core->findAny(sender.id())}));
 }

@@ -17,7 +17,10 @@ public:
     void webSocketClosed(const std::shared_ptr<BayeuxChannelSink>& webSocket) override;
     void publish(const std::string& channel, const Poco::Dynamic::Var& data) override;
     void publish(EventPtr event) override;
-    void waitForRoom(const std::string& channel, std::chrono::milliseconds patience) override;
+    [[nodiscard]] Registration reserve(const std::string& channel) override;
+    bool isReserved(const std::string& channel) const override;
+    void waitForRoom(const std::string& channel, std::chrono::milliseconds patience,
+                     const std::function<bool()>& goOn) override;
     [[nodiscard]] Registration subscribe(const std::string& channel, Subscriber subscriber) override;
     using BayeuxServer::handleService;
     [[nodiscard]] Registration handleService(const std::string& channel, ServiceHandler handler,

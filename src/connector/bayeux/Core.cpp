@@ -9,10 +9,14 @@ namespace connector::bayeux {
 namespace {
 
 constexpr char kSource[] = "connector.bayeux";
+constexpr char kPresence[] = "/presence";
 
 } // namespace
 
-Core::Core() : polls_(std::make_shared<BrowserPolls>()), policy_(std::make_shared<BayeuxSecurityPolicy>()) {}
+Core::Core() : polls_(std::make_shared<BrowserPolls>()), policy_(std::make_shared<BayeuxSecurityPolicy>())
+{
+    reservations_.add(std::string(kPresence) + "/**");
+}
 
 BayeuxLimits Core::limits() const
 {
@@ -145,7 +149,7 @@ void Core::tellPresence(const Session& session, const std::string& channel, cons
     data->set("subscribers",
               static_cast<Poco::UInt64>(std::count_if(
                   members.begin(), members.end(), [](const auto& member) { return member->session() != nullptr; })));
-    publish(Publication(std::make_shared<const BayeuxEvent>("/presence" + channel, data)), burst);
+    publish(Publication(std::make_shared<const BayeuxEvent>(kPresence + channel, data)), burst);
 }
 
 void Core::addFunction(const std::string& channel, const std::shared_ptr<Receiver>& receiver)
@@ -180,15 +184,33 @@ void Core::publish(const Publication& publication, Burst& burst)
         receiver->receive(publication, burst);
 }
 
-void Core::waitForRoom(const std::string& channel, std::chrono::milliseconds patience)
+void Core::waitForRoom(const std::string& channel, const Session::Patience& patience)
 {
     const auto receivers = channels_.receivers(channel);
     if (!receivers)
         return;
     const auto current = limits();
-    for (const auto& receiver : *receivers)
-        if (const auto session = receiver->session())
-            session->waitForRoom(patience, current);
+    std::vector<std::shared_ptr<Session>> behind;
+    for (const auto& receiver : *receivers) {
+        if (auto session = receiver->session(); session && session->isBehind(current))
+            behind.push_back(std::move(session));
+    }
+    if (behind.empty())
+        return;
+    // Who stands still, but is not full yet, is not to cost a wait of its own later.
+    std::vector<std::pair<std::shared_ptr<Session>, std::size_t>> others;
+    for (const auto& receiver : *receivers) {
+        if (auto session = receiver->session(); session && session->backlog() > 0)
+            others.emplace_back(session, session->backlog());
+    }
+    for (const auto& session : behind) {
+        if (!session->waitForRoom(patience, current))
+            return;
+    }
+    if (Session::Clock::now() < patience.until)
+        return;
+    for (const auto& [session, backlogBefore] : others)
+        session->noteProgress(backlogBefore);
 }
 
 void Core::finish(Burst& burst)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "connector/bayeux/Channels.h"
+#include "connector/bayeux/Reservations.h"
 #include "connector/bayeux/SessionTable.h"
 
 namespace connector::bayeux {
@@ -22,6 +23,7 @@ public:
     std::string ask(const std::function<std::string(BayeuxSecurityPolicy&)>& question) const;
 
     Channels& channels() noexcept { return channels_; }
+    Reservations& reservations() noexcept { return reservations_; }
     SessionTable& sessions() noexcept { return sessions_; }
     const SessionTable& sessions() const noexcept { return sessions_; }
 
@@ -38,7 +40,7 @@ public:
     void setOptions(const std::string& channel, const ChannelOptions& options);
 
     void publish(const Publication& publication, Burst& burst);
-    void waitForRoom(const std::string& channel, std::chrono::milliseconds patience);
+    void waitForRoom(const std::string& channel, const Session::Patience& patience);
     /// Answers the connects that have something to take, ends the sessions that did not keep up.
     void finish(Burst& burst);
 
@@ -74,6 +76,7 @@ private:
     void recheck();
 
     Channels channels_;
+    Reservations reservations_;
     SessionTable sessions_;
     const std::shared_ptr<BrowserPolls> polls_;
 

@@ -22,6 +22,7 @@ public:
     {
         return waiting_.size() + sent_.size() > limits.queueMessages / 2 || bytes_ > limits.queueBytes / 2;
     }
+    std::size_t bytes() const noexcept { return bytes_; }
     /// Something waits that should not, or has waited long enough.
     bool isUrgent(Clock::time_point now) const noexcept
     {

@@ -342,9 +342,7 @@ void MessageHandler::disconnect(const Incoming& message, const std::shared_ptr<S
 std::optional<Refusal> MessageHandler::mayPublish(const Session& session, const std::string& channel,
                                                   const std::optional<ChannelOptions>& known) const
 {
-    constexpr std::string_view kPresence = "/presence";
-    if ((known && known->serverPublishesOnly) ||
-        (channel.starts_with(kPresence) && core_.channels().options(channel.substr(kPresence.size())).presence))
+    if ((known && known->serverPublishesOnly) || core_.reservations().covers(channel))
         return Refusal{403, channel, "Only the server publishes here"};
     std::string reason;
     if (!known)

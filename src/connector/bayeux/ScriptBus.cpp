@@ -4,10 +4,12 @@
 
 namespace connector::bayeux {
 
-void ScriptBus::publish(const std::string& channel, const std::string& json)
+void ScriptBus::publish(const std::string& channel, const std::string& json, const GoOn& goOn)
 {
+    if (isReserved(channel))
+        throw std::invalid_argument("\"" + channel + "\" is reserved: only the system publishes there.");
     tell(channel, json);
-    server_->waitForRoom(channel, kPatience);
+    server_->waitForRoom(channel, kPatience, goOn);
 }
 
 void ScriptBus::tell(const std::string& channel, const std::string& json)
@@ -16,6 +18,8 @@ void ScriptBus::tell(const std::string& channel, const std::string& json)
 }
 
 bool ScriptBus::hasSubscribers(const std::string& channel) const { return server_->hasReceivers(channel); }
+
+bool ScriptBus::isReserved(const std::string& channel) const { return server_->isReserved(channel); }
 
 std::function<void()> ScriptBus::subscribe(const std::string& channel, Receiver receiver)
 {

@@ -9,7 +9,7 @@
 namespace connector::bayeux {
 
 /// The bus as the host's scripts have it. Who publishes faster than subscribers read is made to wait, at most
-/// `kPatience` for each that stands still: then that one is on its own.
+/// `kPatience` for all of them together: who stands still longer is on its own.
 class CONNECTOR_API ScriptBus final : public rqe::MessageBus
 {
 public:
@@ -17,9 +17,10 @@ public:
 
     explicit ScriptBus(std::shared_ptr<BayeuxServer> server) : server_(std::move(server)) {}
 
-    void publish(const std::string& channel, const std::string& json) override;
+    void publish(const std::string& channel, const std::string& json, const GoOn& goOn) override;
     void tell(const std::string& channel, const std::string& json) override;
     bool hasSubscribers(const std::string& channel) const override;
+    bool isReserved(const std::string& channel) const override;
     std::function<void()> subscribe(const std::string& channel, Receiver receiver) override;
 
 private:

@@ -10,6 +10,10 @@ namespace {
 
 constexpr std::size_t kIdBytes = 20;
 constexpr std::size_t kPublicIdBytes = 8;
+/// How often who waits for room looks whether he is to go on.
+constexpr std::chrono::milliseconds kLook{3};
+/// That soon after a reply a client comes with its next connect, if it comes at all.
+constexpr std::chrono::milliseconds kWayBack{1'000};
 
 std::string joined(const EventQueue::Events& events, std::string_view last)
 {
@@ -120,6 +124,7 @@ void Session::dropSink()
     if (held_ && held_->sink == sink_)
         held_.reset();
     setSink(nullptr);
+    lost_ = true;
     touch();
 }
 
@@ -131,24 +136,81 @@ void Session::setSink(Sink sink)
 
 void Session::touch() { lastReply_ = Clock::now(); }
 
-void Session::waitForRoom(std::chrono::milliseconds patience, const BayeuxLimits& limits)
+/// Until when a client that is not connected is taken for one on its way back. A connection that broke has nobody
+/// behind it that could be waited for.
+Session::Clock::time_point Session::expectedUntil(const BayeuxLimits& limits) const
+{
+    if (held_ || pushesToSink())
+        return Clock::time_point::max();
+    return lost_ ? Clock::time_point() : lastReply_ + limits.interval + kWayBack;
+}
+
+/// Whether there is room, after waiting for it at most `time`.
+bool Session::waitOnce(Lock& lock, std::chrono::milliseconds time, const BayeuxLimits& limits)
+{
+    if (pushesToSink()) {
+        const Sink sink = sink_;
+        lock.unlock();
+        const bool room = sink->waitForRoom(time);
+        lock.lock();
+        return room;
+    }
+    const auto hasRoom = [&] { return over_ || pushesToSink() || !queue_.isCrowded(limits); };
+    if (time.count() == 0)
+        return hasRoom();
+    ++waiting_;
+    const bool room = room_.wait_for(lock, time, hasRoom);
+    --waiting_;
+    return room;
+}
+
+std::size_t Session::backlogLocked() const { return pushesToSink() ? sink_->queuedBytes() : queue_.bytes(); }
+
+/// Until it has read half of what waited when it stood still.
+bool Session::standsStill()
+{
+    if (2 * backlogLocked() < stillAt_)
+        stillAt_ = 0;
+    return stillAt_ > 0;
+}
+
+std::size_t Session::backlog() const
+{
+    std::lock_guard lock(mutex_);
+    return backlogLocked();
+}
+
+bool Session::isBehind(const BayeuxLimits& limits)
 {
     Lock lock(mutex_);
-    if (!pushesToSink()) {
-        const auto hasRoom = [&] { return over_ || pushesToSink() || !queue_.isCrowded(limits); };
-        if (standsStill_ && !hasRoom())
-            return;
-        ++waiting_;
-        standsStill_ = !room_.wait_for(lock, patience, hasRoom);
-        --waiting_;
-        return;
+    return !waitOnce(lock, std::chrono::milliseconds(0), limits) && !standsStill() &&
+           expectedUntil(limits) > Clock::now();
+}
+
+bool Session::waitForRoom(const Patience& patience, const BayeuxLimits& limits)
+{
+    Lock lock(mutex_);
+    std::chrono::milliseconds time(0);
+    while (!waitOnce(lock, time, limits)) {
+        const auto left = std::min(patience.until, expectedUntil(limits)) - Clock::now();
+        if (left <= Clock::duration::zero()) {
+            stillAt_ = backlogLocked();
+            return true;
+        }
+        lock.unlock();
+        if (patience.goOn && !patience.goOn())
+            return false;
+        lock.lock();
+        time = std::min(std::chrono::ceil<std::chrono::milliseconds>(left), kLook);
     }
-    const Sink sink = sink_;
-    const bool stoodStill = standsStill_;
-    lock.unlock();
-    const bool room = sink->waitForRoom(stoodStill ? std::chrono::milliseconds(0) : patience);
-    lock.lock();
-    standsStill_ = !room;
+    return true;
+}
+
+void Session::noteProgress(std::size_t backlogBefore)
+{
+    std::lock_guard lock(mutex_);
+    if (backlogLocked() >= backlogBefore)
+        stillAt_ = backlogBefore;
 }
 
 void Session::updateDue(const BayeuxLimits& limits)
@@ -189,6 +251,7 @@ void Session::use(const Sink& sink, const BayeuxLimits& limits)
     if (over_)
         return;
     setSink(sink);
+    lost_ = false;
     std::uint64_t delivered = 0;
     if (pushesToSink() && queue_.isUrgent(Clock::now()))
         flushToSink(limits, delivered);
@@ -212,6 +275,7 @@ Session::Connected Session::connect(const Connect& request, const BayeuxOrigin& 
         connected.isOver = over_;
         if (over_)
             return connected;
+        lost_ = false;
         superseded = std::exchange(held_, std::nullopt);
         if (superseded)
             superseded->poll.reset();
@@ -285,6 +349,7 @@ void Session::cancelled(std::uint64_t number)
     std::lock_guard lock(mutex_);
     if (held_ && held_->number == number) {
         dropped.swap(held_);
+        lost_ = true;
         touch();
         advice_.clear();
         if (core)

@@ -70,9 +70,21 @@ public:
 
     /// Answers the held connect when there is a reason to.
     void release(const BayeuxLimits& limits, std::uint64_t& delivered);
-    /// Waits until half of what may be queued for the client is free; not again for one that did not move since. Not on
-    /// a thread that serves clients.
-    void waitForRoom(std::chrono::milliseconds patience, const BayeuxLimits& limits);
+    /// How long somebody waits, for one session or several in turn.
+    struct Patience
+    {
+        Clock::time_point until;
+        const std::function<bool()>& goOn; ///< may be empty; false ends the wait
+    };
+    /// More than half of what may be queued for the client is taken, and there is hope that it reads on: it is there,
+    /// and has moved since it was waited for in vain.
+    bool isBehind(const BayeuxLimits& limits);
+    /// Waits until that half is free. False when `goOn` said so. Not on a thread that serves clients.
+    bool waitForRoom(const Patience& patience, const BayeuxLimits& limits);
+    /// Bytes that wait for the client.
+    std::size_t backlog() const;
+    /// For one that need not be waited for yet, after a whole wait for others: it stands still if it did not read on.
+    void noteProgress(std::size_t backlogBefore);
     /// Ends it once: false when it was over. A held connect is answered with the advice; "none" counts as a success.
     bool end(Reconnect reconnect, const BayeuxLimits& limits, bool closeSink);
 
@@ -98,6 +110,10 @@ private:
     bool send(const EventPtr& event, SendWhen when);
     void receive(const EventPtr& event, Burst& burst, SendWhen when);
     bool pushesToSink() const noexcept { return sink_ && !acknowledges_; }
+    Clock::time_point expectedUntil(const BayeuxLimits& limits) const;
+    std::size_t backlogLocked() const;
+    bool standsStill();
+    bool waitOnce(Lock& lock, std::chrono::milliseconds time, const BayeuxLimits& limits);
     void setSink(Sink sink);
     void flushToSink(const BayeuxLimits& limits, std::uint64_t& delivered);
     void dropSink();
@@ -132,8 +148,9 @@ private:
     bool delivering_ = false; ///< somebody fulfils a promise, and looks again when that is done
     bool inBurst_ = false;
     bool over_ = false;
-    bool standsStill_ = false; ///< was waited for in vain
-    unsigned waiting_ = 0;     ///< who waits for room
+    bool lost_ = false;       ///< the connection broke, and there is no other yet
+    std::size_t stillAt_ = 0; ///< bytes that waited when it was seen not to read on; 0: it moves
+    unsigned waiting_ = 0;    ///< who waits for room
     std::condition_variable room_;
     std::atomic<Clock::rep> due_{Clock::time_point::max().time_since_epoch().count()};
 };

@@ -406,11 +406,7 @@ AsyncEvalService::AsyncEvalService(std::shared_ptr<bayeux::BayeuxServer> server,
         httpSessions->addListener(impl_);
     if (!server)
         return;
-    // What happens at the interpreter is the host's to tell.
-    bayeux::ChannelOptions told;
-    told.serverPublishesOnly = true;
-    for (const char* channel : {"/interpreter/variables", "/interpreter/folder", "/interpreter/state"})
-        server->setChannelOptions(channel, told);
+    reservation_ = server->reserve(kReserved);
     bayeux::ServiceOptions options;
     options.answersSoon = true;
     registration_ = server->handleService(

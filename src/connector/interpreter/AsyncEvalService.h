@@ -19,6 +19,8 @@ class CONNECTOR_API AsyncEvalService
 {
 public:
     static constexpr const char* kChannels = "/service/interpreter/*";
+    /// Where what happens at the interpreter is told, by whichever family.
+    static constexpr const char* kReserved = "/interpreter/**";
     static constexpr std::size_t kMaxEvaluations = 200;        ///< that did not end, and kept ones
     static constexpr std::uint64_t kMaxKeptBytes = 256u << 20; ///< of evaluations that ended, together
     static constexpr std::chrono::minutes kKeepTime{30};       ///< of one that ended
@@ -36,6 +38,7 @@ public:
 private:
     class Impl;
     std::shared_ptr<Impl> impl_;
+    bayeux::BayeuxServer::Registration reservation_;
     bayeux::BayeuxServer::Registration registration_;
 };
 

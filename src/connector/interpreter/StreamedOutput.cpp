@@ -19,6 +19,9 @@ StreamedOutput::StreamedOutput(std::string channel, std::weak_ptr<Pump> pump)
 {
     if (!bayeux::isChannelName(channel_) || bayeux::isMetaChannel(channel_) || bayeux::isServiceChannel(channel_))
         throw std::invalid_argument("outputChannel: nothing is published to \"" + channel_ + "\".");
+    if (rqe::ProcessBus::isReserved(channel_))
+        throw std::invalid_argument("outputChannel: \"" + channel_ +
+                                    "\" is reserved, only the system publishes there.");
 }
 
 void StreamedOutput::write(rqe::Stream stream, std::string_view text)

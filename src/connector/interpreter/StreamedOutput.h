@@ -10,7 +10,7 @@
 namespace connector::interpreter::v1 {
 
 /// Publishes what a request prints on a channel of the bus: {"seq":1,"stream":"output","text":…}, numbered from 1. Code
-/// that prints faster than subscribers read waits for them, a second for each that stands still.
+/// that prints faster than subscribers read waits for them, a second at most for those that stand still.
 class StreamedOutput final : public rqe::OutputSink,
                              public Pump::Job,
                              public std::enable_shared_from_this<StreamedOutput>
@@ -18,7 +18,7 @@ class StreamedOutput final : public rqe::OutputSink,
 public:
     using Clock = Pump::Clock;
 
-    /// Throws std::invalid_argument for what is no channel that can be published to.
+    /// Throws std::invalid_argument for what is no channel that can be published to, or is reserved.
     StreamedOutput(std::string channel, std::weak_ptr<Pump> pump);
 
     void write(rqe::Stream stream, std::string_view text) override;

@@ -126,12 +126,12 @@ void ProcessBus::setBus(std::shared_ptr<MessageBus> bus) { Switchboard::instance
 
 void ProcessBus::clearBus(const MessageBus* bus) { Switchboard::instance().clearBus(bus); }
 
-void ProcessBus::publish(const std::string& channel, const std::string& json)
+void ProcessBus::publish(const std::string& channel, const std::string& json, const MessageBus::GoOn& goOn)
 {
     const auto bus = Switchboard::instance().bus();
     if (!bus)
         throw std::runtime_error("The connector is not running.");
-    bus->publish(channel, json);
+    bus->publish(channel, json, goOn);
 }
 
 void ProcessBus::tell(const std::string& channel, const std::string& json)
@@ -144,6 +144,12 @@ bool ProcessBus::hasSubscribers(const std::string& channel)
 {
     const auto bus = Switchboard::instance().bus();
     return bus && bus->hasSubscribers(channel);
+}
+
+bool ProcessBus::isReserved(const std::string& channel)
+{
+    const auto bus = Switchboard::instance().bus();
+    return bus && bus->isReserved(channel);
 }
 
 std::unique_ptr<ProcessBus::Subscription> ProcessBus::subscribe(const std::string& channel,

@@ -169,6 +169,21 @@ void withoutLock(Work work)
     PyEval_RestoreThread(thread);
 }
 
+/// For a wait without the language's lock. Says no once an interrupt has come, which is the error that is set then:
+/// only the interpreter's thread gets one.
+rqe::MessageBus::GoOn goOnUntilInterrupted()
+{
+    const auto engine = rqe::Factory::getCurrentLocalRQE();
+    if (!engine || !engine->onInterpreterThread())
+        return {};
+    return [] {
+        const auto lock = PyGILState_Ensure();
+        const bool interrupted = PyErr_CheckSignals() != 0;
+        PyGILState_Release(lock);
+        return !interrupted;
+    };
+}
+
 PyObject* publish(PyObject*, PyObject* const* values, Py_ssize_t count)
 try {
     if (count != 2) {
@@ -177,7 +192,9 @@ try {
     }
     const std::string channel = textOf(values[0]);
     const std::string json = textOf(values[1]);
-    withoutLock([&] { rqe::ProcessBus::publish(channel, json); });
+    withoutLock([&] { rqe::ProcessBus::publish(channel, json, goOnUntilInterrupted()); });
+    if (PyErr_Occurred())
+        throw ErrorSet{};
     Py_RETURN_NONE;
 } catch (...) {
     setErrorFromCurrentException();

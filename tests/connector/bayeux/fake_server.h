@@ -51,7 +51,9 @@ public:
 
     void publish(const std::string&, const Poco::Dynamic::Var&) override { unused(); }
     void publish(EventPtr) override { unused(); }
-    void waitForRoom(const std::string&, std::chrono::milliseconds) override { unused(); }
+    Registration reserve(const std::string&) override { unused(); }
+    bool isReserved(const std::string&) const override { unused(); }
+    void waitForRoom(const std::string&, std::chrono::milliseconds, const std::function<bool()>&) override { unused(); }
     Registration subscribe(const std::string&, Subscriber) override { unused(); }
     Registration handleService(const std::string&, ServiceHandler, const ServiceOptions&) override { unused(); }
     SessionPtr openLocalSession(const std::string&, Subscriber) override { unused(); }

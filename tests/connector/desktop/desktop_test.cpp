@@ -190,7 +190,8 @@ private:
 class NotingBus final : public rqe::MessageBus
 {
 public:
-    void publish(const std::string&, const std::string&) override { ADD_FAILURE() << "It would wait."; }
+    void publish(const std::string&, const std::string&, const GoOn&) override { ADD_FAILURE() << "It would wait."; }
+    bool isReserved(const std::string&) const override { return true; }
     void tell(const std::string& channel, const std::string& json) override
     {
         std::lock_guard lock(mutex_);

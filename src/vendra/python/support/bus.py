@@ -6,7 +6,8 @@ _subscriptions = {}
 def publish(channel, data=None):
     """Sends `data`, anything that the json module writes, to all subscribers of a channel ("/news/weather").
 
-    Waits a moment for subscribers that are behind. Raises ValueError for a bad channel and for NaN, TypeError for data
+    Waits for subscribers that are behind, at most a second for all of them. Raises ValueError for a bad or reserved
+    channel and for NaN, TypeError for data
     without a JSON form, RuntimeError while the connector is stopped.
     """
     import json  # here and below: together they would make up a tenth of the connector's start
