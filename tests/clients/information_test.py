@@ -75,6 +75,16 @@ class Information(unittest.TestCase):
         self.assertNotEqual(another["sessionId"], client["sessionId"])
         self.assertEqual(another["properties"], {})
 
+    def test_home_is_what_the_tilde_means(self):
+        page, other = Page(self.host), Page(self.host)
+        home = os.path.realpath(self.host.home)
+        os.makedirs(os.path.join(home, "mine", "sub"))
+        page.send({"type": "SetUserHomeDir", "path": os.path.join(home, "mine")})
+        enter = {"type": "CurrentFolder", "path": "~/sub"}
+        self.assertEqual(page.send(enter)[0]["folder"], os.path.join(home, "mine", "sub"))
+        self.assertEqual(other.send(enter)[0]["code"], "scriptError", "another session has another home")
+        self.assertEqual(other.send({"type": "CurrentFolder", "path": "~"})[0]["folder"], home)
+
     def test_services_are_listed(self):
         services = {s["name"]: s["running"] for s in self.host.ask("ServiceRegistryRequest")["services"]}
         self.assertTrue(services["connector/v1/information"])
@@ -122,6 +132,10 @@ class Information(unittest.TestCase):
         self.assertEqual(missing["error"], "ModuleNotFoundError")
         found = self.container({"type": "Eval", "code": "import layout_wide\nlayout_wide.text"}, client_type="phone")
         self.assertEqual(found[0]["value"], "wide")
+        behavior = {"type": "GetBehavior", "name": "page"}
+        self.assertEqual([self.container(behavior, client_type=kind)[0]["text"] for kind in ("phone", "tablet")],
+                         ["small", None])
+        self.assertEqual(self.container({**behavior, "clientType": "phone"})[0]["text"], "small")
 
     def test_plotting_library_is_told_and_restored(self):
         library = ("import sys, types\nlibrary = types.ModuleType('matplotlib')\n"
@@ -136,6 +150,33 @@ class Information(unittest.TestCase):
         self.assertEqual([a.get("applied") for a in answers], [None, True, True, None, True, None, True, None, None])
         self.assertEqual([answers[i]["value"] for i in (3, 5, 7)],
                          [["#202020", "grey"], ["#202020", "#303030"], ["white", "grey"]])
+
+    def test_plotting_library_that_comes_later_is_told(self):
+        folder = os.path.join(self.host.home, "later")
+        os.makedirs(folder)
+        with open(os.path.join(folder, "matplotlib.py"), "w", encoding="utf-8") as file:
+            file.write("rcParams = {'axes.facecolor': 'white', 'figure.facecolor': 'grey'}\n")
+        use = {"type": "Eval", "code": f"import sys\nsys.path.insert(0, {folder!r})\nimport matplotlib\n"
+                                       "list(matplotlib.rcParams.values())"}
+        forget = {"type": "Eval", "code": "del sys.modules['matplotlib'], sys.path[0]\nlen(sys.meta_path)"}
+        answers = self.container({"type": "SetBgColor", "color": "#202020"}, use, {"type": "ResetBgColor"},
+                                 {"type": "Eval", "code": "list(matplotlib.rcParams.values())"}, forget)
+        self.assertEqual([answers[0]["applied"], answers[1]["value"], answers[2]["applied"], answers[3]["value"]],
+                         [False, ["#202020", "grey"], True, ["white", "grey"]])
+        answers = self.container({"type": "SetBgColor", "color": "#202020"}, {"type": "ResetBgColor"}, use, forget)
+        self.assertEqual(answers[2]["value"], ["white", "grey"], "reset before it came")
+
+
+class Management(unittest.TestCase):
+    def test_a_setting_lets_clients_manage(self):
+        with Vendra(VENDRA, environment={"VENDRA_SECURITY_CLIENTS_MANAGE": "true"}) as host:
+            opened = host.ask("OpenPort")
+            self.assertIn(opened["port"], [port["port"] for port in host.ask("ListPorts")["ports"]])
+            self.assertEqual(host.ask("ClosePort", port=opened["port"])["port"], opened["port"])
+            self.assertEqual(host.ask("ClosePort", port=opened["port"])["code"], "badRequest")
+            self.assertTrue(host.ask("AddContentRoot", prefix="/mine", folder=host.home)["userFiles"])
+            self.assertEqual(host.ask("RemoveContentRoot", prefix="/mine")["prefix"], "/mine")
+            self.assertGreater(host.ask("GetCounters")["requests"], 0)
 
 
 if __name__ == "__main__":

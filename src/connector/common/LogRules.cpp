@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <optional>
 #include <stdexcept>
 
 namespace connector::common {
@@ -18,15 +17,6 @@ struct LevelText
 /// In the order of LogLevel.
 constexpr LevelText kLevels[] = {{"OFF", "off"},   {"ERROR", "error"}, {"WARNING", "warning"},
                                  {"INFO", "info"}, {"DEBUG", "debug"}, {"TRACE", "trace"}};
-
-std::optional<LogLevel> levelFrom(std::string_view text)
-{
-    for (std::size_t i = 0; i < std::size(kLevels); ++i) {
-        if (kLevels[i].lower == text)
-            return static_cast<LogLevel>(i);
-    }
-    return std::nullopt;
-}
 
 std::string_view trimmed(std::string_view text)
 {
@@ -49,6 +39,15 @@ bool isSource(std::string_view text)
 
 } // namespace
 
+std::optional<LogLevel> levelNamed(std::string_view text) noexcept
+{
+    for (std::size_t i = 0; i < std::size(kLevels); ++i) {
+        if (kLevels[i].lower == text)
+            return static_cast<LogLevel>(i);
+    }
+    return std::nullopt;
+}
+
 const char* levelName(LogLevel level) noexcept { return kLevels[static_cast<std::size_t>(level)].upper; }
 
 LogRules::LogRules(std::string_view specification)
@@ -64,7 +63,7 @@ LogRules::LogRules(std::string_view specification)
 
         const auto equals = part.find('=');
         const auto source = equals == std::string_view::npos ? "*" : trimmed(part.substr(0, equals));
-        const auto level = levelFrom(equals == std::string_view::npos ? part : trimmed(part.substr(equals + 1)));
+        const auto level = levelNamed(equals == std::string_view::npos ? part : trimmed(part.substr(equals + 1)));
         if (!level || (source != "*" && !isSource(source)))
             throw std::invalid_argument("The log specification's part \"" + std::string(part) +
                                         "\" is neither LEVEL nor SOURCE=LEVEL, where LEVEL is off, error, warning, "

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -10,6 +11,9 @@ namespace connector::common {
 
 /// "OFF", "ERROR" …
 const char* levelName(LogLevel level) noexcept;
+
+/// Of "off", "error" …; none for another text.
+std::optional<LogLevel> levelNamed(std::string_view text) noexcept;
 
 /// A parsed log specification.
 class LogRules

@@ -2,6 +2,8 @@
 
 namespace connector::common_services {
 
+Echo::~Echo() = default;
+
 MessageFuture EchoServiceProvider::deliver(std::unique_ptr<Message>&& message, Address&&, std::shared_ptr<Context>&&)
 {
     if (!isRunning())

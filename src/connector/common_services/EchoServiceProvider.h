@@ -2,9 +2,20 @@
 
 #include <atomic>
 
+#include <Poco/Dynamic/Var.h>
+
 #include "connector/core/ServiceProvider.h"
 
 namespace connector::common_services {
+
+/// A value that goes to the echo service and back.
+struct CONNECTOR_API Echo final : Message
+{
+    explicit Echo(Poco::Dynamic::Var value) : data(std::move(value)) {}
+    ~Echo() override;
+
+    Poco::Dynamic::Var data; ///< a JSON value
+};
 
 /// Answers any message with itself, to try the way to a service and back. It takes every message class, so that it
 /// serves no interface of its own; a client's message comes back under the type it was sent with.

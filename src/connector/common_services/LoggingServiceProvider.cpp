@@ -89,18 +89,12 @@ bool LoggingServiceProvider::write(const LogRecord& record)
 bool LoggingServiceProvider::isWanted(LogLevel level)
 {
     const auto text = configuration_->getString("log.clientLevel");
-    auto wanted = LogLevel::info;
-    try {
-        if (text.empty() || text.find_first_of("=,") != std::string::npos)
-            throw std::invalid_argument("It is no level.");
-        wanted = common::LogRules(text).levelOf({});
-    } catch (const std::invalid_argument&) {
-        if (std::exchange(badLevel_, text) != text)
-            common::log("connector.common_services", LogLevel::warning,
-                        "log.clientLevel is \"" + text +
-                            "\", not off, error, warning, info, debug or trace; info is used.");
-    }
-    return level != LogLevel::off && level <= wanted;
+    const auto wanted = common::levelNamed(text);
+    if (!wanted && std::exchange(badLevel_, text) != text)
+        common::log("connector.common_services", LogLevel::warning,
+                    "log.clientLevel is \"" + text +
+                        "\", not off, error, warning, info, debug or trace; info is used.");
+    return level != LogLevel::off && level <= wanted.value_or(LogLevel::info);
 }
 
 void LoggingServiceProvider::tick()

@@ -65,6 +65,7 @@ std::vector<Key> otherKeys()
         {"security.accessIdleMinutes", integer(720), "Time after which a browser that did nothing has to enter again",
          1, 525'600},
         {"security.accessKeyFile", text(""), "File with a secret that lets in like the token of the process"},
+        {"security.clientsManage", false, "Whether clients may open and close ports and add folders of content"},
         {"security.entryLifeSeconds", integer(600), "Time for which a one-time address works", 1, kDaySeconds},
         {"security.maxBrowsers", integer(100), "Browsers that are let in at a time", 1, 1'000},
         {"security.tokenFile", true, "Whether the bearer token is written to a file that only the user can read"},

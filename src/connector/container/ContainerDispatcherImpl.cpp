@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "connector/container/Gathering.h"
+#include "connector/container/StandingMessages.h"
 #include "connector/core/Connector.h"
 
 namespace connector::container::v1 {
@@ -68,6 +69,12 @@ AddressList removed(const AddressList& list, const Address& address)
 }
 
 } // namespace
+
+ContainerDispatcherImpl::ContainerDispatcherImpl()
+{
+    for (const auto& message : standingMessages())
+        add(message.type, Mapping{.target = Address{message.service}, .manages = message.manages});
+}
 
 MessageFuture ContainerDispatcherImpl::handle(std::unique_ptr<ContainerRequest>&& request, Address&& target,
                                               std::shared_ptr<Context>&& context)
@@ -157,6 +164,8 @@ MessageFuture ContainerDispatcherImpl::dispatch(std::unique_ptr<ContainerRequest
             const auto mapping = find(entry.type);
             if (!mapping && !entry.type.empty())
                 throw ServiceFault("unknownType", "No service takes messages of type \"" + entry.type + "\".");
+            if (mapping && mapping->manages)
+                requireManagement(entry.type, *context);
             if (entry.failure)
                 std::rethrow_exception(entry.failure);
             if (mapping->together) {
@@ -228,12 +237,12 @@ void ContainerDispatcherImpl::add(const std::string& type, Mapping mapping)
 
 void ContainerDispatcherImpl::registerMessageMapping(const std::string& type, Address target, int limit)
 {
-    add(type, Mapping{std::move(target), false, limit});
+    add(type, Mapping{.target = std::move(target), .limit = limit});
 }
 
 void ContainerDispatcherImpl::registerMessageContainerMapping(const std::string& type, Address target, int limit)
 {
-    add(type, Mapping{std::move(target), true, limit});
+    add(type, Mapping{.target = std::move(target), .together = true, .limit = limit});
 }
 
 void ContainerDispatcherImpl::deregisterMessageMapping(const std::string& type)

@@ -12,6 +12,9 @@ namespace connector::container::v1 {
 class CONNECTOR_API ContainerDispatcherImpl final : public ContainerDispatcher
 {
 public:
+    /// Maps the standing messages.
+    ContainerDispatcherImpl();
+
     MessageFuture handle(std::unique_ptr<ContainerRequest>&& request, Address&& target,
                          std::shared_ptr<Context>&& context) override;
     void registerMessageMapping(const std::string& type, Address target, int limit) override;
@@ -29,6 +32,7 @@ private:
         Address target;
         bool together = false; ///< messages of the type travel as one container
         int limit = 0;
+        bool manages = false; ///< for clients that may manage the connector
         std::shared_ptr<std::atomic<int>> unanswered = std::make_shared<std::atomic<int>>(0);
     };
     /// Replaced as a whole, so that a request takes them without a copy; null when there are none.

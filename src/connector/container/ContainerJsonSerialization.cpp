@@ -1,6 +1,9 @@
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
 
+#include "connector/common/LogRules.h"
+#include "connector/common_services/EchoServiceProvider.h"
+#include "connector/common_services/LogRecord.h"
 #include "connector/container/ContainerHttpServiceProvider.h"
 #include "connector/container/SequenceContainer.h"
 #include "connector/json/Members.h"
@@ -8,6 +11,9 @@
 namespace connector::container::v1 {
 namespace {
 
+using common_services::Echo;
+using common_services::LogRecord;
+using common_services::LogRecordResponse;
 using Poco::JSON::Object;
 
 ContainerRequest::Entry decodeEntry(const json::JsonSerializer& serializer, const Poco::Dynamic::Var& value,
@@ -95,6 +101,38 @@ Object::Ptr encodeFault(const Fault& fault)
     return object;
 }
 
+std::unique_ptr<Echo> decodeEcho(json::Members& members)
+{
+    return std::make_unique<Echo>(members.requireValue("data"));
+}
+
+Object::Ptr encodeEcho(const Echo& echo)
+{
+    Object::Ptr object = new Object;
+    object->set("data", echo.data);
+    return object;
+}
+
+std::unique_ptr<LogRecord> decodeLogRecord(json::Members& members)
+{
+    const auto level = members.optionalString("level", "info");
+    auto text = members.requireString("text");
+    auto source = members.optionalString("source");
+    return json::within(std::string("level"), [&] {
+        const auto known = common::levelNamed(level);
+        if (!known)
+            throw json::JsonError("expected off, error, warning, info, debug or trace but found \"" + level + "\"");
+        return std::make_unique<LogRecord>(*known, std::move(text), std::move(source));
+    });
+}
+
+Object::Ptr encodeLogRecordResponse(const LogRecordResponse& response)
+{
+    Object::Ptr object = new Object;
+    object->set("written", response.written);
+    return object;
+}
+
 } // namespace
 
 ContainerJsonSerialization::ContainerJsonSerialization(std::shared_ptr<json::JsonSerializer> serializer)
@@ -113,6 +151,9 @@ ContainerJsonSerialization::ContainerJsonSerialization(std::shared_ptr<json::Jso
         "SequenceContainerResponse",
         [types](const SequenceContainerResponse& response) { return encodeSequence(*types, response); }, nullptr);
     add<Fault>("Fault", encodeFault, nullptr);
+    add<Echo>("Echo", encodeEcho, decodeEcho);
+    add<LogRecord>("LogRecord", nullptr, decodeLogRecord);
+    add<LogRecordResponse>("LogRecordResponse", encodeLogRecordResponse, nullptr);
 }
 
 } // namespace connector::container::v1

@@ -4,10 +4,13 @@
 #include <utility>
 
 #include "connector/container/ContainerMessages.h"
+#include "connector/core/Connector.h"
+#include "connector/core/ServiceFault.h"
 #include "connector/desktop/EngineCall.h"
 #include "connector/desktop/LookDesk.h"
 #include "connector/desktop/StateNews.h"
 #include "connector/desktop/VariableWatch.h"
+#include "connector/information/InformationMessages.h"
 
 namespace connector::desktop::v1 {
 namespace {
@@ -16,6 +19,17 @@ using MessagePtr = std::unique_ptr<Message>;
 
 /// How much code in front of the cursor is looked at, in code points.
 constexpr std::size_t kMaxCode = 65'536;
+
+/// What "~" means to the client. Throws ServiceFault "unavailable" when nobody knows.
+std::string homeOf(const std::shared_ptr<Context>& context)
+{
+    using namespace information::v1;
+    auto answer = context->connector()->handle(std::make_unique<GetUserHomeDir>(), Address{"connector/v1/information"},
+                                               std::shared_ptr<Context>(context));
+    if (!answer.isReady())
+        throw ServiceFault("unavailable", "The home folder is not known yet.");
+    return dynamic_cast<const GetUserHomeDirResponse&>(*answer.get()).path;
+}
 
 /// Work must be copyable, which messages are not: the request is shared with it.
 template <class M>
@@ -223,6 +237,8 @@ MessageFuture DesktopServiceProviderImpl::handleTabCompletion(std::unique_ptr<Ta
 MessageFuture DesktopServiceProviderImpl::handleCurrentFolder(std::unique_ptr<CurrentFolder>&& message, Address&&,
                                                               std::shared_ptr<Context>&& context)
 {
+    if (message->path && (*message->path == "~" || message->path->starts_with("~/")))
+        message->path->replace(0, 1, homeOf(context));
     return callEngine(engine_, context, [request = shared(message)](rqe::Interpreter& interpreter) -> MessagePtr {
         if (request->path)
             interpreter.setCurrentFolder(*request->path);

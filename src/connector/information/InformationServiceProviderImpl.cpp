@@ -27,11 +27,15 @@ struct Feature
     const char* name; ///< in name order
     const char* service;
     Needs needs = Needs::nothing;
+    const char* also = nullptr; ///< another service
 };
 
 constexpr Feature kFeatures[] = {
+    {"asyncEvaluation", "connector/v1/interpreter", Feature::Needs::engine, "connector/bayeux/service"},
+    {"bus", "connector/bayeux/service"},
     {"configuration", "connector/configuration"},
     {"containers", "connector/v1/container"},
+    {"desktop", "connector/v1/desktop", Feature::Needs::engine},
     {"evaluation", "connector/v1/interpreter", Feature::Needs::engine},
     {"hitchhiker", "connector/v1/hitchhiker"},
     {"httpClient", "connector/http/client"},
@@ -150,9 +154,10 @@ EnabledFeaturesResponse InformationServiceProviderImpl::enabledFeatures(const Co
         }
         return true;
     };
+    const auto runs = [&](const char* service) { return !service || connector->isServiceProviderRunning(service); };
     for (const auto& feature : kFeatures)
         response.features.emplace_back(feature.name,
-                                       connector->isServiceProviderRunning(feature.service) && exists(feature.needs));
+                                       runs(feature.service) && runs(feature.also) && exists(feature.needs));
     return response;
 }
 

@@ -14,7 +14,41 @@ namespace {
 /// Runs in a namespace of its own; leaves one name among the builtins until it is reset.
 constexpr const char* kSetup = R"py(
 import builtins
+import importlib.util
 import sys
+
+
+class LibraryWatch:
+    """Puts the colours into a plotting library that is imported later."""
+
+    NAME = "matplotlib"
+
+    def __init__(self, defaults):
+        self._defaults = defaults
+
+    def find_spec(self, name, path=None, target=None):
+        if name != self.NAME:
+            return None
+        self.stop()
+        spec = importlib.util.find_spec(name)
+        if spec is None or spec.loader is None:
+            return spec
+        run = spec.loader.exec_module
+
+        def run_and_tell(module):
+            run(module)
+            self._defaults.tell(module)
+
+        spec.loader.exec_module = run_and_tell
+        return spec
+
+    def start(self):
+        if self not in sys.meta_path:
+            sys.meta_path.insert(0, self)
+
+    def stop(self):
+        if self in sys.meta_path:
+            sys.meta_path.remove(self)
 
 
 class DisplayDefaults(dict):
@@ -22,22 +56,32 @@ class DisplayDefaults(dict):
 
     def __init__(self):
         self._before = {}
+        self._watch = LibraryWatch(self)
 
     @staticmethod
     def _parameters():
-        return getattr(sys.modules.get("matplotlib"), "rcParams", None)
+        return getattr(sys.modules.get(LibraryWatch.NAME), "rcParams", None)
 
     def put(self, name, color):
         self[name] = color
         parameters = self._parameters()
         if parameters is None:
+            self._watch.start()
             return False
+        self._put(parameters, name, color)
+        return True
+
+    def _put(self, parameters, name, color):
         key = self._PARAMETERS[name]
         self._before.setdefault(key, parameters[key])
         parameters[key] = color
-        return True
+
+    def tell(self, library):
+        for name, color in self.items():
+            self._put(library.rcParams, name, color)
 
     def reset(self):
+        self._watch.stop()
         parameters = self._parameters()
         if parameters is not None:
             parameters.update(self._before)

@@ -166,6 +166,11 @@ void ShadowServiceImpl::rebuild()
     folders_.swap(made);
 }
 
+std::optional<std::string> ShadowServiceImpl::behavior(const std::string& clientType, const std::string& name) const
+{
+    return behaviors_->getBehavior(clientType, name);
+}
+
 ShadowService::Folders ShadowServiceImpl::getUseCaseDirectories(const std::string& clientType) const
 {
     if (clientType.empty())

@@ -3,6 +3,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <vector>
@@ -34,6 +35,9 @@ public:
     /// wrong; nothing changes then.
     virtual ClientTypeFile loadClientTypeFile(const std::string& path) = 0;
 
+    /// The text of the behaviour that holds for the client type; none when no file says any.
+    virtual std::optional<std::string> behavior(const std::string& clientType, const std::string& name) const = 0;
+
     /// The client type's folders; null when it has none.
     virtual Folders getUseCaseDirectories(const std::string& clientType) const = 0;
     virtual bool requiresPath(const std::string& clientType) const = 0;
@@ -55,6 +59,7 @@ public:
     ~ShadowServiceImpl() override;
 
     ClientTypeFile loadClientTypeFile(const std::string& path) override;
+    std::optional<std::string> behavior(const std::string& clientType, const std::string& name) const override;
     Folders getUseCaseDirectories(const std::string& clientType) const override;
     bool requiresPath(const std::string& clientType) const override;
     Folders addToPath(const std::string& clientType) override;

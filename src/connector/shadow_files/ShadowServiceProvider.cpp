@@ -35,9 +35,22 @@ MessageFuture LoadClientTypeFile::deliverTo(std::shared_ptr<ShadowServiceProvide
         std::make_unique<LoadClientTypeFileResponse>(provider->loadClientTypeFile(*this)));
 }
 
+MessageFuture GetBehavior::deliverTo(std::shared_ptr<ShadowServiceProvider> provider, std::unique_ptr<Message>&&,
+                                     Address&&, std::shared_ptr<Context>&& context)
+{
+    return makeReadyFuture<std::unique_ptr<Message>>(
+        std::make_unique<GetBehaviorResponse>(provider->getBehavior(*this, *context)));
+}
+
 LoadClientTypeFileResponse ShadowServiceProviderImpl::loadClientTypeFile(const LoadClientTypeFile& request)
 {
     return LoadClientTypeFileResponse(service_->loadClientTypeFile(request.path));
+}
+
+GetBehaviorResponse ShadowServiceProviderImpl::getBehavior(const GetBehavior& request, const Context& context)
+{
+    const auto& clientType = request.clientType.empty() ? context.clientType() : request.clientType;
+    return GetBehaviorResponse(service_->behavior(clientType, request.name));
 }
 
 MessageFuture ShadowContainerServiceProvider::deliver(std::unique_ptr<Message>&& message, Address&& address,

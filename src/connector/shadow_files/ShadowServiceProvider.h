@@ -24,11 +24,30 @@ public:
     ClientTypeFile file;
 };
 
+/// Asks for the text of a behaviour.
+class CONNECTOR_API GetBehavior final : public ServiceMessage<ShadowServiceProvider>
+{
+public:
+    std::string name;
+    std::string clientType; ///< empty for that of the client that asks
+
+    MessageFuture deliverTo(std::shared_ptr<ShadowServiceProvider> provider, std::unique_ptr<Message>&& message,
+                            Address&& address, std::shared_ptr<Context>&& context) override;
+};
+
+class CONNECTOR_API GetBehaviorResponse final : public Message
+{
+public:
+    explicit GetBehaviorResponse(std::optional<std::string> found) : text(std::move(found)) {}
+    std::optional<std::string> text; ///< none when no file says any
+};
+
 class CONNECTOR_API ShadowServiceProvider : public ServiceProviderAPI<ShadowServiceProvider>
 {
 public:
     /// Reads a small local file on the calling thread. Throws as ShadowService::loadClientTypeFile.
     virtual LoadClientTypeFileResponse loadClientTypeFile(const LoadClientTypeFile& request) = 0;
+    virtual GetBehaviorResponse getBehavior(const GetBehavior& request, const Context& context) = 0;
 };
 
 class CONNECTOR_API ShadowServiceProviderImpl final : public ShadowServiceProvider
@@ -37,6 +56,7 @@ public:
     explicit ShadowServiceProviderImpl(std::shared_ptr<ShadowService> service) : service_(std::move(service)) {}
 
     LoadClientTypeFileResponse loadClientTypeFile(const LoadClientTypeFile& request) override;
+    GetBehaviorResponse getBehavior(const GetBehavior& request, const Context& context) override;
 
 private:
     const std::shared_ptr<ShadowService> service_;

@@ -28,6 +28,21 @@ Object::Ptr encodeLoaded(const LoadClientTypeFileResponse& response)
     return object;
 }
 
+std::unique_ptr<GetBehavior> decodeGetBehavior(json::Members& members)
+{
+    auto message = std::make_unique<GetBehavior>();
+    message->name = members.requireString("name");
+    message->clientType = members.optionalString("clientType");
+    return message;
+}
+
+Object::Ptr encodeBehavior(const GetBehaviorResponse& response)
+{
+    auto object = json::makeObject();
+    object->set("text", response.text ? Poco::Dynamic::Var(*response.text) : Poco::Dynamic::Var());
+    return object;
+}
+
 template <class M>
 std::unique_ptr<M> decodeColor(json::Members& members)
 {
@@ -51,6 +66,8 @@ ShadowJsonSerialization::ShadowJsonSerialization(std::shared_ptr<json::JsonSeria
 {
     add<LoadClientTypeFile>("LoadClientTypeFile", nullptr, decodeLoad);
     add<LoadClientTypeFileResponse>("LoadClientTypeFileResponse", encodeLoaded, nullptr);
+    add<GetBehavior>("GetBehavior", nullptr, decodeGetBehavior);
+    add<GetBehaviorResponse>("GetBehaviorResponse", encodeBehavior, nullptr);
 
     add<SetBgColor>("SetBgColor", nullptr, decodeColor<SetBgColor>);
     add<ResetBgColor>("ResetBgColor", nullptr, [](json::Members&) { return std::make_unique<ResetBgColor>(); });
@@ -67,7 +84,8 @@ ShadowMessageMapProvider::ShadowMessageMapProvider(std::shared_ptr<container::v1
 {
     auto through = address.parts();
     through.emplace_back("connector/v1/shadowFiles");
-    map("LoadClientTypeFile", Address(std::move(through)));
+    for (const char* type : {"LoadClientTypeFile", "GetBehavior"})
+        map(type, Address(through));
     passBefore(address);
     passAfter(address);
 }
