@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -53,6 +54,8 @@ public:
     virtual ~BayeuxSession() = default;
     /// The clientId of a remote session (a secret of its client); a name for a local one.
     virtual const std::string& id() const noexcept = 0;
+    /// How others may know it, presence for one; the name of a local one.
+    virtual const std::string& publicId() const noexcept = 0;
     virtual bool isLocal() const noexcept = 0;
     /// The HTTP session it was born in; "" without one.
     virtual const std::string& httpSessionId() const noexcept = 0;
@@ -115,6 +118,26 @@ struct ChannelOptions
     bool serverPublishesOnly = false; ///< remote clients may not publish
 };
 
+/// Some of the remote clients.
+struct Audience
+{
+    bool everybody = true;
+    std::set<std::string> publicIds; ///< unless it is everybody: those, by BayeuxSession::publicId
+
+    bool has(const std::string& publicId) const { return everybody || publicIds.contains(publicId); }
+};
+
+/// What channels do besides passing messages on, and which remote clients may use them. What this process publishes and
+/// subscribes to is not restricted.
+struct ChannelRule
+{
+    bool retain = false;   ///< as in ChannelOptions
+    bool presence = false; ///< as in ChannelOptions
+    bool lazy = false;     ///< as in ChannelOptions
+    Audience publishers;
+    Audience subscribers; ///< others get nothing of it by patterns, either
+};
+
 struct BayeuxLimits
 {
     std::chrono::milliseconds timeout{30'000};     ///< how long a connect is held
@@ -127,8 +150,19 @@ struct BayeuxLimits
     std::size_t sessions = 20'000;
     std::size_t subscriptions = 1'000; ///< of one session
     std::size_t channels = 100'000;
-    std::size_t batch = 1'000;      ///< messages in one array
-    unsigned pollsOfOneBrowser = 2; ///< held connects of one HTTP session; more get "multiple-clients" advice
+    std::size_t batch = 1'000;             ///< messages in one array
+    std::size_t retainedBytes = 64u << 20; ///< of all retained events; beyond it the oldest go
+    unsigned pollsOfOneBrowser = 2;        ///< held connects of one HTTP session; more get "multiple-clients" advice
+};
+
+/// A remote client, as it may be shown.
+struct BayeuxSessionInfo
+{
+    std::string publicId;
+    std::string peerAddress; ///< from where it shook hands
+    bool webSocket = false;  ///< has one open
+    std::size_t queued = 0;  ///< events that wait for it, with those not acknowledged
+    std::vector<std::string> subscriptions;
 };
 
 struct BayeuxCounters
@@ -139,6 +173,7 @@ struct BayeuxCounters
     std::uint64_t published = 0;
     std::uint64_t delivered = 0; ///< handed to a connection
     std::uint64_t droppedLazy = 0;
+    std::uint64_t droppedRetained = 0;
     std::uint64_t overflows = 0; ///< sessions that ended because they read too slowly
     std::uint64_t expired = 0;
 };
@@ -255,6 +290,10 @@ public:
 
     virtual SessionPtr findSession(const std::string& id) const = 0;
     virtual std::vector<SessionPtr> sessions() const = 0;
+    /// Of remote clients.
+    virtual std::vector<BayeuxSessionInfo> describeSessions() const = 0;
+    /// As BayeuxSession::disconnect; false when there is no such remote client.
+    virtual bool endSession(const std::string& publicId) = 0;
     /// Subscribers of the channel itself, not of patterns that match it.
     virtual std::vector<SessionPtr> subscribers(const std::string& channel) const = 0;
     /// Whether a session or a function gets what is published on the channel, be it by a pattern. A server that does
@@ -269,6 +308,10 @@ public:
     /// handlers. A change takes effect with the next message; `recheck` also ends subscriptions that it forbids.
     virtual void setPolicy(std::shared_ptr<BayeuxSecurityPolicy> policy, bool recheck = false) = 0;
     virtual void setChannelOptions(const std::string& channel, const ChannelOptions& options) = 0;
+    /// For a channel, or all that a pattern matches; service channels too. Rules that match the same channel add up: it
+    /// retains when one of them says so, and a client may publish when all of them let it. A rule takes effect at once,
+    /// for clients that have subscribed as well. Throws std::invalid_argument for "/meta" channels and bad names.
+    [[nodiscard]] virtual Registration addRule(const std::string& channel, const ChannelRule& rule) = 0;
     virtual void setLimits(const BayeuxLimits& limits) = 0;
     virtual BayeuxLimits limits() const = 0;
     [[nodiscard]] virtual Registration addListener(std::shared_ptr<BayeuxListener> listener) = 0;

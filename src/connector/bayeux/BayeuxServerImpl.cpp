@@ -49,7 +49,8 @@ struct BayeuxServerImpl::State
     EventPtr makeEvent(const std::string& channel, const Poco::Dynamic::Var& data) const
     {
         requirePublishable(channel);
-        return std::make_shared<const BayeuxEvent>(channel, data, core->channels().options(channel).lazy);
+        return std::make_shared<const BayeuxEvent>(channel, data,
+                                                   core->isLazy(channel, core->channels().find(channel)));
     }
 
     const std::shared_ptr<Core> core = std::make_shared<Core>();
@@ -159,6 +160,27 @@ SessionPtr BayeuxServerImpl::findSession(const std::string& id) const { return s
 
 std::vector<SessionPtr> BayeuxServerImpl::sessions() const { return state_->core->all(); }
 
+std::vector<BayeuxSessionInfo> BayeuxServerImpl::describeSessions() const
+{
+    std::vector<BayeuxSessionInfo> described;
+    for (const auto& session : state_->core->sessions().all()) {
+        described.push_back(session->describe());
+        described.back().subscriptions = state_->core->channels().subscriptionsOf(*session);
+    }
+    return described;
+}
+
+bool BayeuxServerImpl::endSession(const std::string& publicId)
+{
+    for (const auto& session : state_->core->sessions().all()) {
+        if (session->publicId() == publicId) {
+            state_->core->kick(session);
+            return true;
+        }
+    }
+    return false;
+}
+
 bool BayeuxServerImpl::hasReceivers(const std::string& channel) const
 {
     return state_->core->channels().hasReceivers(channel);
@@ -183,6 +205,18 @@ void BayeuxServerImpl::setChannelOptions(const std::string& channel, const Chann
 {
     requirePublishable(channel);
     state_->core->setOptions(channel, options);
+}
+
+BayeuxServer::Registration BayeuxServerImpl::addRule(const std::string& channel, const ChannelRule& rule)
+{
+    if ((!isChannelName(channel) && !isPattern(channel)) || isMetaChannel(channel))
+        throw std::invalid_argument("\"" + channel + "\" is neither a channel nor a pattern of channels.");
+    auto kept = std::make_shared<const ChannelRule>(rule);
+    state_->core->channels().addRule(channel, kept);
+    return Registration([weak = std::weak_ptr(state_->core), channel, kept = std::move(kept)] {
+        if (const auto core = weak.lock())
+            core->channels().removeRule(channel, kept);
+    });
 }
 
 void BayeuxServerImpl::setLimits(const BayeuxLimits& limits)

@@ -29,10 +29,13 @@ public:
     void publishAs(const BayeuxSession& sender, const std::string& channel, const Poco::Dynamic::Var& data) override;
     SessionPtr findSession(const std::string& id) const override;
     std::vector<SessionPtr> sessions() const override;
+    std::vector<BayeuxSessionInfo> describeSessions() const override;
+    bool endSession(const std::string& publicId) override;
     std::vector<SessionPtr> subscribers(const std::string& channel) const override;
     bool hasReceivers(const std::string& channel) const override;
     void setPolicy(std::shared_ptr<BayeuxSecurityPolicy> policy, bool recheck) override;
     void setChannelOptions(const std::string& channel, const ChannelOptions& options) override;
+    [[nodiscard]] Registration addRule(const std::string& channel, const ChannelRule& rule) override;
     void setLimits(const BayeuxLimits& limits) override;
     BayeuxLimits limits() const override;
     [[nodiscard]] Registration addListener(std::shared_ptr<BayeuxListener> listener) override;

@@ -1,6 +1,9 @@
 #include "connector/bayeux/BusSettings.h"
 
+#include <map>
+
 #include "connector/common/Log.h"
+#include "connector/http/HttpText.h"
 
 namespace connector::bayeux {
 
@@ -20,6 +23,27 @@ std::size_t size(const Configuration& configuration, const char* key)
     return static_cast<std::size_t>(configuration.getInteger(key));
 }
 
+/// What a key says of the channels in its list.
+struct RuleKey
+{
+    const char* key;
+    void (*write)(ChannelRule& rule);
+};
+
+void keepOut(Audience& audience) { audience.everybody = false; }
+
+constexpr RuleKey kRuleKeys[] = {
+    {"bus.hiddenChannels",
+     [](ChannelRule& rule) {
+         keepOut(rule.publishers);
+         keepOut(rule.subscribers);
+     }},
+    {"bus.lazyChannels", [](ChannelRule& rule) { rule.lazy = true; }},
+    {"bus.presenceChannels", [](ChannelRule& rule) { rule.presence = true; }},
+    {"bus.readOnlyChannels", [](ChannelRule& rule) { keepOut(rule.publishers); }},
+    {"bus.retainedChannels", [](ChannelRule& rule) { rule.retain = true; }},
+};
+
 } // namespace
 
 BayeuxLimits readBusLimits(const Configuration& configuration)
@@ -36,6 +60,7 @@ BayeuxLimits readBusLimits(const Configuration& configuration)
     limits.subscriptions = size(configuration, "bus.maxSubscriptions");
     limits.channels = size(configuration, "bus.maxChannels");
     limits.batch = size(configuration, "bus.maxBatch");
+    limits.retainedBytes = size(configuration, "bus.maxRetainedBytes");
     limits.pollsOfOneBrowser = static_cast<unsigned>(size(configuration, "bus.maxPollsOfOneBrowser"));
     limits.queueBytes = std::max(limits.queueBytes, limits.messageBytes);
     return limits;
@@ -58,12 +83,48 @@ public:
                         "bus.maxQueuedBytes: " + std::to_string(asked) + " is less than bus.maxMessageBytes, " +
                             std::to_string(limits.messageBytes) + ", which is taken for both.");
         server_->setLimits(limits);
+        applyRules();
     }
 
 private:
+    using Registration = BayeuxServer::Registration;
+
+    /// The new rules stand before the old ones go, so that nothing is open in between.
+    void applyRules()
+    {
+        std::map<std::string, std::vector<std::string>> lists;
+        for (const auto& [key, write] : kRuleKeys)
+            lists[key] = configuration_->getList(key);
+        if (lists == lists_)
+            return;
+        std::vector<Registration> rules;
+        for (const auto& [key, write] : kRuleKeys) {
+            for (const auto& channel : lists[key])
+                addRule(key, channel, write, rules);
+        }
+        rules_.swap(rules);
+        lists_ = std::move(lists);
+    }
+
+    void addRule(const char* key, const std::string& channel, void (*write)(ChannelRule&),
+                 std::vector<Registration>& rules)
+    {
+        ChannelRule rule;
+        write(rule);
+        try {
+            rules.push_back(server_->addRule(channel, rule));
+        } catch (const std::invalid_argument&) {
+            common::log("connector.bayeux", common::LogLevel::warning,
+                        std::string(key) + ": \"" + http::printable(channel) +
+                            "\" is neither a channel nor a pattern of channels and is left out.");
+        }
+    }
+
     std::mutex mutex_; ///< one change at a time
     const std::shared_ptr<Configuration> configuration_;
     const std::shared_ptr<BayeuxServer> server_;
+    std::map<std::string, std::vector<std::string>> lists_; ///< what `rules_` were made of
+    std::vector<Registration> rules_;
 };
 
 BusSettings::BusSettings(std::shared_ptr<Configuration> configuration, std::shared_ptr<BayeuxServer> server)

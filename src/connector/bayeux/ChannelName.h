@@ -11,6 +11,8 @@
 namespace connector::bayeux {
 
 inline constexpr std::size_t kMaxChannelBytes = 1'000;
+/// Stands before a channel's name in the one where joins and leaves are told.
+inline constexpr std::string_view kPresencePrefix = "/presence";
 
 /// A name without a pattern.
 CONNECTOR_API bool isChannelName(std::string_view name) noexcept;

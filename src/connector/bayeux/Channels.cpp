@@ -30,7 +30,8 @@ std::shared_ptr<const Channels::Receivers> united(const std::vector<std::shared_
 Channels::Addition Channels::add(const std::string& name, const std::shared_ptr<Receiver>& receiver, Burst& burst)
 {
     Addition addition;
-    const bool isSession = receiver->session() != nullptr;
+    const auto session = receiver->session();
+    const bool isSession = session != nullptr;
     std::unique_lock retaining(retainMutex_, std::defer_lock);
     if (retaining_ > 0)
         retaining.lock();
@@ -54,20 +55,33 @@ Channels::Addition Channels::add(const std::string& name, const std::shared_ptr<
         found->second.snapshot.reset();
         receiver->subscriptions_.insert(name);
         subscriptions_ += isSession;
-        if (retaining && !isPattern(name) && found->second.retained) {
-            addition.retained.push_back(found->second.retained);
-        } else if (retaining && isPattern(name)) {
-            for (const auto& [channel, state] : channels_) {
-                if (state.retained && covers(name, channel))
-                    addition.retained.push_back(state.retained);
-            }
-        }
     }
+    if (retaining)
+        addition.retained = retainedFor(name, session);
     if (isSession) {
         for (const auto& event : std::exchange(addition.retained, {}))
             receiver->receive(Publication(event), burst);
     }
     return addition;
+}
+
+/// With retainMutex_ held; of those the ones that the session may see.
+std::vector<EventPtr> Channels::retainedFor(const std::string& name, const std::shared_ptr<Session>& session) const
+{
+    std::vector<EventPtr> events;
+    const auto offer = [&](const EventPtr& event) {
+        if (!session || rules_.of(event->channel()).maySubscribe(session->publicId()))
+            events.push_back(event);
+    };
+    if (isPattern(name)) {
+        for (const auto& event : retained_.all()) {
+            if (covers(name, event->channel()))
+                offer(event);
+        }
+    } else if (const auto event = retained_.find(name)) {
+        offer(event);
+    }
+    return events;
 }
 
 /// Answers whether the channel went with it.
@@ -145,28 +159,32 @@ Channels::Lists Channels::rebuild(const std::string& channel, const std::vector<
     return lists;
 }
 
-std::shared_ptr<const Channels::Receivers> Channels::publish(const EventPtr& event)
+Channels::Published Channels::publish(const EventPtr& event, bool retain, std::size_t maxRetainedBytes)
 {
+    Published published;
     const auto patterns = patternsFor(event->channel());
     Lists lists;
     bool done = false;
-    bool retains = false;
+    bool retains = retain;
     {
         std::shared_lock lock(mutex_);
         const auto found = channels_.find(event->channel());
-        retains = found != channels_.end() && found->second.options && found->second.options->retain;
+        retains = retains || (found != channels_.end() && found->second.options && found->second.options->retain);
         done = !retains && collect(event->channel(), patterns, lists);
     }
     if (!done) {
         std::unique_lock retaining(retainMutex_, std::defer_lock);
-        if (retains)
+        if (retains) {
             retaining.lock();
+            // Who ended that meanwhile has let go of what was retained.
+            if (options(event->channel()).retain || rules_.of(event->channel()).retain())
+                published.droppedRetained = retained_.keep(event, maxRetainedBytes);
+        }
         std::lock_guard lock(mutex_);
-        if (const auto found = channels_.find(event->channel()); retains && found != channels_.end())
-            found->second.retained = event;
         lists = rebuild(event->channel(), patterns);
     }
-    return united(lists);
+    published.receivers = united(lists);
+    return published;
 }
 
 std::shared_ptr<const Channels::Receivers> Channels::receivers(const std::string& channel)
@@ -198,15 +216,34 @@ bool Channels::hasReceivers(const std::string& channel) const
 bool Channels::setOptions(const std::string& channel, const ChannelOptions& options)
 {
     std::lock_guard retaining(retainMutex_);
+    const bool retainedByRule = rules_.of(channel).retain();
     std::lock_guard lock(mutex_);
     const auto [entry, added] = channels_.try_emplace(channel);
     auto& state = entry->second;
     retaining_ -= state.options && state.options->retain;
     retaining_ += options.retain;
     state.options = options;
-    if (!options.retain)
-        state.retained.reset();
+    if (!options.retain && !retainedByRule)
+        retained_.forget(channel);
     return added;
+}
+
+void Channels::addRule(const std::string& name, const ChannelRules::RulePtr& rule)
+{
+    // Before the first event can be retained by it.
+    retaining_ += rule->retain;
+    rules_.add(name, rule);
+}
+
+void Channels::removeRule(const std::string& name, const ChannelRules::RulePtr& rule)
+{
+    rules_.remove(name, rule);
+    if (!rule->retain)
+        return;
+    std::lock_guard retaining(retainMutex_);
+    retained_.forgetUnless(
+        [this](const std::string& channel) { return options(channel).retain || rules_.of(channel).retain(); });
+    --retaining_;
 }
 
 std::optional<ChannelOptions> Channels::find(const std::string& channel) const

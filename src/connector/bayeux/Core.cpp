@@ -9,13 +9,12 @@ namespace connector::bayeux {
 namespace {
 
 constexpr char kSource[] = "connector.bayeux";
-constexpr char kPresence[] = "/presence";
 
 } // namespace
 
 Core::Core() : polls_(std::make_shared<BrowserPolls>()), policy_(std::make_shared<BayeuxSecurityPolicy>())
 {
-    reservations_.add(std::string(kPresence) + "/**");
+    reservations_.add(std::string(kPresencePrefix) + "/**");
 }
 
 BayeuxLimits Core::limits() const
@@ -140,7 +139,7 @@ void Core::left(const std::shared_ptr<Session>& session, const std::vector<std::
 
 void Core::tellPresence(const Session& session, const std::string& channel, const char* what, Burst& burst)
 {
-    if (isPattern(channel) || !channels_.options(channel).presence)
+    if (isPattern(channel) || !(channels_.options(channel).presence || channels_.rules().of(channel).presence()))
         return;
     auto data = json::makeObject();
     data->set("event", std::string(what));
@@ -149,7 +148,7 @@ void Core::tellPresence(const Session& session, const std::string& channel, cons
     data->set("subscribers",
               static_cast<Poco::UInt64>(std::count_if(
                   members.begin(), members.end(), [](const auto& member) { return member->session() != nullptr; })));
-    publish(Publication(std::make_shared<const BayeuxEvent>(kPresence + channel, data)), burst);
+    publish(Publication(std::make_shared<const BayeuxEvent>(std::string(kPresencePrefix) + channel, data)), burst);
 }
 
 void Core::addFunction(const std::string& channel, const std::shared_ptr<Receiver>& receiver)
@@ -177,11 +176,21 @@ void Core::setOptions(const std::string& channel, const ChannelOptions& options)
 void Core::publish(const Publication& publication, Burst& burst)
 {
     published_.fetch_add(1, std::memory_order_relaxed);
-    const auto receivers = channels_.publish(publication.event());
-    if (!receivers)
+    const auto& event = publication.event();
+    const auto ruling = channels_.rules().of(event->channel());
+    const auto published = channels_.publish(event, ruling.retain(), burst.limits.retainedBytes);
+    if (published.droppedRetained > 0)
+        droppedRetained_.fetch_add(published.droppedRetained, std::memory_order_relaxed);
+    if (!published.receivers)
         return;
-    for (const auto& receiver : *receivers)
-        receiver->receive(publication, burst);
+    const auto isKeptOut = [&](Receiver& receiver) {
+        const auto session = receiver.session();
+        return session && !ruling.maySubscribe(session->publicId());
+    };
+    for (const auto& receiver : *published.receivers) {
+        if (!ruling.isRestricted() || !isKeptOut(*receiver))
+            receiver->receive(publication, burst);
+    }
 }
 
 void Core::waitForRoom(const std::string& channel, const Session::Patience& patience)
@@ -328,6 +337,7 @@ BayeuxCounters Core::counters() const
     counters.published = published_;
     counters.delivered = delivered_;
     counters.droppedLazy = droppedLazy_;
+    counters.droppedRetained = droppedRetained_;
     counters.overflows = overflows_;
     counters.expired = expired_;
     return counters;

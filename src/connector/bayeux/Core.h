@@ -39,6 +39,11 @@ public:
     void removeFunction(const std::string& channel, Receiver& receiver);
     void setOptions(const std::string& channel, const ChannelOptions& options);
 
+    /// Whether events of the channel wait for company; `known`: what is set for it, when there is one.
+    bool isLazy(const std::string& channel, const std::optional<ChannelOptions>& known) const
+    {
+        return (known && known->lazy) || channels_.rules().of(channel).lazy();
+    }
     void publish(const Publication& publication, Burst& burst);
     void waitForRoom(const std::string& channel, const Session::Patience& patience);
     /// Answers the connects that have something to take, ends the sessions that did not keep up.
@@ -90,6 +95,7 @@ private:
     std::atomic<std::uint64_t> published_{0};
     std::atomic<std::uint64_t> delivered_{0};
     std::atomic<std::uint64_t> droppedLazy_{0};
+    std::atomic<std::uint64_t> droppedRetained_{0};
     std::atomic<std::uint64_t> overflows_{0};
     std::atomic<std::uint64_t> expired_{0};
 };
@@ -102,6 +108,7 @@ public:
     ~LocalSession() override;
 
     const std::string& id() const noexcept override { return name_; }
+    const std::string& publicId() const noexcept override { return name_; }
     bool isLocal() const noexcept override { return true; }
     const std::string& httpSessionId() const noexcept override { return none_; }
     bool deliver(EventPtr event) override;

@@ -17,6 +17,8 @@ public:
     /// False when it does not fit, even without the lazy events that are dropped first (counted in `droppedLazy`).
     bool push(const EventPtr& event, const BayeuxLimits& limits, std::uint64_t& droppedLazy);
     bool empty() const noexcept { return waiting_.empty(); }
+    /// What waits, and what is not confirmed.
+    std::size_t size() const noexcept { return waiting_.size() + sent_.size(); }
     /// Less than half of what it may hold is free.
     bool isCrowded(const BayeuxLimits& limits) const noexcept
     {

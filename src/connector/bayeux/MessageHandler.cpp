@@ -266,6 +266,8 @@ std::optional<Refusal> MessageHandler::maySubscribe(const Session& session, cons
         return Refusal{400, channel, "Not a channel or pattern"};
     if (isMetaChannel(channel))
         return Refusal{403, channel, "Meta channels are not for subscription"};
+    if (!core_.channels().rules().of(channel).maySubscribe(session.publicId()))
+        return Refusal{403, channel, "This client may not subscribe here"};
     std::string reason;
     if (!core_.channels().find(channel))
         reason = core_.ask([&](BayeuxSecurityPolicy& policy) { return policy.mayCreate(session, channel); });
@@ -344,6 +346,8 @@ std::optional<Refusal> MessageHandler::mayPublish(const Session& session, const 
 {
     if ((known && known->serverPublishesOnly) || core_.reservations().covers(channel))
         return Refusal{403, channel, "Only the server publishes here"};
+    if (!core_.channels().rules().of(channel).mayPublish(session.publicId()))
+        return Refusal{403, channel, "This client may not publish here"};
     std::string reason;
     if (!known)
         reason = core_.ask([&](BayeuxSecurityPolicy& policy) { return policy.mayCreate(session, channel); });
@@ -360,7 +364,7 @@ void MessageHandler::publish(const Incoming& message, const std::shared_ptr<Sess
     const auto known = core_.channels().find(message.channel);
     if (const auto refusal = mayPublish(*session, message.channel, known))
         return refuse(message, *refusal);
-    core_.publish(Publication(BayeuxEvent::ofText(message.channel, data, known && known->lazy),
+    core_.publish(Publication(BayeuxEvent::ofText(message.channel, data, core_.isLazy(message.channel, known)),
                               objectOf(message.raw.member("ext")), session),
                   burst_);
     reply(Reply(message.channel, true).addId(message.id).take());
@@ -371,6 +375,8 @@ void MessageHandler::callService(const Incoming& message, const std::shared_ptr<
     const auto service = services_.find(message.channel);
     if (!service)
         return refuse(message, {404, message.channel, "No such service"});
+    if (!core_.channels().rules().of(message.channel).mayPublish(session->publicId()))
+        return refuse(message, {403, message.channel, "This client may not publish here"});
     const auto reason =
         core_.ask([&](BayeuxSecurityPolicy& policy) { return policy.mayPublish(*session, message.channel); });
     if (!reason.empty())

@@ -39,7 +39,8 @@ std::shared_ptr<const std::string> frameOf(const std::string& messages)
 Session::Session(std::weak_ptr<Core> core, std::shared_ptr<BrowserPolls> polls, const BayeuxOrigin& origin,
                  bool acknowledges)
     : core_(std::move(core)), polls_(std::move(polls)), id_(common::randomHex(kIdBytes)),
-      publicId_(common::randomHex(kPublicIdBytes)), httpSessionId_(origin.httpSessionId), acknowledges_(acknowledges)
+      publicId_(common::randomHex(kPublicIdBytes)), httpSessionId_(origin.httpSessionId),
+      peerAddress_(origin.peerAddress), acknowledges_(acknowledges)
 {}
 
 bool Session::isOver() const
@@ -241,6 +242,17 @@ bool Session::hasEvents() const
 {
     std::lock_guard lock(mutex_);
     return !queue_.empty();
+}
+
+BayeuxSessionInfo Session::describe() const
+{
+    BayeuxSessionInfo info;
+    info.publicId = publicId_;
+    info.peerAddress = peerAddress_;
+    std::lock_guard lock(mutex_);
+    info.webSocket = sink_ != nullptr;
+    info.queued = queue_.size();
+    return info;
 }
 
 void Session::use(const Sink& sink, const BayeuxLimits& limits)

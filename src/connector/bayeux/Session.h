@@ -40,8 +40,9 @@ public:
     }
     std::shared_ptr<Session> session() override { return shared_from_this(); }
 
-    /// How other clients know it: its id is a secret.
-    const std::string& publicId() const noexcept { return publicId_; }
+    const std::string& publicId() const noexcept override { return publicId_; }
+    /// Without its subscriptions.
+    BayeuxSessionInfo describe() const;
     bool acknowledges() const noexcept { return acknowledges_; }
 
     /// Whether a message from there may speak for this session.
@@ -134,6 +135,7 @@ private:
     const std::string id_;
     const std::string publicId_;
     const std::string httpSessionId_;
+    const std::string peerAddress_;
     const bool acknowledges_;
 
     mutable std::mutex mutex_;

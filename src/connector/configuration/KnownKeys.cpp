@@ -19,8 +19,10 @@ Value number(double value) { return value; }
 std::vector<Key> busKeys()
 {
     return {
+        {"bus.hiddenChannels", List{}, "Channels and patterns that clients neither subscribe nor publish to"},
         {"bus.holdSeconds", number(30), "Time a connect is held when there is nothing to tell", 1, 3'600},
         {"bus.intervalSeconds", number(0), "Time clients are advised to wait between connects", 0, 3'600},
+        {"bus.lazyChannels", List{}, "Channels and patterns whose events wait for company"},
         {"bus.lazySeconds", number(5), "Time events of lazy channels may wait", 0.01, 3'600},
         {"bus.maxBatch", integer(1'000), "Messages in one array", 1, 100'000},
         {"bus.maxChannels", integer(100'000), "Channels at a time", 1, 10'000'000},
@@ -29,8 +31,12 @@ std::vector<Key> busKeys()
         {"bus.maxPollsOfOneBrowser", integer(2), "Connects held for one browser over long polling", 1, 100},
         {"bus.maxQueuedBytes", integer(4 * kMiB), "Size of the events that wait for one client", 65'536, 1'024 * kMiB},
         {"bus.maxQueuedMessages", integer(10'000), "Events that wait for one client", 1, 10'000'000},
+        {"bus.maxRetainedBytes", integer(64 * kMiB), "Size of all events that are retained", 0, 1'024 * kMiB},
         {"bus.maxSessions", integer(20'000), "Clients of the bus at a time", 1, 1'000'000},
         {"bus.maxSubscriptions", integer(1'000), "Subscriptions of one client", 1, 1'000'000},
+        {"bus.presenceChannels", List{}, "Channels and patterns of which joins and leaves are published"},
+        {"bus.readOnlyChannels", List{}, "Channels and patterns that only the host publishes to"},
+        {"bus.retainedChannels", List{}, "Channels and patterns whose last event new subscribers get"},
     };
 }
 

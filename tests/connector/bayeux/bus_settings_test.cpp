@@ -39,6 +39,7 @@ TEST_F(BusSettingsTest, defaultsOfTheKeysAreThoseOfTheServer)
     EXPECT_EQ(limits.subscriptions, expected.subscriptions);
     EXPECT_EQ(limits.channels, expected.channels);
     EXPECT_EQ(limits.batch, expected.batch);
+    EXPECT_EQ(limits.retainedBytes, expected.retainedBytes);
     EXPECT_EQ(limits.pollsOfOneBrowser, expected.pollsOfOneBrowser);
 }
 
@@ -61,6 +62,11 @@ TEST_F(BusSettingsTest, changesTakeEffectAtOnceAndAreTakenBack)
 
     configuration_->set("bus.maxMessageBytes", std::int64_t{8 << 20});
     EXPECT_EQ(bus_.server->limits().queueBytes, 8u << 20) << "a queue holds a message of the greatest size";
+
+    configuration_->set("bus.hiddenChannels", std::vector<std::string>{"/secret/**", "no channel", "/meta/x"});
+    EXPECT_NE(bus_.ask(R"([{"channel":"/secret/a","clientId":"$C","data":1}])").find("\"403\""), std::string::npos);
+    configuration_->set("bus.hiddenChannels", std::vector<std::string>{});
+    EXPECT_NE(bus_.ask(R"([{"channel":"/secret/a","clientId":"$C","data":1}])").find("true"), std::string::npos);
 
     settings.reset();
     configuration_->set("bus.maxMessageBytes", std::int64_t{2'048});

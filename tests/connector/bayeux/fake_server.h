@@ -63,6 +63,9 @@ public:
     std::vector<SessionPtr> subscribers(const std::string&) const override { unused(); }
     void setPolicy(std::shared_ptr<BayeuxSecurityPolicy>, bool) override { unused(); }
     void setChannelOptions(const std::string&, const ChannelOptions&) override { unused(); }
+    Registration addRule(const std::string&, const ChannelRule&) override { unused(); }
+    std::vector<BayeuxSessionInfo> describeSessions() const override { unused(); }
+    bool endSession(const std::string&) override { unused(); }
     void setLimits(const BayeuxLimits&) override { unused(); }
     BayeuxLimits limits() const override { unused(); }
     Registration addListener(std::shared_ptr<BayeuxListener>) override { unused(); }

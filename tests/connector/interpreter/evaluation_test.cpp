@@ -20,6 +20,7 @@ public:
     explicit Client(std::size_t room) : room_(room) {}
 
     const std::string& id() const noexcept override { return id_; }
+    const std::string& publicId() const noexcept override { return id_; }
     bool isLocal() const noexcept override { return false; }
     const std::string& httpSessionId() const noexcept override { return id_; }
     bool answer(bayeux::EventPtr event) override { return deliver(std::move(event)); }
