@@ -18,6 +18,9 @@ namespace {
 using python::PythonHost;
 
 constexpr unsigned kTasksAtOnce = 16;
+/// So long nobody must want anything before the host does something for later; then again between its parts.
+constexpr int kQuietMilliseconds = 200;
+constexpr int kQuietBetweenMilliseconds = 5;
 
 /// "" for a folder that is gone, or whose path is beyond what the system takes.
 std::string currentFolder()
@@ -57,6 +60,7 @@ bool HostLoop::drainSignals()
 Wake HostLoop::wait(int input)
 {
     bool signalled = true; // maybe, before this
+    int patience = kQuietMilliseconds;
     for (;;) {
         host_.expectSignals();
         if ((signalled && drainSignals()) || host_.signalNoted()) {
@@ -68,7 +72,10 @@ Wake HostLoop::wait(int input)
             return Wake::leave;
 
         std::array<pollfd, 3> waited = {{{signalRead_, POLLIN, 0}, {engine_.wakeFd(), POLLIN, 0}, {input, POLLIN, 0}}};
-        const int ready = ::poll(waited.data(), waited.size(), spin_.isActive() ? 0 : -1);
+        const bool looks = spin_.isActive();
+        const int ready = ::poll(waited.data(), waited.size(), looks ? 0 : patience);
+        if (ready == 0 && !looks)
+            patience = host_.prepareAhead() ? kQuietBetweenMilliseconds : -1;
         if (ready < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "The host cannot wait");
         if (ready <= 0) {

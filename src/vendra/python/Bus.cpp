@@ -247,6 +247,10 @@ void addBusFunctions(PyObject* module)
     const Ref code = loadCompiled(kBusSupport);
     PyObject* const names = PyModule_GetDict(module); // borrowed
     check(PyDict_SetItemString(names, "__builtins__", PyEval_GetBuiltins()));
+    PyObject* const shared = PyInterpreterState_GetDict(PyInterpreterState_Get()); // borrowed
+    PyObject* const support = PyDict_GetItemString(shared, kSupportName);          // borrowed, like the members
+    check(PyDict_SetItemString(names, "_library", PyDict_GetItemString(support, "library")));
+    check(PyDict_SetItemString(names, "_print_error", PyDict_GetItemString(support, "print_error")));
     const Ref result = Ref::own(PyEval_EvalCode(code.get(), names, names));
 }
 

@@ -88,6 +88,8 @@ Ref loadSupport()
         Ref code = loadCompiled(text);
         Ref::own(PyEval_EvalCode(code.get(), names, names));
     }
+    PyObject* const shared = PyInterpreterState_GetDict(PyInterpreterState_Get()); // borrowed
+    check(PyDict_SetItemString(shared, kSupportName, names));
     return module;
 }
 
@@ -443,6 +445,17 @@ PythonHost::Outcome PythonHost::runLine()
 {
     Running running(*impl_);
     return impl_->run("run_line", {});
+}
+
+bool PythonHost::prepareAhead()
+{
+    Locked locked;
+    try {
+        return impl_->callSupport("prepare_ahead", {}).get() == Py_True;
+    } catch (const ErrorSet&) {
+        impl_->clearError();
+        return false;
+    }
 }
 
 PythonHost::Signal PythonHost::takeSignals()

@@ -64,6 +64,10 @@ public:
     /// Runs what compileLine found ready.
     Outcome runLine();
 
+    /// Loads a part, of a few milliseconds, of what clients' first error needs. For when the host has nothing else to
+    /// do; false once nothing is left to load, or while there can be no clients.
+    bool prepareAhead();
+
     /// Signals that come while nothing runs make `descriptor` (non-blocking) readable, -1: none do. While code runs,
     /// the language's own mechanism for this is left to the code; `expectSignals` takes it back before the host waits.
     void setWakeDescriptor(int descriptor);

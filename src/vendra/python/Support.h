@@ -9,7 +9,7 @@
 
 namespace vendra::python {
 
-inline constexpr std::size_t kSupportFiles = 9;
+inline constexpr std::size_t kSupportFiles = 10;
 
 /// A file of the language, compiled when the host was built and marshalled.
 struct CompiledText
@@ -23,6 +23,9 @@ extern const std::array<CompiledText, kSupportFiles> kSupport;
 
 /// The part of the module `connector` that is written in the language itself.
 extern const CompiledText kBusSupport;
+
+/// Where the interpreter's dictionary has the names of support/.
+inline constexpr const char* kSupportName = "vendra.support";
 
 /// Which version of the language they were compiled by (its "magic number").
 extern const long kSupportMagic;

@@ -10,9 +10,7 @@ def publish(channel, data=None):
     channel and for NaN, TypeError for data
     without a JSON form, RuntimeError while the connector is stopped.
     """
-    import json  # here and below: together they would make up a tenth of the connector's start
-
-    _bus_publish(channel, json.dumps(data, allow_nan=False, separators=(",", ":")))
+    _bus_publish(channel, _library("json").dumps(data, allow_nan=False, separators=(",", ":")))
 
 
 class _Subscription:
@@ -21,14 +19,10 @@ class _Subscription:
         self._handle = _bus_subscribe(channel, self._deliver)
 
     def _deliver(self, channel, text):
-        import json
-
         try:
-            self._callback(channel, json.loads(text))
-        except Exception:
-            import traceback
-
-            traceback.print_exc()
+            self._callback(channel, _library("json").loads(text))
+        except Exception as error:
+            _print_error(error)
 
     def cancel(self):
         handle, self._handle = self._handle, None

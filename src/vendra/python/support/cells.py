@@ -9,6 +9,7 @@ import _ast  # ast itself takes long to load
 import builtins
 import collections
 import importlib.machinery
+import os
 import sys
 
 OWN_FILE = "<vendra>"  # what these files are called when they are compiled
@@ -32,21 +33,28 @@ def _lines_of(name, source):
 class _LinecacheWatch:
     """Tells linecache the cells' lines once somebody loads it, which takes a tenth of the host's start."""
 
-    @classmethod
-    def find_spec(cls, name, path=None, target=None):
+    @staticmethod
+    def find_spec(name, path=None, target=None):
         if name != "linecache":
             return None
         spec = importlib.machinery.PathFinder.find_spec(name)
-        load = spec.loader.exec_module
+        return spec and _with_cells(spec)
 
-        def exec_module(module):
-            load(module)
-            module.cache.update((cell, _lines_of(cell, source)) for cell, (_, source) in list(_cells.items()))
-            if cls in sys.meta_path:
-                sys.meta_path.remove(cls)
 
-        spec.loader.exec_module = exec_module
+def _with_cells(spec):
+    """The spec of a module, which if it is linecache knows the cells' lines once it is loaded."""
+    if spec.name != "linecache" or os.path.dirname(spec.origin or "") != _LIBRARY:
         return spec
+    load = spec.loader.exec_module
+
+    def exec_module(module):
+        load(module)
+        module.cache.update((cell, _lines_of(cell, source)) for cell, (_, source) in list(_cells.items()))
+        if _LinecacheWatch in sys.meta_path:
+            sys.meta_path.remove(_LinecacheWatch)
+
+    spec.loader.exec_module = exec_module
+    return spec
 
 
 if "linecache" not in sys.modules:
@@ -62,7 +70,7 @@ def _remember(file_name, code):
     name = f"{file_name[:-1]}#{_cell_count}>"
     _cells[name] = (file_name, code)
     _kept_characters += len(code)
-    lines = getattr(sys.modules.get("linecache"), "cache", None)  # another thread may be just loading it
+    lines = getattr(_own_modules.get("linecache", sys.modules.get("linecache")), "cache", None)  # another thread may be just loading it
     if lines is not None:
         lines[name] = _lines_of(name, code)
     while len(_cells) > 1 and (len(_cells) > _KEPT_CELLS or _kept_characters > _KEPT_CHARACTERS):
@@ -117,11 +125,11 @@ def describe(error):
         message = str(error)
     except Exception:
         message = "<exception str() failed>"
-    import traceback  # takes long to load
-
-    report = traceback.TracebackException(kind, error, error.__traceback__, compact=True)
-    _tidy(report)
-    return name, message, "".join(report.format())
+    traceback = library("traceback")
+    with LibraryFirst():
+        report = traceback.TracebackException(kind, error, error.__traceback__, compact=True)
+        _tidy(report)
+        return name, message, "".join(report.format())
 
 
 def show(error):
@@ -134,9 +142,13 @@ def show(error):
     try:
         sys.excepthook(type(error), error, trace)
     except BaseException:
-        import traceback
+        print_error(error, sys.__stderr__)
 
-        traceback.print_exception(error, file=sys.__stderr__)
+
+def print_error(error, file=None):
+    traceback = library("traceback")
+    with LibraryFirst():
+        traceback.print_exception(error, file=file)
 
 
 _FUTURE_FLAGS = 0

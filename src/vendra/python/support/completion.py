@@ -18,9 +18,7 @@ _MOST_FILES = 10_000  # entries of a folder that are read
 
 @functools.cache
 def _pattern(text):
-    import re  # hosts start without
-
-    return re.compile(text)
+    return library("re").compile(text)
 
 
 _PIECE = r"""(?x)(?P<comment>\#[^\n]*)
@@ -126,9 +124,7 @@ def _as_compiled(name):
     """A name as the compiler spells it."""
     if name.isascii():
         return name
-    import unicodedata
-
-    return unicodedata.normalize("NFKC", name)
+    return library("unicodedata").normalize("NFKC", name)
 
 
 def _meaning(path):

@@ -64,14 +64,11 @@ def run_file(path):
 def _is_archive(path):
     if not path.endswith((".zip", ".pyz")):
         return False
-    import zipfile
-
-    return zipfile.is_zipfile(path)
+    return library("zipfile").is_zipfile(path)
 
 
 def _run_package(path):
-    import runpy
-
+    runpy = library("runpy")
     sys.path.insert(0, path)
     runpy._run_module_as_main("__main__", False)
 
@@ -98,9 +95,7 @@ def compile_line(source):
     """None: more lines are needed; True: run_line may run it; False: it is wrong, and that was shown."""
     global _compiler, _compiled
     if _compiler is None:
-        import codeop
-
-        _compiler = codeop.CommandCompiler()
+        _compiler = library("codeop").CommandCompiler()
     try:
         _compiled = _compiler(source, "<stdin>", "single")
     except (SyntaxError, OverflowError, ValueError, MemoryError) as error:

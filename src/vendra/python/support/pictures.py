@@ -44,8 +44,7 @@ def _figure_of(value):
 
 
 def _paint(figure, form, dots, limit):
-    import warnings
-
+    warnings = library("warnings")
     dots = float(figure.get_dpi()) if dots is None else dots
     width, height = (round(float(inches) * dots) for inches in figure.get_size_inches())
     if form == "png" and width * height > _MOST_PIXELS:

@@ -322,7 +322,6 @@ def list_variables():
 def page_of_variables(pattern, offset, limit):
     """(how many names fit the pattern, the _info of a part of them)"""
     variables = _variables()
-    import fnmatch
-
-    names = sorted(name for name in variables if not pattern or fnmatch.fnmatchcase(name, pattern))
+    fits = library("fnmatch").fnmatchcase
+    names = sorted(name for name in variables if not pattern or fits(name, pattern))
     return len(names), [_info(name, variables[name]) for name in names[offset : offset + limit]]

@@ -71,7 +71,7 @@ _FORMAT = "vendra workspace 1"
 
 
 def _pickler():
-    import pickle
+    pickle = library("pickle")
 
     class Pickler(pickle.Pickler):
         """Refuses what a file cannot carry: code that only this workspace defines."""
@@ -128,10 +128,8 @@ def save_workspace(path, names):
 
 
 def load_workspace(path):
-    import pickle
-
     with open(os.path.expanduser(path), "rb") as file:
-        saved = pickle.load(file)
+        saved = library("pickle").load(file)
     if not isinstance(saved, dict) or saved.get("format") != _FORMAT:
         raise ValueError(f"{path!r} holds no saved workspace")
     workspace.update(saved["variables"])
