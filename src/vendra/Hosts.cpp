@@ -6,9 +6,16 @@
 #include <charconv>
 #include <csignal>
 #include <ctime>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <tuple>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Object.h>
 
 #include "platform/fl/process.h"
 
@@ -34,6 +41,20 @@ int numberIn(const std::filesystem::path& file)
     return file.extension() == ".json" && error == std::errc() && rest == end && pid > 0 ? pid : 0;
 }
 
+/// What somebody else put there could lead the user to a server of theirs.
+void checkFolder(const std::filesystem::path& folder)
+{
+    struct stat status = {};
+    if (::lstat(folder.c_str(), &status) != 0)
+        return; // no folder, no hosts
+    const char* wrong = !S_ISDIR(status.st_mode)                 ? "is not a folder"
+                        : status.st_uid != ::geteuid()           ? "belongs to another user"
+                        : (status.st_mode & (S_IWGRP | S_IWOTH)) ? "can be written by others"
+                                                                 : nullptr;
+    if (wrong)
+        throw std::runtime_error("hosts are not looked for: " + folder.string() + " " + wrong);
+}
+
 std::string localTime(std::int64_t seconds)
 {
     std::time_t time = seconds;
@@ -48,6 +69,7 @@ std::string localTime(std::int64_t seconds)
 
 std::vector<Announcement> runningHosts(const std::filesystem::path& folder)
 {
+    checkFolder(folder);
     std::vector<Announcement> hosts;
     std::error_code none; // no folder, no hosts
     int count = 0;
@@ -80,6 +102,22 @@ std::string hostTable(const std::vector<Announcement>& hosts)
         text += row[0] + row[1] + row[2] + "\n";
     }
     return text;
+}
+
+std::string hostList(const std::vector<Announcement>& hosts)
+{
+    Poco::JSON::Array list;
+    for (const Announcement& host : hosts) {
+        Poco::JSON::Object::Ptr object = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
+        object->set("pid", host.pid);
+        object->set("url", host.url);
+        if (host.started > 0)
+            object->set("started", host.started);
+        list.add(object);
+    }
+    std::ostringstream text;
+    list.stringify(text);
+    return text.str() + "\n";
 }
 
 Announcement chooseHost(const std::vector<Announcement>& hosts, std::optional<int> pid)

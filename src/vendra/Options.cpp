@@ -47,7 +47,9 @@ Options splitProgram(const std::vector<std::string>& words, std::vector<std::str
         }
         if (word.starts_with("--")) {
             flags.push_back(word);
-            if (word == "--url" && i + 1 < words.size() && isNumber(words[i + 1]))
+            const bool takesNumber = (word == "--url" && i + 1 < words.size() && isNumber(words[i + 1])) ||
+                                     (word == "--port" && i + 1 < words.size());
+            if (takesNumber)
                 flags.back() += "=" + words[++i];
             continue;
         }
@@ -84,7 +86,11 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int& stat
     std::string host;
     app.add_flag("-i", interactive, "Go on with a prompt after the program");
     app.add_flag("--connector", connector, "Start the connector first, say where it is, and serve after the program");
+    app.add_option("--port", options.port, "Start the connector on this port; 0 is a free one")
+        ->check(CLI::Range(0, 65'535));
+    app.add_flag("--open", options.open, "Start the connector and open it in the browser; with --url a host that runs");
     app.add_flag("--list", list, "List this user's hosts whose connector runs, and leave");
+    app.add_flag("--json", options.json, "With --list: as a JSON array of pid, url and started (seconds since 1970)");
     CLI::Option* url = app.add_option("--url", host, "Print a fresh one-time address of a host, the newest without PID")
                            ->expected(0, 1)
                            ->type_name("[PID]")
@@ -101,8 +107,12 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int& stat
         options = splitProgram({argv + 1, argv + argc}, flags);
         app.parse(std::vector<std::string>(flags.rbegin(), flags.rend())); // it takes them last first
         const bool asks = list || url->count() > 0;
-        if (asks && (options.program != Options::Program::none || flags.size() > 1))
-            throw CLI::ArgumentMismatch("--list and --url stand alone: they are about hosts that run already");
+        const bool goesAlong = list ? options.json : options.open;
+        if (asks && (options.program != Options::Program::none || flags.size() > (goesAlong ? 2u : 1u)))
+            throw CLI::ArgumentMismatch("--list (with --json) and --url (with --open) stand alone: they are about "
+                                        "hosts that run already");
+        if (options.json && !list)
+            throw CLI::ArgumentMismatch("--json goes with --list");
     } catch (const CLI::ParseError& error) {
         bool asked = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success);
         app.exit(error, std::cout, std::cerr);
@@ -110,7 +120,7 @@ std::optional<Options> parseOptions(int argc, const char* const* argv, int& stat
         return std::nullopt;
     }
     options.interactive = interactive;
-    options.connector = connector;
+    options.connector = connector || options.port || (options.open && url->count() == 0);
     options.list = list;
     options.url = url->count() > 0;
     if (!host.empty())

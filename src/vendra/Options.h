@@ -22,7 +22,10 @@ struct Options
     std::vector<std::string> arguments; ///< sys.argv
     bool interactive = false;           ///< -i
     bool connector = false;             ///< --connector
+    std::optional<int> port;            ///< --port
+    bool open = false;                  ///< --open
     bool list = false;                  ///< --list
+    bool json = false;                  ///< --json
     bool url = false;                   ///< --url
     std::optional<int> host;            ///< the process that --url is about
 };

@@ -1,6 +1,7 @@
 // The reference host: a script interpreter that the module can be loaded into.
 
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <iterator>
@@ -15,6 +16,7 @@
 #include "platform/rqe/ProcessSession.h"
 #include "platform/shutdown/ShutdownRegistry.h"
 #include "vendra/Announcement.h"
+#include "vendra/Browser.h"
 #include "vendra/EntryUrl.h"
 #include "vendra/HostLoop.h"
 #include "vendra/Hosts.h"
@@ -27,7 +29,7 @@ using vendra::HostLoop;
 using vendra::Options;
 using vendra::python::PythonHost;
 
-void announce()
+void announce(bool open)
 {
     auto announcement = vendra::readAnnouncement(vendra::runtimeFolder(), ::getpid());
     if (!announcement) {
@@ -43,17 +45,29 @@ void announce()
     }
     std::printf("Connector: %s\nToken file: %s\n", url.c_str(), announcement->file.c_str());
     std::fflush(stdout);
+    if (!open)
+        return;
+    try {
+        vendra::openInBrowser(url, announcement->file.parent_path());
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vendra: %s.\n", error.what());
+    }
 }
 
 /// --list and --url.
 int tellHosts(const Options& options)
 {
-    auto hosts = vendra::runningHosts(vendra::runtimeFolder());
     try {
-        if (options.list)
-            std::fputs(vendra::hostTable(hosts).c_str(), stdout);
+        auto hosts = vendra::runningHosts(vendra::runtimeFolder());
+        if (options.list) {
+            std::fputs((options.json ? vendra::hostList(hosts) : vendra::hostTable(hosts)).c_str(), stdout);
+            return 0;
+        }
+        const std::string url = vendra::fetchEntryUrl(vendra::chooseHost(hosts, options.host));
+        if (options.open)
+            vendra::openInBrowser(url, vendra::runtimeFolder());
         else
-            std::puts(vendra::fetchEntryUrl(vendra::chooseHost(hosts, options.host)).c_str());
+            std::puts(url.c_str());
         return 0;
     } catch (const std::runtime_error& error) {
         std::fprintf(stderr, "vendra: %s.\n", error.what());
@@ -107,7 +121,7 @@ int run(PythonHost& host, rqe::LocalRQE& engine, const Options& options)
         PythonHost::Outcome outcome = loop.foreground([&] { return host.startConnector(); });
         if (outcome.leave || outcome.status != 0)
             return outcome.status;
-        announce();
+        announce(options.open);
     }
     if (program) {
         PythonHost::Outcome outcome = runProgram(host, loop, options);
@@ -141,6 +155,9 @@ try {
         return status;
     if (options->list || options->url)
         return tellHosts(*options);
+
+    if (options->port)
+        ::setenv("VENDRA_HTTP_PORT", std::to_string(*options->port).c_str(), 1);
 
     PythonHost host({options->arguments, options->interactive});
     auto engine = boost::make_shared<rqe::LocalRQE>(host);

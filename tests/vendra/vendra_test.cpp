@@ -330,6 +330,8 @@ TEST_F(VendraTest, listsTheHostsThatRun)
     label.resize(number.size(), ' ');
     EXPECT_EQ(run({"--list"}).output,
               label + "  URL                  STARTED\n" + number + "  http://127.0.0.1:1/  1970-01-01 23:59:59\n");
+    EXPECT_EQ(run({"--list", "--json"}).output,
+              R"([{"pid":)" + pid + R"(,"url":"http://127.0.0.1:1/","started":86399}])" + "\n");
     for (const char* text : {"", "{", "[]", R"({"url":3})", R"({"pid":1})", R"({"url":"u","started":"x"})"}) {
         announce(pid + ".json", text);
         EXPECT_EQ(run({"--list"}).status, 0) << text;
@@ -366,12 +368,32 @@ TEST_F(VendraTest, listsTheHostsThatRun)
         {{"--url", "x"}, 2, "stand alone"},
         {{"--list", "--url"}, 2, "stand alone"},
         {{"--list", "-c", "1"}, 2, "stand alone"},
+        {{"--list", "--open"}, 2, "stand alone"},
+        {{"--json"}, 2, "--json goes with --list"},
+        {{"--port", "65536"}, 2, "--port"},
+        {{"--port", "8o"}, 2, "--port"},
+        {{"--port"}, 2, "--port"},
     };
     for (const Case& c : cases) {
         ended = run(c.words);
         EXPECT_EQ(ended.status, c.status) << c.words.back();
         EXPECT_NE(ended.errors.find(c.errors), std::string::npos) << ended.errors;
     }
+}
+
+TEST_F(VendraTest, hostsAreNotLookedForWhereOthersMayWrite)
+{
+    const auto runtime = folder / "vendra";
+    fs::create_directory(folder / "elsewhere");
+    fs::create_directory_symlink(folder / "elsewhere", runtime);
+    Ended ended = run({"--list"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.errors, "vendra: hosts are not looked for: " + runtime.string() + " is not a folder.\n");
+    fs::remove(runtime);
+    fs::create_directory(runtime);
+    fs::permissions(runtime, fs::perms::all);
+    EXPECT_EQ(run({"--url"}).errors,
+              "vendra: hosts are not looked for: " + runtime.string() + " can be written by others.\n");
 }
 
 TEST_F(VendraTest, aSignalEndsARunningProgramInOrder)

@@ -34,6 +34,7 @@ struct Key
     std::string description;
     std::optional<double> minimum = std::nullopt; ///< of numbers
     std::optional<double> maximum = std::nullopt;
+    bool strict = false; ///< nothing starts on a value that cannot be: another than the one meant would do harm
 };
 
 /// A key as it stands.
@@ -73,7 +74,7 @@ public:
     /// In name order.
     virtual std::vector<Setting> list() const = 0;
     /// What was wrong with files and environment when they were read, one text each naming key and source; those values
-    /// were left out.
+    /// were left out. There is no configuration with a wrong value of a strict key.
     virtual std::vector<std::string> problems() const = 0;
 
     /// Called after a change of `name` (all keys when empty), on the thread that made it, without a lock held.

@@ -50,12 +50,15 @@ void ConfigurationImpl::read()
         problems_.insert(problems_.end(), std::make_move_iterator(content.problems.begin()),
                          std::make_move_iterator(content.problems.end()));
         for (auto& [key, text, source, place] : content.assignments) {
+            const auto entry = entries_.find(key);
             try {
-                auto& entry = find(key);
-                entry.configured = valueFromText(*entry.key, text);
-                entry.source = std::move(source);
+                find(key).configured = valueFromText(*find(key).key, text);
+                find(key).source = std::move(source);
             } catch (const ConfigurationError& error) {
-                problems_.push_back(place + ": " + error.what());
+                auto problem = place + ": " + error.what();
+                if (entry != entries_.end() && entry->second.key->strict)
+                    throw ConfigurationError(problem);
+                problems_.push_back(std::move(problem));
             }
         }
     }

@@ -1,6 +1,7 @@
 #include "connector/configuration/KnownKeys.h"
 
 #include <algorithm>
+#include <set>
 
 namespace connector::configuration {
 
@@ -11,6 +12,9 @@ using List = std::vector<std::string>;
 constexpr std::int64_t kMiB = 1'048'576;
 constexpr double kMaxBytes = 16.0 * 1'024 * kMiB;
 constexpr double kDaySeconds = 86'400;
+
+/// A misread one of these opens another port than the one meant, or more than the user wants.
+const std::set<std::string> kStrict{"http.port", "http.tls", "security.clientsManage", "security.tokenFile"};
 
 Value text(const char* value) { return std::string(value); }
 Value integer(std::int64_t value) { return value; }
@@ -83,6 +87,8 @@ std::vector<Key> makeKeys()
     auto keys = otherKeys();
     for (auto& key : busKeys())
         keys.push_back(std::move(key));
+    for (auto& key : keys)
+        key.strict = kStrict.contains(key.name);
     std::sort(keys.begin(), keys.end(), [](const Key& left, const Key& right) { return left.name < right.name; });
     return keys;
 }

@@ -39,6 +39,17 @@ std::string urlText(const ServerSettings& settings, std::uint16_t port)
            std::to_string(port) + "/";
 }
 
+/// What is to be changed where a port cannot be opened; nothing for one that a message asked for.
+std::string keysOf(const ServerSettings& settings, bool asked)
+{
+    if (asked)
+        return {};
+    std::string keys = settings.port == 0 ? "http.address" : "http.address, http.port";
+    if (!settings.unixSocket.empty())
+        keys += ", http.unixSocket";
+    return " (set by " + keys + ")";
+}
+
 template <class Response>
 Future<Response> failed()
 {
@@ -151,7 +162,11 @@ HttpManagerServiceProviderImpl::Port HttpManagerServiceProviderImpl::open(std::o
 
     Port port;
     port.server = std::make_shared<PocoHttpsServer>(settings, routerHandler(connector_));
-    port.server->open();
+    try {
+        port.server->open();
+    } catch (const std::exception& error) {
+        throw std::runtime_error(error.what() + keysOf(settings, number.has_value()));
+    }
     port.number = port.server->port();
     port.url = urlText(settings, port.number);
     if (settings.tls)

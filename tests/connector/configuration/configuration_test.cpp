@@ -47,15 +47,15 @@ TEST_F(ConfigurationTest, LaterSourcesWin)
 
 TEST_F(ConfigurationTest, WhatIsWrongIsLeftOutAndReportedWithItsPlace)
 {
-    writeFile(rootFile(), "http.port = 70000\n"
+    writeFile(rootFile(), "http.maxSessions = 0\n"
                           "http.prot = 80\n"
                           "just words\n"
                           "http.ioThreads = many\n"
-                          "security.tokenFile = yes\n"
+                          "security.maxBrowsers = yes\n"
                           "http.maxSessions = 7\n");
     std::filesystem::create_directory(userFile());
     setVariable("VENDRA_HTTP_IO_THREAD", "4");
-    setVariable("VENDRA_HTTP_PORT", "");
+    setVariable("VENDRA_HTTP_MAX_SESSIONS", "");
     setVariable("VENDRA_SOMETHING_ELSE", "1");
     setVariable("VENDRA_LOG", "x=1");
     const ConfigurationImpl configuration;
@@ -63,13 +63,13 @@ TEST_F(ConfigurationTest, WhatIsWrongIsLeftOutAndReportedWithItsPlace)
     const auto root = rootFile().string();
     const std::string expected[] = {
         root + ":3: expected \"key = value\" but found \"just words\"",
-        root + ":1: The key http.port takes an integer from 0 to 65535, not 70000.",
+        root + ":1: The key http.maxSessions takes an integer from 1 to 1000000, not 0.",
         root + ":2: There is no configuration key \"http.prot\".",
         root + ":4: The key http.ioThreads takes an integer, not \"many\".",
-        root + ":5: The key security.tokenFile takes true or false, not \"yes\".",
+        root + ":5: The key security.maxBrowsers takes an integer, not \"yes\".",
         userFile().string() + ": cannot be read: not a file",
         "environment VENDRA_HTTP_IO_THREAD: there is no key of that name",
-        "environment VENDRA_HTTP_PORT: The key http.port takes an integer, not \"\".",
+        "environment VENDRA_HTTP_MAX_SESSIONS: The key http.maxSessions takes an integer, not \"\".",
     };
     const auto problems = configuration.problems();
     EXPECT_EQ(problems.size(), std::size(expected));
@@ -79,10 +79,28 @@ TEST_F(ConfigurationTest, WhatIsWrongIsLeftOutAndReportedWithItsPlace)
         EXPECT_NE(std::find(problems.begin(), problems.end(), text), problems.end()) << text;
         EXPECT_NE(logged.find("WARNING connector.configuration: " + text), std::string::npos) << text;
     }
-    EXPECT_EQ(configuration.getInteger("http.port"), 0);
     EXPECT_EQ(configuration.getInteger("http.ioThreads"), 2);
-    EXPECT_TRUE(configuration.getBool("security.tokenFile"));
+    EXPECT_EQ(configuration.getInteger("security.maxBrowsers"), 100);
     EXPECT_EQ(configuration.getInteger("http.maxSessions"), 7) << "one bad line must not spoil the rest";
+}
+
+TEST_F(ConfigurationTest, NothingStartsOnAPortOrARightThatCannotBe)
+{
+    const auto failure = [] {
+        try {
+            ConfigurationImpl();
+        } catch (const ConfigurationError& error) {
+            return std::string(error.what());
+        }
+        return std::string("accepted");
+    };
+    setVariable("VENDRA_HTTP_PORT", "70000");
+    EXPECT_EQ(failure(),
+              "environment VENDRA_HTTP_PORT: The key http.port takes an integer from 0 to 65535, not 70000.");
+    setVariable("VENDRA_HTTP_PORT", "8080");
+    EXPECT_EQ(failure(), "accepted");
+    writeFile(rootFile(), "# TLS\nhttp.tls = yes\n");
+    EXPECT_EQ(failure(), rootFile().string() + ":2: The key http.tls takes true or false, not \"yes\".");
 }
 
 TEST_F(ConfigurationTest, RelativeUserFolderIsIgnored)
