@@ -2,7 +2,7 @@
 
 JOBS ?= $(shell nproc)
 
-.PHONY: run test bench build deps bench-deps node-modules sanitize format clean
+.PHONY: run test install deb bench build deps bench-deps node-modules sanitize format clean
 
 run: PRESET = release
 run: build
@@ -11,6 +11,19 @@ run: build
 test: PRESET = dev
 test: build node-modules
 	ctest --test-dir build/dev --output-on-failure -j $(JOBS)
+
+# `vendra` on the PATH; DESTDIR is put in front, for packagers.
+PREFIX ?= /usr/local
+install: PRESET = release
+install: build
+	cmake --install build/release --prefix $(DESTDIR)$(PREFIX)/lib/vendra
+	mkdir -p $(DESTDIR)$(PREFIX)/bin
+	ln -sfn ../lib/vendra/bin/vendra $(DESTDIR)$(PREFIX)/bin/vendra
+
+# build/vendra.deb, for `apt install ./build/vendra.deb`.
+deb: PRESET = release
+deb: build
+	cd build && cpack --config release/CPackConfig.cmake
 
 # The benchmarks, side by side in one run; see bench/README.md.
 bench: PRESET = release
