@@ -219,7 +219,8 @@ TEST_F(LifecycleTest, TakenPortFailsTheStartAndNamesIt)
     const auto port = std::to_string(ntohs(address.sin_port));
 
     setenv("VENDRA_HTTP_PORT", port.c_str(), 1);
-    EXPECT_EQ(module.failure(Module::start), "Cannot listen on 127.0.0.1:" + port + ": Address already in use");
+    EXPECT_EQ(module.failure(Module::start),
+              "Cannot listen on 127.0.0.1:" + port + ": Address already in use (set by http.address, http.port)");
     close(taken);
     EXPECT_EQ(module.failure(Module::start), "");
     module.call(Module::stop);
