@@ -1,5 +1,6 @@
 // The first byte says whether the rest comes over HTTP or a WebSocket; "CLIENT" in it stands for the id of a client
-// that is there. Every answer is an array of objects or none, and whatever came, the server welcomes the next client.
+// that is there. Every answer is an array of objects or none; a message behind whatever came is answered for itself,
+// and last; and the server welcomes the next client.
 
 #include <cstddef>
 #include <cstdint>
@@ -58,6 +59,31 @@ std::string handshake(bayeux::BayeuxServer& server, const BayeuxOrigin& origin)
     return json::requireString(*reply, "clientId");
 }
 
+/// One odd message does not keep another from its answer. Where what came is no message at all, nobody can tell what is
+/// behind it.
+void checkLast(bayeux::BayeuxServer& server, const BayeuxOrigin& origin, const std::string& body,
+               const std::string& client)
+{
+    const std::string whole =
+        "[" + body + R"(,{"channel":"/last","clientId":")" + client + R"(","data":1,"id":"last"}])";
+    json::Limits limits;
+    limits.bytes = whole.size();
+    limits.loneSurrogates = true;
+    std::vector<json::RawValue> messages;
+    try {
+        messages = json::parseRaw(whole, limits);
+    } catch (const json::JsonError&) {
+        return;
+    }
+    for (const auto& message : messages) // these may end the client, or are answered alone
+        if (const auto channel = json::rawString(message.member("channel")); channel && channel->starts_with("/meta/"))
+            return;
+    const auto replies = readReplies(server.handle(whole, origin).get());
+    const auto last = json::asObject(replies->get(static_cast<unsigned>(replies->size() - 1)));
+    require(json::requireString(*last, "channel") == "/last" && json::requireString(*last, "id") == "last");
+    require(messages.size() > server.limits().batch || replies->size() == messages.size());
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -75,6 +101,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     constexpr std::string_view kPlace = "CLIENT";
     for (auto at = body.find(kPlace); at != std::string::npos; at = body.find(kPlace, at + client.size()))
         body.replace(at, kPlace.size(), client);
+    checkLast(*server, origin, body, client);
     // Twice, since a first connect is answered at once and a second is held.
     for (int turn = 0; turn < 2; ++turn) {
         auto answer = server->handle(body, origin);

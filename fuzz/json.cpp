@@ -1,6 +1,7 @@
 // Reads arbitrary bytes as JSON and holds the reader to what it promises: what it accepts is written and read back the
 // same, as a value and as an array, and it makes no difference whether a value is made or left as it is.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -59,9 +60,18 @@ void checkRaw(std::string_view text)
     Poco::Dynamic::Var whole;
     std::vector<connector::json::RawValue> raw;
     const auto failure = failureOf([&] { whole = connector::json::parse(message); });
-    require(failureOf([&] { raw = connector::json::parseRaw(message); }) == failure,
-            "only one of both is refused, or for another reason", text);
-    if (!failure.empty())
+    const bool readable = failureOf([&] { raw = connector::json::parseRaw(message); }).empty();
+    for (const auto& value : raw) {
+        require((value.fault() == nullptr) == failureOf([&] { connector::json::check(value.text()); }).empty(),
+                "a value that is wrong is taken, or one that is not is refused", text);
+        for (const char* name : {"a", "b"})
+            if (const auto member = value.member(name); !member.empty())
+                require(failureOf([&] { connector::json::check(member); }).empty(), "a member is not sound", text);
+    }
+    const bool sound =
+        readable && std::none_of(raw.begin(), raw.end(), [](const auto& value) { return value.fault(); });
+    require(sound == failure.empty(), "only one of both is refused", text);
+    if (!sound)
         return;
     const auto values = connector::json::asArray(whole);
     require(raw.size() == values->size(), "there is a value more or less", text);

@@ -1,7 +1,6 @@
 #include "connector/bayeux/Receiver.h"
 
 #include "connector/common/Log.h"
-#include "connector/json/JsonFields.h"
 #include "connector/json/JsonText.h"
 
 namespace connector::bayeux {
@@ -20,7 +19,9 @@ BayeuxEvent::BayeuxEvent(Written, std::string channel, std::string_view json, bo
     text.reserve(kHead.size() + channel_.size() + 2 + kMiddle.size() + json.size() + kTail.size());
     text += kHead;
     json::appendString(text, channel_);
-    text.append(kMiddle).append(json).append(kTail);
+    text.append(kMiddle);
+    dataAt_ = text.size() - 1; // without the bracket in front
+    text.append(json).append(kTail);
     frame_ = std::make_shared<const std::string>(std::move(text));
 }
 
@@ -34,10 +35,10 @@ const BayeuxMessage& Publication::message() const
     if (!message_) {
         // An event keeps its text only; the depth is that of what was written.
         json::Limits limits;
-        limits.bytes = event_->text().size();
-        limits.depth = json::kMaxWriteDepth + 1;
-        const auto object = json::asObject(json::parse(event_->text(), limits));
-        message_ = BayeuxMessage{event_->channel(), object->get("data"), ext_, sender_};
+        limits.bytes = event_->data().size();
+        limits.depth = json::kMaxWriteDepth;
+        limits.loneSurrogates = true;
+        message_ = BayeuxMessage{event_->channel(), json::parse(event_->data(), limits), ext_, sender_, event_};
     }
     return *message_;
 }

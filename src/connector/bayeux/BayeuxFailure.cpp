@@ -1,8 +1,6 @@
 #include "connector/bayeux/BayeuxFailure.h"
 
-#include <Poco/JSON/Array.h>
-#include <Poco/JSON/Object.h>
-
+#include "connector/bayeux/Replies.h"
 #include "connector/common/Log.h"
 #include "connector/core/Connector.h"
 #include "connector/core/ServiceFault.h"
@@ -14,38 +12,20 @@ namespace connector::bayeux {
 
 namespace {
 
-using Poco::JSON::Array;
-using Poco::JSON::Object;
+/// When clients come again by themselves.
+constexpr std::chrono::milliseconds kAgain(1'000);
 
-/// All three fields: some clients replace the advice they have as a whole.
-Object::Ptr advice()
+std::string replyTo(const json::RawValue& message)
 {
-    Object::Ptr made = new Object;
-    made->set("reconnect", "retry");
-    made->set("interval", 1'000);
-    made->set("timeout", 30'000);
-    return made;
-}
-
-Object::Ptr replyTo(const Object& message)
-{
-    Object::Ptr reply = new Object(Poco::JSON_PRESERVE_KEY_ORDER);
-    const auto channel = message.get("channel");
-    if (channel.isString())
-        reply->set("channel", channel);
-    if (message.has("id"))
-        reply->set("id", message.get("id"));
-    reply->set("successful", false);
-    reply->set("error", "500::Internal error.");
-    if (channel.isString() && (channel == std::string("/meta/connect") || channel == std::string("/meta/handshake")))
-        reply->set("advice", advice());
-    return reply;
-}
-
-void append(Array& replies, const Poco::Dynamic::Var& message)
-{
-    if (message.type() == typeid(Object::Ptr))
-        replies.add(replyTo(*message.extract<Object::Ptr>()));
+    const auto channel = json::rawString(message.member("channel")).value_or("");
+    Reply reply(channel, false);
+    reply.addId(idOf(message)).addError({500, "", "Internal error."});
+    if (channel == "/meta/connect" || channel == "/meta/handshake") {
+        BayeuxLimits limits;
+        limits.interval = kAgain;
+        reply.add("advice", adviceText(Reconnect::retry, limits));
+    }
+    return reply.take();
 }
 
 } // namespace
@@ -87,19 +67,16 @@ BayeuxFailure::BayeuxFailure(const std::exception_ptr& failure) : status(500), t
 
 std::string failureReplies(std::string_view body)
 {
+    std::string replies;
     try {
-        const auto messages = json::parse(body);
-        Array::Ptr replies = new Array;
-        if (messages.type() == typeid(Array::Ptr)) {
-            for (const auto& message : *messages.extract<Array::Ptr>())
-                append(*replies, message);
-        } else {
-            append(*replies, messages);
+        for (const auto& message : json::parseRaw(body)) {
+            if (message.isObject())
+                replies.append(replies.empty() ? "" : ",").append(replyTo(message));
         }
-        return replies->empty() ? std::string() : json::write(replies);
     } catch (const json::JsonError&) {
         return {};
     }
+    return replies.empty() ? replies : '[' + replies + ']';
 }
 
 } // namespace connector::bayeux

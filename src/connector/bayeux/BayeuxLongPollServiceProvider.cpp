@@ -76,7 +76,7 @@ MessageFuture BayeuxLongPollServiceProvider::post(Request&& request, Address&& r
             http::refusal(*request, 415, "Messages are posted as application/json."));
 
     const auto maxBytes = configuration_ ? configuration_->getInteger("bus.maxMessageBytes") : kMaxBytes;
-    auto whole = http::readWhole(std::move(request), maxBytes);
+    auto whole = http::readWhole(std::move(request), maxBytes + kMostTooLongBytes);
     if (whole.isReady())
         return handOn(whole.get(), rest, context);
     return whole.then([rest = std::move(rest), context = std::move(context)](Future<Request> received) {

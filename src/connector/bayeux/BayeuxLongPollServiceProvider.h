@@ -8,9 +8,9 @@ namespace connector::bayeux {
 /// Takes posted messages of the bus, sends them as a BayeuxRequest to what is left of the address, and answers with the
 /// replies. A client that goes away cancels what it waits for.
 ///
-/// Refusals: 415 for anything but application/json; 413 beyond bus.maxMessageBytes, 400 for what is no JSON; 503 while
-/// the bus is not served. Other failures are told within the protocol, with status 200: clients repeat a request that
-/// failed in HTTP for ever.
+/// Refusals: 415 for anything but application/json; 413 far beyond bus.maxMessageBytes (kMostTooLongBytes), 400 for
+/// what is no JSON; 503 while the bus is not served. Other failures are told within the protocol, with status 200:
+/// clients repeat a request that failed in HTTP for ever.
 class CONNECTOR_API BayeuxLongPollServiceProvider final : public http::RestServiceProvider
 {
 public:

@@ -32,6 +32,8 @@ public:
     const std::string& channel() const noexcept { return channel_; }
     /// {"channel":…,"data":…}
     std::string_view text() const noexcept { return std::string_view(*frame_).substr(1, frame_->size() - 2); }
+    /// The data as it is written.
+    std::string_view data() const noexcept { return text().substr(dataAt_, text().size() - dataAt_ - 1); }
     /// The text as an array of one, which all WebSocket receivers share.
     const std::shared_ptr<const std::string>& frame() const noexcept { return frame_; }
     bool isLazy() const noexcept { return lazy_; }
@@ -43,6 +45,7 @@ private:
 
     std::string channel_;
     std::shared_ptr<const std::string> frame_;
+    std::size_t dataAt_ = 0; ///< in `text`
     bool lazy_;
 };
 using EventPtr = std::shared_ptr<const BayeuxEvent>;
@@ -77,9 +80,10 @@ using SessionPtr = std::shared_ptr<BayeuxSession>;
 struct BayeuxMessage
 {
     std::string channel;
-    Poco::Dynamic::Var data;     ///< a JSON value; empty for none
+    Poco::Dynamic::Var data;     ///< a JSON value, with U+FFFD for half a surrogate pair; empty for none
     Poco::JSON::Object::Ptr ext; ///< null for none
     SessionPtr sender;           ///< null when it came from `publish`
+    EventPtr event;              ///< with the data as it was written; null for a message to a service
 };
 
 /// Who may do what. Answers "" for yes, else the reason, which goes to the client ("403:…:reason"). Threads: any; must
@@ -146,7 +150,7 @@ struct BayeuxLimits
     std::chrono::milliseconds lazyDelay{5'000};
     std::size_t queueMessages = 10'000; ///< of one session
     std::size_t queueBytes = 4u << 20;
-    std::size_t messageBytes = 1u << 20; ///< of one request or WebSocket message
+    std::size_t messageBytes = 1u << 20; ///< of one request or WebSocket message; see kMostTooLongBytes
     std::size_t sessions = 20'000;
     std::size_t subscriptions = 1'000; ///< of one session
     std::size_t channels = 100'000;
@@ -164,6 +168,10 @@ struct BayeuxSessionInfo
     std::size_t queued = 0;  ///< events that wait for it, with those not acknowledged
     std::vector<std::string> subscriptions;
 };
+
+/// Requests and WebSocket messages that are longer than allowed by no more than this are refused message by message;
+/// clients repeat for ever what fails below the protocol.
+inline constexpr std::size_t kMostTooLongBytes = 4u << 20;
 
 struct BayeuxCounters
 {
@@ -251,7 +259,7 @@ public:
     /// A request's body or a frame's text. Answers the reply: a JSON array, or "" when a WebSocket client is to get no
     /// reply (yet): its replies may come later through `origin.webSocket`. A long-polling connect is held by the
     /// future, which occupies no thread; cancelling it (the client went away) leaves the queue for the next connect.
-    /// Fails with http::HttpFault 400 for what is no JSON array or object, 413 beyond messageBytes.
+    /// Fails with http::HttpFault 400 for what is no JSON array or object.
     virtual Future<std::string> handle(const std::string& body, const BayeuxOrigin& origin) = 0;
     /// The WebSocket closed: sessions that lived on it go on living for maxInterval.
     virtual void webSocketClosed(const std::shared_ptr<BayeuxChannelSink>& webSocket) = 0;
@@ -260,6 +268,8 @@ public:
     /// and bad names, json::JsonError for data without a JSON form.
     virtual void publish(const std::string& channel, const Poco::Dynamic::Var& data) = 0;
     virtual void publish(EventPtr event) = 0;
+    /// `json`: one JSON value, checked and passed on as it is written; json::JsonError for anything else.
+    virtual void publishText(const std::string& channel, std::string_view json) = 0;
     /// Declares a channel, or all that a pattern covers, as the system's own: what it says there comes by `publish`.
     /// Remote clients and local sessions are refused while the registration lives, scripts as well. Throws
     /// std::invalid_argument for a "/meta" or "/service" channel and bad names. Nobody can speak on "/presence/…".

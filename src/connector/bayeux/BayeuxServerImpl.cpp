@@ -4,6 +4,7 @@
 #include "connector/bayeux/MessageHandler.h"
 #include "connector/common/TickManager.h"
 #include "connector/core/ServiceFault.h"
+#include "connector/json/JsonText.h"
 
 namespace connector::bayeux {
 
@@ -78,7 +79,7 @@ void BayeuxServerImpl::webSocketClosed(const std::shared_ptr<BayeuxChannelSink>&
 void BayeuxServerImpl::publish(const std::string& channel, const Poco::Dynamic::Var& data)
 {
     auto event = state_->makeEvent(channel, data);
-    state_->publish(Publication(std::move(event), {channel, data, nullptr, nullptr}));
+    state_->publish(Publication(std::move(event), {channel, data, nullptr, nullptr, nullptr}));
 }
 
 void BayeuxServerImpl::publish(EventPtr event)
@@ -87,6 +88,15 @@ void BayeuxServerImpl::publish(EventPtr event)
         throw std::invalid_argument("There is no event to publish.");
     requirePublishable(event->channel());
     state_->publish(Publication(std::move(event)));
+}
+
+void BayeuxServerImpl::publishText(const std::string& channel, std::string_view json)
+{
+    requirePublishable(channel);
+    json::Limits limits;
+    limits.loneSurrogates = true;
+    json::check(json, limits);
+    state_->publish(Publication(BayeuxEvent::ofText(channel, json, state_->core->channels().options(channel).lazy)));
 }
 
 BayeuxServer::Registration BayeuxServerImpl::reserve(const std::string& channel)
@@ -153,7 +163,8 @@ void BayeuxServerImpl::publishAs(const BayeuxSession& sender, const std::string&
     if (isReserved(channel))
         throw std::invalid_argument("\"" + channel + "\" is reserved: only the system publishes there.");
     auto event = state_->makeEvent(channel, data);
-    state_->publish(Publication(std::move(event), {channel, data, nullptr, state_->core->findAny(sender.id())}));
+    state_->publish(
+        Publication(std::move(event), {channel, data, nullptr, state_->core->findAny(sender.id()), nullptr}));
 }
 
 SessionPtr BayeuxServerImpl::findSession(const std::string& id) const { return state_->core->findAny(id); }

@@ -17,6 +17,7 @@ public:
     void webSocketClosed(const std::shared_ptr<BayeuxChannelSink>& webSocket) override;
     void publish(const std::string& channel, const Poco::Dynamic::Var& data) override;
     void publish(EventPtr event) override;
+    void publishText(const std::string& channel, std::string_view json) override;
     [[nodiscard]] Registration reserve(const std::string& channel) override;
     bool isReserved(const std::string& channel) const override;
     void waitForRoom(const std::string& channel, std::chrono::milliseconds patience,

@@ -25,7 +25,7 @@ MessageFuture BayeuxWebSocketServiceProvider::handleHttp(std::unique_ptr<http::H
 {
     const auto limits = configuration_ ? readBusLimits(*configuration_) : BayeuxLimits();
     http::WebSocketOptions options;
-    options.maxMessageBytes = limits.messageBytes;
+    options.maxMessageBytes = limits.messageBytes + kMostTooLongBytes;
     // More than the bus itself queues, so that it decides what becomes of a client that reads too slowly.
     options.maxQueuedBytes = 2 * limits.queueBytes;
     auto endpoint = std::make_shared<BayeuxWebSocketEndpoint>(std::move(rest), contextOfSocket(*context),

@@ -24,17 +24,46 @@ std::optional<Version> readVersion(const std::string& text)
     return version;
 }
 
+/// Nullopt for a member that is no string; `fallback` for one that is not there.
+std::optional<std::string> stringOf(const json::Object& message, const std::string& name, const char* fallback)
+{
+    try {
+        return json::optionalString(message, name, fallback);
+    } catch (const json::JsonError&) {
+        return std::nullopt;
+    }
+}
+
 std::optional<Refusal> checkVersions(const json::Object& message)
 {
-    const std::string text = json::requireString(message, "version");
-    const auto version = readVersion(text);
+    const auto text = stringOf(message, "version", "");
+    if (!text || text->empty())
+        return Refusal{400, "version", "A handshake needs a version"};
+    const auto version = readVersion(*text);
     if (!version || *version < kOurs)
-        return Refusal{400, text, "Not a supported version"};
-    const std::string minimumText = json::optionalString(message, "minimumVersion", kVersion);
-    const auto minimum = readVersion(minimumText);
+        return Refusal{400, *text, "Not a supported version"};
+    const auto minimumText = stringOf(message, "minimumVersion", kVersion);
+    if (!minimumText)
+        return Refusal{400, "minimumVersion", "A version is a string"};
+    const auto minimum = readVersion(*minimumText);
     if (!minimum || *minimum > kOurs)
-        return Refusal{400, minimumText, "Not a supported minimum version"};
+        return Refusal{400, *minimumText, "Not a supported minimum version"};
     return std::nullopt;
+}
+
+std::optional<Refusal> checkConnectionTypes(const json::Object& message)
+{
+    std::string offered;
+    try {
+        for (const auto& type : json::requireStrings(message, "supportedConnectionTypes")) {
+            if (isConnectionType(type))
+                return std::nullopt;
+            offered.append(offered.empty() ? "" : ",").append(type);
+        }
+    } catch (const json::JsonError&) {
+        return Refusal{400, "supportedConnectionTypes", "A handshake needs an array of connection types"};
+    }
+    return Refusal{406, offered, "No supported connection type"};
 }
 
 } // namespace
@@ -43,19 +72,8 @@ bool isConnectionType(const std::string& name) { return name == "long-polling" |
 
 std::optional<Refusal> checkHandshake(const Poco::JSON::Object& message)
 {
-    try {
-        if (auto refusal = checkVersions(message))
-            return refusal;
-        std::string offered;
-        for (const auto& type : json::requireStrings(message, "supportedConnectionTypes")) {
-            if (isConnectionType(type))
-                return std::nullopt;
-            offered.append(offered.empty() ? "" : ",").append(type);
-        }
-        return Refusal{406, offered, "No supported connection type"};
-    } catch (const json::JsonError& error) {
-        return Refusal{400, error.what(), "A handshake needs version and supportedConnectionTypes"};
-    }
+    auto refusal = checkVersions(message);
+    return refusal ? refusal : checkConnectionTypes(message);
 }
 
 bool asksForAcknowledgement(const Poco::JSON::Object& message)

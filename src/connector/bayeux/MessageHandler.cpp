@@ -24,8 +24,12 @@ json::Limits limitsOf(const BayeuxLimits& limits)
     reading.bytes = limits.messageBytes;
     reading.depth = kMaxDepth;
     reading.members = kMaxMembers;
+    reading.loneSurrogates = true;
     return reading;
 }
+
+/// What clients send again by themselves when it fails.
+bool isRepeated(std::string_view channel) { return channel == "/meta/connect" || channel == "/meta/handshake"; }
 
 bool isHandshake(const json::RawValue& message)
 {
@@ -71,21 +75,21 @@ MessageHandler::MessageHandler(Core& core, const Services& services, const Bayeu
 
 Future<std::string> MessageHandler::handle(const std::string& body)
 {
-    if (body.size() > burst_.limits.messageBytes)
-        return makeFailedFuture<std::string>(http::HttpFault(
-            413, "The messages are longer than " + std::to_string(burst_.limits.messageBytes) + " bytes."));
     std::vector<json::RawValue> messages;
     try {
-        messages = json::parseRaw(body, limitsOf(burst_.limits));
+        auto limits = limitsOf(burst_.limits);
+        limits.bytes = body.size();
+        messages = json::parseRaw(body, limits);
     } catch (const json::JsonError& error) {
         if (!origin_.webSocket)
             return makeFailedFuture<std::string>(
                 http::HttpFault(400, std::string("Not Bayeux messages: ") + error.what()));
         return makeReadyFuture('[' + bare({400, "", "Not an array of messages"}) + ']');
     }
+    if (body.size() > burst_.limits.messageBytes)
+        return refuseAll(messages, {413, std::to_string(body.size()), "More bytes than allowed in one request"});
     if (messages.size() > burst_.limits.batch)
-        return makeReadyFuture('[' + bare({413, std::to_string(messages.size()), "Too many messages in one array"}) +
-                               ']');
+        return refuseAll(messages, {413, std::to_string(messages.size()), "Too many messages in one array"});
     // An empty array keeps a WebSocket alive; a request has to be answered.
     if (messages.empty())
         return makeReadyFuture(origin_.webSocket ? std::string() : '[' + bare({400, "", "No messages"}) + ']');
@@ -109,22 +113,40 @@ Future<std::string> MessageHandler::handleAll(const std::vector<json::RawValue>&
     return makeReadyFuture(replies_.empty() ? std::string() : '[' + replies_ + ']');
 }
 
+/// Those that say nothing of themselves, which no client sends, are not answered one by one: there may be many.
+Future<std::string> MessageHandler::refuseAll(const std::vector<json::RawValue>& messages, const Refusal& refusal)
+{
+    for (const auto& value : messages) {
+        const auto message = incoming(value);
+        if (!message.channel.empty() || !message.id.empty())
+            refuse(message, refusal, isRepeated(message.channel) ? laterAdvice() : std::string());
+    }
+    return makeReadyFuture('[' + (replies_.empty() ? bare(refusal) : replies_) + ']');
+}
+
+/// What of it every reply needs, as far as it is there and right.
+MessageHandler::Incoming MessageHandler::incoming(const json::RawValue& value)
+{
+    return {value, json::rawString(value.member("channel")).value_or(""), idOf(value)};
+}
+
 void MessageHandler::handleOne(const json::RawValue& value, bool alone)
 {
+    const auto* const fault = value.fault();
     if (!value.isObject())
-        return reply(bare({400, json::describe(valueOf(value.text())), "A message is an object"}));
-    Incoming message{value, {}, {}};
-    if (const auto id = value.member("id"); !isMissing(id)) {
-        if (std::string_view("{[tf").find(id.front()) != std::string_view::npos)
-            return reply(bare({400, "id", "An id is a string or a number"}));
-        message.id = id;
-    }
+        return reply(bare({400, fault ? "" : json::describe(valueOf(value.text())), "A message is an object"}));
+    const auto message = incoming(value);
+    if (message.channel == "/meta/handshake")
+        return handshake(message);
+    if (fault)
+        return refuse(message, {400, fault->member, fault->what},
+                      isRepeated(message.channel) ? laterAdvice() : std::string());
     const auto channel = value.member("channel");
-    auto name = json::rawString(channel);
-    if (!name)
+    if (const auto id = value.member("id"); message.id.empty() && !isMissing(id))
+        return refuse(message, {400, "id", "An id is a string or a number"});
+    if (!channel.starts_with('"'))
         return refuse(message,
                       {400, "channel", isMissing(channel) ? "A message needs a channel" : "A channel is a string"});
-    message.channel = std::move(*name);
     if (!isChannelName(message.channel)) {
         const char* what = isPattern(message.channel) ? "Nothing is published to a pattern" : "Not a channel";
         return refuse(message, {400, message.channel, what});
@@ -135,8 +157,6 @@ void MessageHandler::handleOne(const json::RawValue& value, bool alone)
 void MessageHandler::dispatch(const Incoming& message, bool alone)
 {
     const auto& channel = message.channel;
-    if (channel == "/meta/handshake")
-        return handshake(message);
     const auto session = findSession(message);
     if (!session)
         return;
@@ -185,6 +205,13 @@ std::shared_ptr<Session> MessageHandler::findSession(const Incoming& message)
     return nullptr;
 }
 
+std::string MessageHandler::laterAdvice(Reconnect reconnect) const
+{
+    auto later = burst_.limits;
+    later.interval = std::max(later.interval, kBusyInterval);
+    return adviceText(reconnect, later);
+}
+
 void MessageHandler::handshake(const Incoming& message)
 {
     const auto fail = [&](const Refusal& refusal, const std::string& advice) {
@@ -198,6 +225,10 @@ void MessageHandler::handshake(const Incoming& message)
                   .take());
     };
     const auto never = adviceText(Reconnect::none, burst_.limits);
+    if (const auto* fault = message.raw.fault())
+        return fail({400, fault->member, fault->what}, never);
+    if (const auto id = message.raw.member("id"); message.id.empty() && !isMissing(id))
+        return fail({400, "id", "An id is a string or a number"}, never);
     const auto object = objectOf(message.raw.text());
     if (const auto refusal = checkHandshake(*object))
         return fail(*refusal, never);
@@ -205,11 +236,8 @@ void MessageHandler::handshake(const Incoming& message)
     const auto reason = core_.ask([&](BayeuxSecurityPolicy& policy) { return policy.mayHandshake(*session, *object); });
     if (!reason.empty())
         return fail({403, "", reason}, never);
-    if (core_.admit(session) != SessionTable::Added::yes) {
-        auto later = burst_.limits;
-        later.interval = std::max(later.interval, kBusyInterval);
-        return fail({503, "", "No room for another client"}, adviceText(Reconnect::handshake, later));
-    }
+    if (core_.admit(session) != SessionTable::Added::yes)
+        return fail({503, "", "No room for another client"}, laterAdvice(Reconnect::handshake));
     welcome(message, session);
     if (!origin_.webSocket)
         return;
@@ -381,10 +409,19 @@ void MessageHandler::callService(const Incoming& message, const std::shared_ptr<
         core_.ask([&](BayeuxSecurityPolicy& policy) { return policy.mayPublish(*session, message.channel); });
     if (!reason.empty())
         return refuse(message, {403, message.channel, reason});
+    const auto data = message.raw.member("data");
+    auto limits = limitsOf(burst_.limits);
+    limits.loneSurrogates = false; // what a service takes it works with, so that it has to be text
+    Var value;
     try {
-        const auto data = message.raw.member("data");
-        const auto answer = service->handler(
-            {message.channel, data.empty() ? Var() : valueOf(data), objectOf(message.raw.member("ext")), session});
+        if (!data.empty())
+            value = json::parse(data, limits);
+    } catch (const json::JsonError& error) {
+        return refuse(message, {400, "data", error.what()});
+    }
+    try {
+        const auto answer =
+            service->handler({message.channel, value, objectOf(message.raw.member("ext")), session, nullptr});
         if (!answer.isEmpty())
             session->receive(Publication(std::make_shared<const BayeuxEvent>(message.channel, answer)), burst_);
     } catch (const std::exception& error) {
@@ -410,6 +447,9 @@ void MessageHandler::refuse(const Incoming& message, const Refusal& refusal, con
 {
     Reply answer(message.channel, false);
     answer.addId(message.id).addError(refusal);
+    if (const auto clientId = message.raw.member("clientId");
+        clientId.starts_with('"') && isMetaChannel(message.channel) && message.channel != "/meta/handshake")
+        answer.add("clientId", clientId);
     if (const auto subscription = message.raw.member("subscription"); !subscription.empty())
         answer.add("subscription", subscription);
     if (!advice.empty())

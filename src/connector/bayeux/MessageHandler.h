@@ -20,10 +20,12 @@ private:
     struct Incoming
     {
         const json::RawValue& raw;
-        std::string channel;
+        std::string channel; ///< "" without one
         std::string_view id; ///< JSON text; "" without one
     };
 
+    static Incoming incoming(const json::RawValue& value);
+    Future<std::string> refuseAll(const std::vector<json::RawValue>& messages, const Refusal& refusal);
     Future<std::string> handleAll(const std::vector<json::RawValue>& messages);
     void handleOne(const json::RawValue& value, bool alone);
     void dispatch(const Incoming& message, bool alone);
@@ -46,6 +48,8 @@ private:
     std::optional<Refusal> subscribeAll(const std::shared_ptr<Session>& session,
                                         const std::vector<std::string>& channels);
 
+    /// For who comes again when there is more room, or with something else.
+    std::string laterAdvice(Reconnect reconnect = Reconnect::retry) const;
     void reply(std::string text);
     void sendReplies(http::SendWhen when);
     /// `advice` "" for none.

@@ -17,7 +17,10 @@ class Publication
 {
 public:
     explicit Publication(EventPtr event) : event_(std::move(event)) {}
-    Publication(EventPtr event, BayeuxMessage message) : event_(std::move(event)), message_(std::move(message)) {}
+    Publication(EventPtr event, BayeuxMessage message) : event_(std::move(event)), message_(std::move(message))
+    {
+        message_->event = event_;
+    }
     Publication(EventPtr event, Poco::JSON::Object::Ptr ext, SessionPtr sender)
         : event_(std::move(event)), ext_(std::move(ext)), sender_(std::move(sender))
     {}

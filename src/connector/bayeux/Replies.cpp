@@ -1,15 +1,24 @@
 #include "connector/bayeux/Replies.h"
 
-#include "connector/json/JsonText.h"
-
 namespace connector::bayeux {
 
 namespace {
 
-constexpr std::size_t kMaxArgumentBytes = 128;
-constexpr std::size_t kUsualBytes = 160; ///< of a reply
+constexpr std::size_t kMaxPartBytes = 128; ///< of an error
+constexpr std::size_t kUsualBytes = 160;   ///< of a reply
 /// A connect that is not held comes again that late, so that tabs of one browser do not poll without a pause.
 constexpr std::chrono::milliseconds kMultipleClientsInterval(2'000);
+
+/// Clients split the text of an error at its colons.
+std::string cleaned(std::string_view part)
+{
+    std::string clean(part.substr(0, kMaxPartBytes));
+    for (char& byte : clean) {
+        if (byte == ':' || static_cast<unsigned char>(byte) < 0x20)
+            byte = '_';
+    }
+    return clean;
+}
 
 std::string advice(std::string_view reconnect, std::chrono::milliseconds interval, std::chrono::milliseconds timeout)
 {
@@ -21,16 +30,13 @@ std::string advice(std::string_view reconnect, std::chrono::milliseconds interva
 
 } // namespace
 
-std::string Refusal::errorText() const
+std::string_view idOf(const json::RawValue& message)
 {
-    // Clients split the text at its colons.
-    std::string clean = argument.substr(0, kMaxArgumentBytes);
-    for (char& byte : clean) {
-        if (byte == ':' || static_cast<unsigned char>(byte) < 0x20)
-            byte = '_';
-    }
-    return std::to_string(code) + ':' + clean + ':' + text;
+    const auto id = message.member("id");
+    return id.empty() || std::string_view("{[tfn").find(id.front()) != std::string_view::npos ? "" : id;
 }
+
+std::string Refusal::errorText() const { return std::to_string(code) + ':' + cleaned(argument) + ':' + cleaned(text); }
 
 Reply::Reply(std::string_view channel, bool successful)
 {

@@ -6,15 +6,19 @@
 #include <Poco/Dynamic/Var.h>
 
 #include "connector/bayeux/BayeuxServer.h"
+#include "connector/json/JsonText.h"
 
 namespace connector::bayeux {
+
+/// The id of a message, as JSON text: that of a string or a number; "" without one.
+std::string_view idOf(const json::RawValue& message);
 
 /// A failure as it stands in a reply: "code:argument:text".
 struct Refusal
 {
     unsigned code;
-    std::string argument; ///< what is wrong; any bytes, cut and cleaned when written
-    std::string text;
+    std::string argument; ///< what is wrong
+    std::string text;     ///< this and the argument: any bytes, cut and cleaned when written
 
     std::string errorText() const;
 };

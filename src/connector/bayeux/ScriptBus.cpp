@@ -1,7 +1,5 @@
 #include "connector/bayeux/ScriptBus.h"
 
-#include "connector/json/JsonText.h"
-
 namespace connector::bayeux {
 
 void ScriptBus::publish(const std::string& channel, const std::string& json, const GoOn& goOn)
@@ -12,10 +10,7 @@ void ScriptBus::publish(const std::string& channel, const std::string& json, con
     server_->waitForRoom(channel, kPatience, goOn);
 }
 
-void ScriptBus::tell(const std::string& channel, const std::string& json)
-{
-    server_->publish(channel, json::parse(json));
-}
+void ScriptBus::tell(const std::string& channel, const std::string& json) { server_->publishText(channel, json); }
 
 bool ScriptBus::hasSubscribers(const std::string& channel) const { return server_->hasReceivers(channel); }
 
@@ -25,7 +20,7 @@ std::function<void()> ScriptBus::subscribe(const std::string& channel, Receiver 
 {
     auto registration = std::make_shared<BayeuxServer::Registration>(
         server_->subscribe(channel, [receiver = std::move(receiver)](const BayeuxMessage& message) {
-            receiver(message.channel, json::write(message.data));
+            receiver(message.channel, std::string(message.event->data()));
         }));
     return [registration] { registration->reset(); };
 }

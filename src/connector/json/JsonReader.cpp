@@ -16,6 +16,7 @@
 #include "connector/json/JsonFields.h"
 #include "connector/json/JsonNumber.h"
 #include "connector/json/JsonSerializer.h"
+#include "connector/json/UnsoundJson.h"
 #include "platform/fl/utf8.h"
 
 namespace connector::json {
@@ -65,13 +66,25 @@ public:
     {
         std::vector<RawValue> values;
         checkLength();
-        const char first = beginValue();
-        if (first == '[')
-            eachItem(1, [&] { values.push_back(readRaw(beginValue(), 1)); });
-        else
-            values.push_back(readRaw(first, 0));
+        skipSpace();
+        if (!at('[')) {
+            values.push_back(readRawOrFault(0));
+        } else {
+            eachItem(1, [&] {
+                if (values.size() == limits_.members)
+                    fail(next_, "more than " + std::to_string(limits_.members) + " values");
+                values.push_back(readRawOrFault(1));
+            });
+        }
         checkEnd();
         return values;
+    }
+
+    void checkText()
+    {
+        checkLength();
+        skipValue(beginValue(), 0);
+        checkEnd();
     }
 
 private:
@@ -290,6 +303,50 @@ private:
         })->second.swap(value);
     }
 
+    /// Within an array, `depth` being 1, or alone.
+    RawValue readRawOrFault(std::size_t depth)
+    {
+        skipSpace();
+        const char* const start = next_;
+        values_ = 0;
+        try {
+            return readRaw(beginValue(), depth);
+        } catch (const JsonError& error) {
+            const char* const end = endOfUnsound(start, end_);
+            if (!end || end == start || (end == end_) != (depth == 0))
+                throw;
+            next_ = end;
+            return unsound({start, static_cast<std::size_t>(end - start)}, depth, error.what());
+        }
+    }
+
+    RawValue unsound(std::string_view text, std::size_t depth, std::string_view error) const
+    {
+        RawValue::Fault fault;
+        fault.what = error.substr(error.find(": ") + 2); // behind the place
+        std::vector<RawValue::Member> members;
+        Limits within = limits_;
+        within.depth -= std::min(within.depth, depth + 1);
+        for (const auto& [name, value] : membersOfUnsound(text)) {
+            const auto isSound = [&within](std::string_view part) {
+                try {
+                    check(part, within);
+                    return true;
+                } catch (const JsonError&) {
+                    return false;
+                }
+            };
+            if (!isSound(name))
+                continue;
+            std::string unescaped = *rawString(name);
+            if (isSound(value))
+                members.push_back({std::move(unescaped), value});
+            else if (fault.member.empty())
+                fault.member = std::move(unescaped);
+        }
+        return RawValue(text, std::move(members), std::make_shared<const RawValue::Fault>(std::move(fault)));
+    }
+
     RawValue readRaw(char first, std::size_t depth)
     {
         const char* const start = next_;
@@ -402,14 +459,21 @@ private:
     {
         std::uint32_t code = readHex();
         if (code >= 0xD800 && code <= 0xDFFF) {
+            const char* const behind = next_;
             const bool paired = code < 0xDC00 && end_ - next_ >= 2 && next_[0] == '\\' && next_[1] == 'u';
-            if (!paired)
+            std::uint32_t low = 0;
+            if (paired) {
+                next_ += 2;
+                low = readHex();
+            }
+            if (low >= 0xDC00 && low <= 0xDFFF) {
+                code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
+            } else if (limits_.loneSurrogates) {
+                code = 0xFFFD;
+                next_ = behind;
+            } else {
                 fail(start, "an unpaired surrogate");
-            next_ += 2;
-            const auto low = readHex();
-            if (low < 0xDC00 || low > 0xDFFF)
-                fail(start, "an unpaired surrogate");
-            code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
+            }
         }
         char bytes[4];
         text.append(bytes, fl::i18n::putUtf8(bytes, code));
@@ -511,6 +575,8 @@ private:
 
 Var parse(std::string_view text, const Limits& limits) { return Reader(text, limits).readText(); }
 
+void check(std::string_view text, const Limits& limits) { Reader(text, limits).checkText(); }
+
 std::string_view RawValue::member(std::string_view name) const noexcept
 {
     const auto found =
@@ -520,10 +586,10 @@ std::string_view RawValue::member(std::string_view name) const noexcept
 
 std::vector<RawValue> parseRaw(std::string_view text, const Limits& limits)
 {
-    auto values = Reader(text, limits).readRawText();
-    if (const auto start = text.find_first_not_of(" \n\r\t"); text[start] != '[' && text[start] != '{')
+    if (const auto start = text.find_first_not_of(" \n\r\t");
+        start == std::string_view::npos || (text[start] != '[' && text[start] != '{'))
         throw JsonError("expected an array or an object, found " + describe(parse(text, limits)));
-    return values;
+    return Reader(text, limits).readRawText();
 }
 
 std::optional<std::string> rawString(std::string_view text)
@@ -534,6 +600,7 @@ std::optional<std::string> rawString(std::string_view text)
         return std::string(text.substr(1, text.size() - 2));
     Limits limits;
     limits.bytes = text.size();
+    limits.loneSurrogates = true;
     return parse(text, limits).extract<std::string>();
 }
 

@@ -1,3 +1,4 @@
+#include "connector/bayeux/ScriptBus.h"
 #include "connector/bayeux/bayeux_fixture.h"
 #include "connector/core/ServiceFault.h"
 #include "connector/http/HttpBody.h"
@@ -47,9 +48,9 @@ const std::vector<Case> kOrdinary = {
     {R"([{"channel":"/meta/subscribe","clientId":"$C","subscription":"/meta/**"}])",
      R"([{"channel":"/meta/subscribe","successful":false,"clientId":"$C","subscription":"/meta/**","error":"403"}])"},
     {R"([{"channel":"/meta/subscribe","clientId":"$C","subscription":5}])",
-     R"([{"channel":"/meta/subscribe","successful":false,"subscription":5,"error":"400"}])"},
+     R"([{"channel":"/meta/subscribe","successful":false,"clientId":"$C","subscription":5,"error":"400"}])"},
     {R"([{"channel":"/meta/subscribe","clientId":"$C"}])",
-     R"([{"channel":"/meta/subscribe","successful":false,"error":"400"}])"},
+     R"([{"channel":"/meta/subscribe","successful":false,"clientId":"$C","error":"400"}])"},
     {R"([{"channel":"/meta/unsubscribe","clientId":"$C","subscription":["/x"],"id":"u"}])",
      R"([{"channel":"/meta/unsubscribe","successful":true,"clientId":"$C","subscription":["/x"],"id":"u"}])"},
     {R"([{"channel":"/meta/unsubscribe","clientId":"$C","subscription":"/a/b*"}])",
@@ -61,7 +62,7 @@ const std::vector<Case> kOrdinary = {
     {R"([{"channel":"/other/**","clientId":"$C","data":1}])",
      R"([{"channel":"/other/**","successful":false,"error":"400"}])"},
     {R"([{"channel":"/meta/other","clientId":"$C","data":1}])",
-     R"([{"channel":"/meta/other","successful":false,"error":"404"}])"},
+     R"([{"channel":"/meta/other","successful":false,"clientId":"$C","error":"404"}])"},
     {R"([{"channel":"/service/other","clientId":"$C","data":1}])",
      R"([{"channel":"/service/other","successful":false,"error":"404"}])"},
     {R"([{"channel":"/other","data":1,"id":"8"}])",
@@ -71,16 +72,17 @@ const std::vector<Case> kOrdinary = {
     {R"([{"channel":"/other","clientId":7,"data":1}])",
      R"([{"channel":"/other","successful":false,"error":"400","advice":$AGAIN}])"},
     {R"([{"channel":"/meta/connect","clientId":"nobody","connectionType":"long-polling","id":"9"}])",
-     R"([{"channel":"/meta/connect","successful":false,"error":"402","id":"9","advice":$AGAIN}])"},
+     R"([{"channel":"/meta/connect","successful":false,"clientId":"nobody","error":"402","id":"9","advice":$AGAIN}])"},
     {R"([{"channel":"/meta/connect","clientId":"$C","connectionType":"callback-polling"}])",
-     R"([{"channel":"/meta/connect","successful":false,"error":"400","advice":$NONE}])"},
+     R"([{"channel":"/meta/connect","successful":false,"clientId":"$C","error":"400","advice":$NONE}])"},
     {R"([{"channel":"/meta/disconnect","clientId":"nobody"}])",
-     R"([{"channel":"/meta/disconnect","successful":false,"error":"402","advice":$AGAIN}])"},
+     R"([{"channel":"/meta/disconnect","successful":false,"clientId":"nobody","error":"402","advice":$AGAIN}])"},
     // What is wrong does not stop the others.
     {R"([1,{"id":"n"},{"channel":7},{"channel":"/x","clientId":"$C","data":1,"id":{}},{"channel":"//","id":2},
-         {"channel":"/x","clientId":"$C","data":1,"id":"ok"}])",
+         {"channel":"/x","clientId":"$C","data":1,"id":true},{"channel":"/x","clientId":"$C","data":1,"id":"ok"}])",
      R"([{"successful":false,"error":"400"},{"successful":false,"error":"400","id":"n"},{"successful":false,"error":"400"},
-         {"successful":false,"error":"400"},{"channel":"//","successful":false,"error":"400","id":2},
+         {"channel":"/x","successful":false,"error":"400"},{"channel":"//","successful":false,"error":"400","id":2},
+         {"channel":"/x","successful":false,"error":"400"},
          {"channel":"/x","successful":true,"id":"ok"}])"},
 };
 
@@ -101,6 +103,8 @@ TEST(BayeuxProtocol, handshakes)
                   bus.is(R"([{"channel":"/meta/handshake","successful":true,"clientId":"$C","version":"1.0",
             "minimumVersion":"1.0","supportedConnectionTypes":$T,"id":"01","advice":$RETRY,"ext":{"ack":true}}])"));
         expectReplies(bus, kRefusedHandshakes, origin);
+        EXPECT_NE(bus.post(kRefusedHandshakes[3].request, origin).get().find("400:version:A handshake needs a version"),
+                  std::string::npos);
         EXPECT_EQ(bus.server->counters().sessions, 1u);
     }
 }
@@ -133,19 +137,121 @@ TEST(BayeuxProtocol, whatIsNoArrayOfMessages)
     }
     EXPECT_EQ(bus.ask("[]"), R"([{"error":"400","successful":false}])");
     EXPECT_EQ(bus.ask("[]", bus.socket()), "");
+}
 
+/// A message to /x with such data, and an id.
+std::string publishing(const std::string& data, int id)
+{
+    return R"({"channel":"/x","clientId":"$C","data":)" + data + R"(,"id":)" + std::to_string(id) + "}";
+}
+
+TEST(BayeuxProtocol, whatOneMessageGetsWrongIsItsOwnFault)
+{
+    std::string many = "[0";
+    for (int i = 0; i < 100'000; ++i)
+        many += ",0";
+    const std::string odd[] = {std::string(63, '[') + std::string(63, ']'),
+                               std::string(200'000, '[') + std::string(200'000, ']'),
+                               many + "]",
+                               R"({"a":1,"a":2})",
+                               "1e999",
+                               "[1,]",
+                               "tru",
+                               R"("\q")",
+                               "{\"a\" 1}",
+                               R"("\ud8")"};
+    std::string batch;
+    std::string replies;
+    int id = 0;
+    for (const auto& data : odd) {
+        batch += publishing(data, id) + ",";
+        replies += R"({"channel":"/x","error":"400","id":)" + std::to_string(id++) + R"(,"successful":false},)";
+        batch += publishing("\"[{\"", id) + ",";
+        replies += R"({"channel":"/x","id":)" + std::to_string(id++) + R"(,"successful":true},)";
+    }
+    batch.back() = ']';
+    replies.back() = ']';
+    for (const bool webSocket : {false, true}) {
+        Bus bus;
+        const auto origin = webSocket ? bus.socket() : bus.http();
+        bus.join(origin);
+        EXPECT_EQ(bus.ask("[" + batch, origin), "[" + replies);
+        EXPECT_EQ(bus.server->counters().published, std::size(odd));
+        // Alone, and without an array around it, too.
+        const auto named = bus.post(publishing("[1,]", 7), origin).get();
+        EXPECT_NE(named.find(R"("error":"400:data:)"), std::string::npos) << named;
+        EXPECT_NE(named.find(R"("id":7)"), std::string::npos) << named;
+        EXPECT_EQ(
+            bus.ask(R"([{"channel":"/meta/connect","clientId":"$C","connectionType":"websocket","ext":{"a":1,"a":2}}])",
+                    origin),
+            bus.is(R"([{"channel":"/meta/connect","successful":false,"clientId":"$C","error":"400",
+            "advice":{"reconnect":"retry","interval":5000,"timeout":30000}}])"));
+        EXPECT_EQ(bus.ask(R"([{"channel":"/meta/handshake","version":"1.0","ext":1e999}])", origin),
+                  bus.is(R"([{"channel":"/meta/handshake","successful":false,"version":"1.0","minimumVersion":"1.0",
+            "supportedConnectionTypes":$T,"error":"400","advice":$NONE}])"));
+    }
+}
+
+TEST(BayeuxProtocol, halfASurrogatePairIsPassedOnAsItIsWritten)
+{
+    for (const bool webSocket : {false, true}) {
+        Bus bus;
+        const auto origin = webSocket ? bus.socket() : bus.http();
+        const std::string data = R"({"\udc00" : "\ud83d", "pair":"\ud83d\ude00", "two":"\ud83d\ud83d\ude00"})";
+        std::string toScripts;
+        std::string toFunctions;
+        ScriptBus scripts(bus.server);
+        const auto undo =
+            scripts.subscribe("/x", [&](const std::string&, const std::string& json) { toScripts = json; });
+        const auto mine =
+            bus.server->subscribe("/y", [&](const BayeuxMessage& m) { toFunctions = json::write(m.data); });
+        bus.join(origin);
+        bus.subscribe("/x", origin);
+        EXPECT_EQ(bus.ask("[" + publishing(data, 1) + R"(,{"channel":"/y","clientId":"$C","data":"\ud83d"}])", origin),
+                  R"([{"channel":"/x","id":1,"successful":true},{"channel":"/y","successful":true}])");
+        EXPECT_EQ(toScripts, data);
+        EXPECT_EQ(toFunctions, "\"\xEF\xBF\xBD\"");
+        scripts.publish("/x", "\"\\ud83d\"", {});
+        EXPECT_EQ(toScripts, "\"\\ud83d\"");
+        EXPECT_THROW(scripts.publish("/x", "tru", {}), std::invalid_argument);
+        std::string got;
+        if (webSocket) {
+            for (const auto& frame : bus.sink->take())
+                got += frame;
+        } else {
+            got = bus.post(Bus::kConnect, origin).get();
+        }
+        EXPECT_NE(got.find(event("/x", data)), std::string::npos) << got;
+        EXPECT_NE(got.find(event("/x", "\"\\ud83d\"")), std::string::npos) << got;
+        // Who works with it gets text.
+        const auto service =
+            bus.server->handleService("/service/x", [](const BayeuxMessage&) { return Poco::Dynamic::Var(); });
+        EXPECT_EQ(bus.ask(R"([{"channel":"/service/x","clientId":"$C","data":"\ud83d","id":2}])", origin),
+                  R"([{"channel":"/service/x","error":"400","id":2,"successful":false}])");
+    }
+}
+
+TEST(BayeuxProtocol, whatIsTooMuchIsRefusedMessageByMessage)
+{
+    Bus bus;
+    bus.join(bus.http());
     auto limits = bus.server->limits();
-    limits.messageBytes = 100;
+    limits.messageBytes = 1'000;
     limits.batch = 3;
     bus.server->setLimits(limits);
+    const std::string refused = R"({"channel":"/x","error":"413","id":1,"successful":false})";
     EXPECT_EQ(bus.ask("[1,2,3,4]"), R"([{"error":"413","successful":false}])");
-    auto answer = bus.post(std::string(101, ' '), bus.socket());
-    try {
-        answer.get();
-        FAIL();
-    } catch (const http::HttpFault& fault) {
-        EXPECT_EQ(fault.status(), 413u);
-    }
+    EXPECT_EQ(bus.ask("[" + publishing("1", 1) + ",2,{},[]]"), "[" + refused + "]");
+    for (const auto& origin : {bus.http(), bus.socket()})
+        EXPECT_EQ(
+            bus.ask("[" + publishing('"' + std::string(1'000, 'x') + '"', 1) + "," + publishing("1", 1) + "]", origin),
+            "[" + refused + "," + refused + "]");
+    const auto connect =
+        bus.ask(R"([{"channel":"/meta/connect","clientId":"$C","connectionType":"long-polling","x":")" +
+                std::string(1'000, 'x') + "\"}]");
+    EXPECT_EQ(connect, bus.is(R"([{"channel":"/meta/connect","successful":false,"clientId":"$C","error":"413",
+        "advice":{"reconnect":"retry","interval":5000,"timeout":30000}}])"));
+    EXPECT_EQ(bus.server->counters().published, 0u);
 }
 
 TEST(BayeuxProtocol, connectsAreAnsweredAtOnceTheFirstTimeAndHeldThen)
@@ -169,7 +275,8 @@ TEST(BayeuxProtocol, connectsAreAnsweredAtOnceTheFirstTimeAndHeldThen)
         "advice":$NONE}])"));
     EXPECT_EQ(bus.server->counters().sessions, 0u);
     EXPECT_EQ(bus.ask(Bus::kConnect),
-              bus.is(R"([{"channel":"/meta/connect","successful":false,"error":"402","id":"c","advice":$AGAIN}])"));
+              bus.is(R"([{"channel":"/meta/connect","successful":false,"clientId":"$C","error":"402","id":"c",
+        "advice":$AGAIN}])"));
     // And a welcome says "retry" again.
     bus.join(bus.http(), false);
 }

@@ -262,8 +262,10 @@ TEST(BayeuxServer, kickedClientsStayAway)
     ASSERT_TRUE(held.isReady());
     EXPECT_EQ(normal(held.get()),
               bus.is(R"([{"channel":"/meta/connect","successful":true,"clientId":"$C","id":"c","advice":$NONE}])"));
-    EXPECT_EQ(bus.ask(Bus::kConnect),
-              bus.is(R"([{"channel":"/meta/connect","successful":false,"error":"402","id":"c","advice":$NONE}])"));
+    EXPECT_EQ(
+        bus.ask(Bus::kConnect),
+        bus.is(
+            R"([{"channel":"/meta/connect","successful":false,"clientId":"$C","error":"402","id":"c","advice":$NONE}])"));
 }
 
 TEST(BayeuxServer, limitsOfSessionsSubscriptionsAndChannels)

@@ -51,6 +51,7 @@ public:
 
     void publish(const std::string&, const Poco::Dynamic::Var&) override { unused(); }
     void publish(EventPtr) override { unused(); }
+    void publishText(const std::string&, std::string_view) override { unused(); }
     Registration reserve(const std::string&) override { unused(); }
     bool isReserved(const std::string&) const override { unused(); }
     void waitForRoom(const std::string&, std::chrono::milliseconds, const std::function<bool()>&) override { unused(); }

@@ -192,8 +192,9 @@ TEST_F(Transport, PostIsAnsweredWithTheReplies)
         EXPECT_EQ(send(request("POST", "{}", {{"Content-Type", type}}), Address{"longPoll", "service"})->status, 415u)
             << type;
     EXPECT_EQ(faultOf(std::string(kMiB, ' ')), 200u);
-    EXPECT_EQ(faultOf(std::string(kMiB + 1, ' ')), 413u);
-    EXPECT_EQ(server->asked().size(), 4u);
+    EXPECT_EQ(faultOf(std::string(kMiB + kMostTooLongBytes, ' ')), 200u) << "refused message by message";
+    EXPECT_EQ(faultOf(std::string(kMiB + kMostTooLongBytes + 1, ' ')), 413u);
+    EXPECT_EQ(server->asked().size(), 5u);
 }
 
 TEST_F(Transport, FailedPostIsToldWithinTheProtocol)
@@ -201,9 +202,9 @@ TEST_F(Transport, FailedPostIsToldWithinTheProtocol)
     const std::string body =
         R"([{"channel":"/meta/connect","id":"7","clientId":"c"},{"channel":"/a","id":8,"data":1}])";
     const std::string replies =
-        R"([{"channel":"/meta/connect","id":"7","successful":false,"error":"500::Internal error.",)"
-        R"("advice":{"interval":1000,"reconnect":"retry","timeout":30000}},)"
-        R"({"channel":"/a","id":8,"successful":false,"error":"500::Internal error."}])";
+        R"([{"channel":"/meta/connect","successful":false,"id":"7","error":"500::Internal error.",)"
+        R"("advice":{"reconnect":"retry","interval":1000,"timeout":30000}},)"
+        R"({"channel":"/a","successful":false,"id":8,"error":"500::Internal error."}])";
     const auto fail = [this](auto failure) {
         server->answer = [failure](const std::string&) { return makeFailedFuture<std::string>(failure); };
     };
@@ -344,7 +345,7 @@ TEST_F(Transport, SocketsFailures)
     fail(std::runtime_error("disk on fire"));
     EXPECT_EQ(closedWith(R"([{"channel":"/a","id":"1"}])"), 0);
     EXPECT_EQ(connection->sent.at(0),
-              R"([{"channel":"/a","id":"1","successful":false,"error":"500::Internal error."}])");
+              R"([{"channel":"/a","successful":false,"id":"1","error":"500::Internal error."}])");
 
     // Each of both bounds.
     for (const std::size_t size : {std::size_t{1}, kMiB}) {

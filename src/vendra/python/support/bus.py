@@ -7,8 +7,7 @@ def publish(channel, data=None):
     """Sends `data`, anything that the json module writes, to all subscribers of a channel ("/news/weather").
 
     Waits for subscribers that are behind, at most a second for all of them. Raises ValueError for a bad or reserved
-    channel and for NaN, TypeError for data
-    without a JSON form, RuntimeError while the connector is stopped.
+    channel and for NaN, TypeError for data without a JSON form, RuntimeError while the connector is stopped.
     """
     _bus_publish(channel, _library("json").dumps(data, allow_nan=False, separators=(",", ":")))
 
