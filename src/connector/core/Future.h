@@ -62,35 +62,10 @@ public:
     template <class Outcome>
     bool settle(Outcome&& outcome)
     {
-        Callback continuation;
-        Callback dropped;
-        {
-            std::lock_guard lock(mutex_);
-            if (!std::holds_alternative<Pending>(content_))
-                return false;
-            content_ = std::forward<Outcome>(outcome);
-            isSettled_.store(true, std::memory_order_release);
-            continuation.swap(continuation_);
-            dropped.swap(onCancel_);
-            settled_.notify_all();
-        }
-        if (continuation)
-            continuation();
-        return true;
+        return decide(std::forward<Outcome>(outcome), false);
     }
 
-    bool cancel()
-    {
-        Callback onCancel;
-        {
-            std::lock_guard lock(mutex_);
-            onCancel.swap(onCancel_);
-        }
-        const bool cancelled = settle(Cancelled{});
-        if (cancelled && onCancel)
-            onCancel();
-        return cancelled;
-    }
+    bool cancel() { return decide(Cancelled{}, true); }
 
     /// Keeps what is to be done on cancellation; does it at once when that has happened already.
     void setOnCancel(Callback callback)
@@ -98,7 +73,7 @@ public:
         {
             std::lock_guard lock(mutex_);
             if (std::holds_alternative<Pending>(content_)) {
-                onCancel_ = std::move(callback);
+                onCancel_.swap(callback); // the former one dies after the lock is released
                 return;
             }
             if (!std::holds_alternative<Cancelled>(content_))
@@ -113,7 +88,7 @@ public:
         {
             std::lock_guard lock(mutex_);
             if (std::holds_alternative<Pending>(content_)) {
-                continuation_ = std::move(callback);
+                continuation_.swap(callback);
                 return;
             }
         }
@@ -155,6 +130,30 @@ public:
     }
 
 private:
+    /// The outcome and what is told of it are taken in one step: whoever sets a callback comes before, and it is
+    /// called, or after, and finds the outcome.
+    template <class Outcome>
+    bool decide(Outcome&& outcome, bool cancelled)
+    {
+        Callback continuation;
+        Callback onCancel;
+        {
+            std::lock_guard lock(mutex_);
+            if (!std::holds_alternative<Pending>(content_))
+                return false;
+            content_ = std::forward<Outcome>(outcome);
+            isSettled_.store(true, std::memory_order_release);
+            continuation.swap(continuation_);
+            onCancel.swap(onCancel_);
+            settled_.notify_all();
+        }
+        if (continuation)
+            continuation();
+        if (cancelled && onCancel)
+            onCancel();
+        return true;
+    }
+
     mutable std::mutex mutex_;
     std::condition_variable settled_;
     std::atomic<bool> isSettled_{false}; ///< and `content_` no longer Pending

@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace connector {
 namespace {
@@ -104,6 +106,45 @@ TEST(Future, CancellingTheEndTellsTheBeginning)
     bool late = false;
     afterwards.onCancel([&] { late = true; });
     EXPECT_TRUE(late);
+}
+
+// Whichever comes first, a cancellation is told. Before each round both threads wait for the other to be at it.
+TEST(Future, CancellationReachesACallbackThatIsSetAtTheSameTime)
+{
+    constexpr int kRounds = 20'000;
+    std::vector<Promise<int>> promises(kRounds);
+    std::vector<Future<int>> futures;
+    for (auto& promise : promises)
+        futures.push_back(promise.future());
+    std::atomic<int> atRound{0};
+    const auto meet = [&atRound](int round) {
+        ++atRound;
+        for (int looks = 0; atRound < 2 * (round + 1); ++looks)
+            if (looks > 1'000)
+                std::this_thread::yield();
+    };
+    std::thread cancelling([&] {
+        for (int round = 0; round < kRounds; ++round) {
+            meet(round);
+            futures[static_cast<std::size_t>(round)].cancel();
+        }
+    });
+    int told = 0;
+    for (int round = 0; round < kRounds; ++round) {
+        meet(round);
+        promises[static_cast<std::size_t>(round)].onCancel([&told] { ++told; });
+    }
+    cancelling.join();
+    EXPECT_EQ(told, kRounds);
+}
+
+// A callback may own what uses the promise again.
+TEST(Future, ReplacedCallbackDiesWithoutTheLock)
+{
+    Promise<int> promise;
+    std::shared_ptr<void> asking(nullptr, [&promise](void*) { EXPECT_FALSE(promise.isCancelled()); });
+    promise.onCancel([owned = std::move(asking)] {});
+    promise.onCancel([] {});
 }
 
 TEST(Future, SettledAndCancelledAtOnceHasOneOutcome)
