@@ -4,6 +4,7 @@
 #include <iosfwd>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "connector/Export.h"
@@ -28,8 +29,17 @@ public:
     /// Throws std::invalid_argument for more than eight parts or an empty one.
     explicit Address(std::vector<std::string> parts);
 
-    Address(Address&&) noexcept = default;
-    Address& operator=(Address&&) noexcept = default;
+    /// What was moved from is empty.
+    Address(Address&& other) noexcept
+        : parts_(std::move(other.parts_)), next_(std::exchange(other.next_, std::size_t{0}))
+    {}
+    Address& operator=(Address&& other) noexcept
+    {
+        Address taken(std::move(other));
+        parts_.swap(taken.parts_);
+        std::swap(next_, taken.next_);
+        return *this;
+    }
     Address(const Address&) = default;
     Address& operator=(const Address&) = default;
     ~Address() = default;

@@ -33,8 +33,10 @@ public:
     virtual void start() = 0;
     /// Stops every provider, in name order; they stay registered and answer "Service exists but is not running.".
     virtual void stop() = 0;
-    /// Starts the provider, then makes it reachable; one that had the name is stopped and dropped. An exception of its
-    /// start goes to the caller, and nothing is registered. Throws std::invalid_argument for an empty name or provider.
+    /// Starts the provider, then makes it reachable. One that had the name is stopped before, as both may own the same
+    /// thing outside (a port, a file), answers so meanwhile, and is dropped. An exception of the start goes to the
+    /// caller, nothing is registered, and the one before is started again. Throws std::invalid_argument for an empty
+    /// name or provider.
     virtual void addServiceProvider(const std::string& name, std::shared_ptr<ServiceProvider> provider) = 0;
     /// Makes the name unknown, then stops the provider unless another name still leads to it. An unknown name is
     /// ignored.

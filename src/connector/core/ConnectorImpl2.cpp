@@ -1,10 +1,71 @@
 #include "connector/core/ConnectorImpl2.h"
 
-#include <algorithm>
+#include <exception>
 #include <utility>
-#include <vector>
+
+#include "connector/common/Log.h"
 
 namespace connector {
+
+namespace {
+
+/// For failures that nobody is there to hear of.
+void logFailure(const std::string& what)
+{
+    try {
+        throw;
+    } catch (const std::exception& error) {
+        common::log("connector.core", common::LogLevel::error, what + ": " + error.what());
+    } catch (...) {
+        common::log("connector.core", common::LogLevel::error, what + " with something that is no std::exception");
+    }
+}
+
+} // namespace
+
+/// Makes one thread the only one that starts or stops a provider, without a lock held meanwhile. What the provider does
+/// within, on the same thread, belongs to it.
+class ConnectorImpl2::Change
+{
+public:
+    Change(ConnectorImpl2& registry, const ProviderPtr& provider) : registry_(registry), provider_(provider.get())
+    {
+        const auto self = std::this_thread::get_id();
+        std::unique_lock lock(registry_.mutex_);
+        registry_.changed_.wait(lock, [&] {
+            const auto changer = registry_.uses_[provider_].changer;
+            return changer == std::thread::id() || changer == self;
+        });
+        nested_ = std::exchange(registry_.uses_[provider_].changer, self) == self;
+    }
+
+    ~Change()
+    {
+        if (nested_)
+            return;
+        std::unique_lock lock(registry_.mutex_);
+        const auto use = registry_.uses_.find(provider_);
+        use->second.changer = {};
+        if (use->second.names == 0)
+            registry_.uses_.erase(use);
+        registry_.changed_.notify_all();
+    }
+
+    Change(const Change&) = delete;
+    Change& operator=(const Change&) = delete;
+
+    /// Names lead to the provider, or are about to.
+    bool isUsed() const
+    {
+        std::shared_lock lock(registry_.mutex_);
+        return registry_.uses_.at(provider_).names > 0;
+    }
+
+private:
+    ConnectorImpl2& registry_;
+    const ServiceProvider* const provider_;
+    bool nested_ = false;
+};
 
 UnknownServiceProvider::UnknownServiceProvider(const std::string& name)
     : std::runtime_error("No service provider is registered as \"" + name + "\"."), name_(name)
@@ -16,8 +77,13 @@ ConnectorImpl2::ConnectorImpl2(const std::string& name) : name_(name) {}
 
 ConnectorImpl2::~ConnectorImpl2()
 {
-    for (auto& [name, provider] : std::exchange(providers_, {}))
-        provider->stop();
+    for (auto& [name, provider] : std::exchange(providers_, {})) {
+        try {
+            provider->stop();
+        } catch (...) {
+            logFailure("\"" + name + "\" failed to stop at the end of the registry");
+        }
+    }
 }
 
 ConnectorImpl2::Providers ConnectorImpl2::providers() const
@@ -29,19 +95,70 @@ ConnectorImpl2::Providers ConnectorImpl2::providers() const
 void ConnectorImpl2::start()
 {
     for (auto& [name, provider] : providers())
-        provider->start();
+        start(provider);
 }
 
 void ConnectorImpl2::stop()
 {
-    for (auto& [name, provider] : providers())
+    for (auto& [name, provider] : providers()) {
+        const Change change(*this, provider);
+        provider->stop();
+    }
+}
+
+void ConnectorImpl2::claim(const ProviderPtr& provider)
+{
+    std::unique_lock lock(mutex_);
+    ++uses_[provider.get()].names;
+}
+
+void ConnectorImpl2::unclaim(const ProviderPtr& provider)
+{
+    std::unique_lock lock(mutex_);
+    const auto use = uses_.find(provider.get());
+    if (--use->second.names == 0 && use->second.changer == std::thread::id())
+        uses_.erase(use);
+}
+
+void ConnectorImpl2::start(const ProviderPtr& provider)
+{
+    const Change change(*this, provider);
+    provider->start();
+}
+
+/// Asks within the change: another thread may have given it a name since, and relies on it.
+void ConnectorImpl2::stopIfUnused(const ProviderPtr& provider)
+{
+    const Change change(*this, provider);
+    if (!change.isUsed())
         provider->stop();
 }
 
-bool ConnectorImpl2::isRegistered(const std::shared_ptr<ServiceProvider>& provider) const
+/// Null when there is none, or when it goes on under another name.
+ConnectorImpl2::ProviderPtr ConnectorImpl2::stopFormer(const std::string& name, const ProviderPtr& next)
 {
-    std::shared_lock lock(mutex_);
-    return std::any_of(providers_.begin(), providers_.end(), [&](auto& entry) { return entry.second == provider; });
+    ProviderPtr former = find(name);
+    if (!former || former == next)
+        return nullptr;
+    const Change change(*this, former);
+    {
+        std::shared_lock lock(mutex_);
+        if (uses_.at(former.get()).names != 1)
+            return nullptr;
+    }
+    former->stop();
+    return former;
+}
+
+void ConnectorImpl2::restartFormer(const std::string& name, const ProviderPtr& former) noexcept
+{
+    try {
+        const Change change(*this, former);
+        if (change.isUsed())
+            former->start();
+    } catch (...) {
+        logFailure("The former provider of \"" + name + "\" does not start again");
+    }
 }
 
 void ConnectorImpl2::addServiceProvider(const std::string& name, std::shared_ptr<ServiceProvider> provider)
@@ -51,19 +168,30 @@ void ConnectorImpl2::addServiceProvider(const std::string& name, std::shared_ptr
     if (!provider)
         throw std::invalid_argument("There is no service provider to register as \"" + name + "\".");
 
-    provider->start();
-    std::shared_ptr<ServiceProvider> previous;
+    claim(provider);
+    ProviderPtr former;
+    try {
+        former = stopFormer(name, provider);
+        start(provider);
+    } catch (...) {
+        unclaim(provider);
+        if (former)
+            restartFormer(name, former);
+        throw;
+    }
     {
         std::unique_lock lock(mutex_);
-        previous = std::exchange(providers_[name], std::move(provider));
+        former = std::exchange(providers_[name], std::move(provider));
     }
-    if (previous && !isRegistered(previous))
-        previous->stop();
+    if (former) {
+        unclaim(former);
+        stopIfUnused(former);
+    }
 }
 
 void ConnectorImpl2::removeServiceProvider(const std::string& name)
 {
-    std::shared_ptr<ServiceProvider> provider;
+    ProviderPtr provider;
     {
         std::unique_lock lock(mutex_);
         const auto found = providers_.find(name);
@@ -72,8 +200,8 @@ void ConnectorImpl2::removeServiceProvider(const std::string& name)
         provider = std::move(found->second);
         providers_.erase(found);
     }
-    if (!isRegistered(provider))
-        provider->stop();
+    unclaim(provider);
+    stopIfUnused(provider);
 }
 
 std::set<std::string> ConnectorImpl2::listServiceProviders()
@@ -85,7 +213,7 @@ std::set<std::string> ConnectorImpl2::listServiceProviders()
     return names;
 }
 
-std::shared_ptr<ServiceProvider> ConnectorImpl2::find(const std::string& name) const
+ConnectorImpl2::ProviderPtr ConnectorImpl2::find(const std::string& name) const
 {
     std::shared_lock lock(mutex_);
     const auto found = providers_.find(name);

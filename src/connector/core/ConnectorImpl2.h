@@ -1,9 +1,11 @@
 #pragma once
 
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <shared_mutex>
+#include <thread>
 
 #include "connector/core/Connector.h"
 
@@ -14,7 +16,7 @@ class CONNECTOR_API ConnectorImpl2 final : public Connector
 {
 public:
     explicit ConnectorImpl2(const std::string& name);
-    /// Stops what is still registered.
+    /// Stops what is still registered; a provider that fails to is logged.
     ~ConnectorImpl2() override;
 
     std::string getName() override { return name_; }
@@ -31,15 +33,31 @@ public:
     bool isServiceProviderRunning(const std::string& name) const override;
 
 private:
-    using Providers = std::map<std::string, std::shared_ptr<ServiceProvider>, std::less<>>;
+    using ProviderPtr = std::shared_ptr<ServiceProvider>;
+    using Providers = std::map<std::string, ProviderPtr, std::less<>>;
 
-    std::shared_ptr<ServiceProvider> find(const std::string& name) const;
-    bool isRegistered(const std::shared_ptr<ServiceProvider>& provider) const;
+    /// How a provider stands: it is to run while names lead to it.
+    struct Use
+    {
+        std::size_t names = 0;   ///< that lead to it or are about to
+        std::thread::id changer; ///< the thread that starts or stops it at the moment
+    };
+    class Change;
+
+    ProviderPtr find(const std::string& name) const;
     Providers providers() const;
+    void claim(const ProviderPtr& provider);
+    void unclaim(const ProviderPtr& provider);
+    void start(const ProviderPtr& provider);
+    void stopIfUnused(const ProviderPtr& provider);
+    ProviderPtr stopFormer(const std::string& name, const ProviderPtr& next);
+    void restartFormer(const std::string& name, const ProviderPtr& former) noexcept;
 
     const std::string name_;
-    mutable std::shared_mutex mutex_;
+    mutable std::shared_mutex mutex_; ///< never held while a provider is called
     Providers providers_;
+    std::map<const ServiceProvider*, Use> uses_;
+    std::condition_variable_any changed_; ///< a provider's changer is done
     std::shared_ptr<Context> processContext_;
 };
 

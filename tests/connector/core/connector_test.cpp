@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <functional>
 #include <thread>
 
 #include "connector/core/ConnectorImpl2.h"
@@ -21,12 +23,21 @@ public:
 
     void start() override
     {
+        if (onStart)
+            onStart();
         if (failsToStart)
             throw std::runtime_error(name_ + " does not start");
         running = true;
         ++starts;
+        if (onStarted)
+            onStarted();
     }
-    void stop() override { running = false; }
+    void stop() override
+    {
+        if (onStop)
+            onStop();
+        running = false;
+    }
     bool isRunning() const override { return running; }
 
     MessageFuture deliver(std::unique_ptr<Message>&& message, Address&& address,
@@ -40,10 +51,13 @@ public:
         return context->connector()->handle(std::move(message), std::move(address), std::move(context));
     }
 
-    bool running = false;
+    std::atomic<bool> running = false;
     bool failsToStart = false;
     bool throws = false;
     int starts = 0;
+    std::function<void()> onStart;
+    std::function<void()> onStarted;
+    std::function<void()> onStop;
 
 private:
     std::string name_;
@@ -114,6 +128,86 @@ TEST_F(ConnectorTest, RegistrationStartsAndRemovalStops)
     EXPECT_THROW(connector->addServiceProvider("z", nullptr), std::invalid_argument);
 }
 
+// Both may own one thing outside: a port, a file.
+TEST_F(ConnectorTest, FormerProviderIsStoppedBeforeTheNextStarts)
+{
+    auto first = add("x");
+    auto second = std::make_shared<Greeter>("second");
+    second->onStart = [&] {
+        EXPECT_FALSE(first->running);
+        EXPECT_FALSE(connector->isServiceProviderRunning("x")) << "nobody is promised what does not run";
+    };
+    connector->addServiceProvider("x", second);
+    EXPECT_EQ(send(Address{"x"}), "hello.second");
+
+    auto third = std::make_shared<Greeter>("third");
+    third->failsToStart = true;
+    EXPECT_THROW(connector->addServiceProvider("x", third), std::runtime_error);
+    EXPECT_TRUE(second->running) << "it goes on where there is no other";
+    EXPECT_EQ(send(Address{"x"}), "hello.second");
+    EXPECT_EQ(third.use_count(), 1);
+    second->onStart = nullptr;
+
+    connector->addServiceProvider("y", second);
+    auto fourth = std::make_shared<Greeter>("fourth");
+    fourth->onStart = [&] { EXPECT_TRUE(second->running) << "y still leads to it"; };
+    connector->addServiceProvider("x", fourth);
+    EXPECT_TRUE(second->running);
+    connector->addServiceProvider("x", fourth);
+    EXPECT_TRUE(fourth->running) << "its own former";
+}
+
+// A provider with a second name in the making is not stopped for the end of its first.
+TEST_F(ConnectorTest, RemovalOfOneNameLeavesTheOtherServed)
+{
+    auto provider = add("x");
+    provider->onStarted = [&] { connector->removeServiceProvider("x"); };
+    connector->addServiceProvider("y", provider);
+    EXPECT_TRUE(connector->isServiceProviderRunning("y"));
+    EXPECT_EQ(connector->listServiceProviders(), std::set<std::string>{"y"});
+    provider->onStarted = nullptr;
+
+    // A start waits for a stop that is under way.
+    std::thread adding;
+    provider->onStop = [&] { adding = std::thread([&] { connector->addServiceProvider("z", provider); }); };
+    connector->removeServiceProvider("y");
+    adding.join();
+    EXPECT_TRUE(connector->isServiceProviderRunning("z"));
+    provider->onStop = nullptr;
+
+    std::atomic<bool> done{false};
+    std::atomic<int> rounds{0};
+    std::thread other([&] {
+        for (; !done; ++rounds) {
+            connector->addServiceProvider("a", provider);
+            connector->removeServiceProvider("a");
+        }
+    });
+    for (int i = 0; i < 2'000 || rounds < 2'000; ++i) {
+        connector->removeServiceProvider("z");
+        connector->addServiceProvider("z", provider);
+        ASSERT_TRUE(connector->isServiceProviderRunning("z")) << i;
+    }
+    done = true;
+    other.join();
+    connector->removeServiceProvider("z");
+    EXPECT_FALSE(provider->running);
+    EXPECT_EQ(provider.use_count(), 1);
+}
+
+TEST_F(ConnectorTest, EndOfTheRegistrySurvivesProvidersThatFailToStop)
+{
+    add("a")->onStop = [] { throw std::runtime_error("a bad end"); };
+    add("b")->onStop = [] { throw 3; };
+    auto last = add("c");
+    testing::internal::CaptureStderr();
+    connector.reset();
+    const auto errors = testing::internal::GetCapturedStderr();
+    EXPECT_FALSE(last->running);
+    EXPECT_NE(errors.find("\"a\" failed to stop at the end of the registry: a bad end"), std::string::npos) << errors;
+    EXPECT_NE(errors.find("\"b\" failed to stop"), std::string::npos) << errors;
+}
+
 TEST_F(ConnectorTest, EndOfTheRegistryStopsItsProvidersAndItsContexts)
 {
     auto provider = add("a");
@@ -140,6 +234,28 @@ TEST_F(ConnectorTest, SendingWhileProvidersComeAndGo)
     done = true;
     changing.join();
     EXPECT_TRUE(connector->listServiceProviders().empty());
+}
+
+TEST(AddressTest, IsEmptyAfterItWasMovedFrom)
+{
+    Address address{"a", "b", "c"};
+    address.popFront();
+    address.popFront();
+    const Address taken = std::move(address);
+    EXPECT_EQ(taken, Address{"c"});
+    EXPECT_TRUE(address.empty());
+    EXPECT_EQ(address.size(), 0u);
+    EXPECT_EQ(toString(address), "");
+
+    Address target{"x", "y"};
+    target.popFront();
+    Address source{"d", "e"};
+    source.popFront();
+    target = std::move(source);
+    EXPECT_EQ(target, Address{"e"});
+    EXPECT_TRUE(source.empty());
+    source = Address{"f"};
+    EXPECT_EQ(source.front(), "f");
 }
 
 // Typed delivery.
