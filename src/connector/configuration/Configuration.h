@@ -77,7 +77,10 @@ public:
     /// were left out. There is no configuration with a wrong value of a strict key.
     virtual std::vector<std::string> problems() const = 0;
 
-    /// Called after a change of `name` (all keys when empty), on the thread that made it, without a lock held.
+    /// Called after a change of `name` (all keys when empty), without a lock held, one change after the other in the
+    /// order in which they were made: on the thread that made it, which `set` waits for, or on one that made another at
+    /// the same time. What a listener itself changes is told after it returns; it must not wait for a change of another
+    /// thread.
     virtual ListenerId addListener(const std::string& name, Listener listener) = 0;
     virtual void removeListener(ListenerId id) = 0;
 };

@@ -114,20 +114,47 @@ void ConfigurationImpl::unset(const std::string& name) { change(name, std::nullo
 
 void ConfigurationImpl::change(const std::string& name, std::optional<Value> chosen)
 {
-    Value value;
+    std::uint64_t change = 0;
     {
         std::lock_guard lock(mutex_);
         auto& entry = find(name);
         const auto before = entry.value();
         entry.chosen = std::move(chosen);
-        value = entry.value();
-        if (value == before)
+        if (entry.value() == before)
             return;
+        news_.push_back({name, entry.value()});
+        change = ++made_;
     }
-    notify(name, value);
+    notifyUntil(change);
 }
 
-void ConfigurationImpl::notify(const std::string& name, const Value& value) const
+/// Returns when the listeners have heard of that change. Without one order for all threads, a listener could hear of an
+/// older value last and keep it.
+void ConfigurationImpl::notifyUntil(std::uint64_t change)
+{
+    const auto self = std::this_thread::get_id();
+    std::unique_lock lock(mutex_);
+    if (teller_ == self) {
+        tellUntil_ = change; // made by a listener: told before the change ends that it was called for
+        return;
+    }
+    tellerDone_.wait(lock, [&] { return told_ >= change || teller_ == std::thread::id(); });
+    if (told_ >= change)
+        return;
+    teller_ = self;
+    // Changes of others that come meanwhile are left to them.
+    for (tellUntil_ = change; told_ < tellUntil_; ++told_, tellerDone_.notify_all()) {
+        const News news = std::move(news_.front());
+        news_.pop_front();
+        lock.unlock();
+        callListeners(news.name, news.value);
+        lock.lock();
+    }
+    teller_ = {};
+    tellerDone_.notify_all();
+}
+
+void ConfigurationImpl::callListeners(const std::string& name, const Value& value) const noexcept
 {
     std::vector<std::shared_ptr<const Listener>> listeners;
     {
@@ -143,6 +170,9 @@ void ConfigurationImpl::notify(const std::string& name, const Value& value) cons
         } catch (const std::exception& error) {
             common::log(kLogSource, common::LogLevel::error,
                         "A listener of the key " + name + " failed: " + error.what());
+        } catch (...) {
+            common::log(kLogSource, common::LogLevel::error,
+                        "A listener of the key " + name + " failed with something that is no std::exception");
         }
     }
 }

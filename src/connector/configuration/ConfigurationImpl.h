@@ -1,10 +1,13 @@
 #pragma once
 
+#include <condition_variable>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <shared_mutex>
+#include <thread>
 
 #include "connector/configuration/Configuration.h"
 
@@ -53,13 +56,27 @@ private:
     template <class T>
     T getAs(const std::string& name) const;
     void change(const std::string& name, std::optional<Value> chosen);
-    void notify(const std::string& name, const Value& value) const;
+    void notifyUntil(std::uint64_t change);
+    void callListeners(const std::string& name, const Value& value) const noexcept;
 
-    mutable std::shared_mutex mutex_;
+    mutable std::shared_mutex mutex_;                   ///< never held while a listener is called
     std::map<std::string, Entry, std::less<>> entries_; ///< the keys never change
     std::vector<std::string> problems_;                 ///< never changes
     std::map<ListenerId, Subscriber> subscribers_;
     ListenerId nextListener_ = 1;
+
+    // Changes in the order in which they were made. One thread at a time tells the listeners of them.
+    struct News
+    {
+        std::string name;
+        Value value;
+    };
+    std::deque<News> news_;
+    std::uint64_t made_ = 0; ///< changes so far
+    std::uint64_t told_ = 0; ///< of these, that all listeners have heard of
+    std::thread::id teller_;
+    std::uint64_t tellUntil_ = 0; ///< where the teller ends
+    std::condition_variable_any tellerDone_;
 };
 
 } // namespace connector::configuration

@@ -61,28 +61,14 @@ bool isFromForeignPage(const HttpRequest& request)
 class HttpLocalHostFilterServiceProvider::Allowed
 {
 public:
-    void setHosts(const std::vector<std::string>& hosts)
+    /// Takes over what the configuration says now under that key, in whatever order this is called by whom.
+    void update(const configuration::Configuration& configuration, const std::string& key)
     {
-        auto parsed = std::make_shared<std::vector<Authority>>();
-        for (const auto& host : hosts) {
-            Authority authority;
-            if (Authority::parse(host, authority))
-                parsed->push_back(std::move(authority));
-            else
-                logBad(kAllowedHostsKey, host, "is no host");
-        }
-        std::lock_guard lock(mutex_);
-        hosts_ = std::move(parsed);
-    }
-
-    void setPeers(const std::vector<std::string>& peers)
-    {
-        auto parsed = std::make_shared<PeerList>();
-        for (const auto& peer : peers)
-            if (!parsed->add(peer))
-                logBad(kAllowedPeersKey, peer, "is neither an address nor a network");
-        std::lock_guard lock(mutex_);
-        peers_ = std::move(parsed);
+        std::lock_guard updating(updateMutex_);
+        if (key == kAllowedHostsKey)
+            replace(hosts_, parsedHosts(configuration.getList(key)));
+        else if (key == kAllowedPeersKey)
+            replace(peers_, parsedPeers(configuration.getList(key)));
     }
 
     bool hasHost(const Authority& asked) const
@@ -96,10 +82,41 @@ public:
     bool hasPeer(const std::string& address) const { return current(peers_)->has(address); }
 
 private:
+    using Hosts = std::vector<Authority>;
+
+    static std::shared_ptr<const Hosts> parsedHosts(const std::vector<std::string>& hosts)
+    {
+        auto parsed = std::make_shared<Hosts>();
+        for (const auto& host : hosts) {
+            Authority authority;
+            if (Authority::parse(host, authority))
+                parsed->push_back(std::move(authority));
+            else
+                logBad(kAllowedHostsKey, host, "is no host");
+        }
+        return parsed;
+    }
+
+    static std::shared_ptr<const PeerList> parsedPeers(const std::vector<std::string>& peers)
+    {
+        auto parsed = std::make_shared<PeerList>();
+        for (const auto& peer : peers)
+            if (!parsed->add(peer))
+                logBad(kAllowedPeersKey, peer, "is neither an address nor a network");
+        return parsed;
+    }
+
     static void logBad(const char* key, const std::string& entry, const char* problem)
     {
         common::log("connector.http", common::LogLevel::warning,
                     std::string(key) + ": \"" + printable(entry) + "\" " + problem + " and is left out.");
+    }
+
+    template <class T>
+    void replace(std::shared_ptr<const T>& member, std::shared_ptr<const T> value)
+    {
+        std::lock_guard lock(mutex_);
+        member = std::move(value);
     }
 
     template <class T>
@@ -109,8 +126,9 @@ private:
         return member;
     }
 
+    std::mutex updateMutex_;
     mutable std::mutex mutex_;
-    std::shared_ptr<const std::vector<Authority>> hosts_ = std::make_shared<std::vector<Authority>>();
+    std::shared_ptr<const Hosts> hosts_ = std::make_shared<Hosts>();
     std::shared_ptr<const PeerList> peers_ = std::make_shared<PeerList>();
 };
 
@@ -122,15 +140,11 @@ HttpLocalHostFilterServiceProvider::HttpLocalHostFilterServiceProvider(
 {
     // The listener comes first, so that no change between the two is missed.
     listener_ = configuration_->addListener(
-        {}, [allowed = allowed_](const std::string& name, const configuration::Value& value) {
-            const auto* list = std::get_if<std::vector<std::string>>(&value);
-            if (list && name == kAllowedHostsKey)
-                allowed->setHosts(*list);
-            else if (list && name == kAllowedPeersKey)
-                allowed->setPeers(*list);
+        {}, [allowed = allowed_, source = configuration_.get()](const std::string& name, const auto&) {
+            allowed->update(*source, name); // it lives: it is the caller
         });
-    allowed_->setHosts(configuration_->getList(kAllowedHostsKey));
-    allowed_->setPeers(configuration_->getList(kAllowedPeersKey));
+    for (const char* key : {kAllowedHostsKey, kAllowedPeersKey})
+        allowed_->update(*configuration_, key);
 }
 
 HttpLocalHostFilterServiceProvider::~HttpLocalHostFilterServiceProvider() { configuration_->removeListener(listener_); }

@@ -1,5 +1,8 @@
 #include "configuration_fixture.h"
 
+#include <atomic>
+#include <thread>
+
 #include "connector/configuration/ConfigurationImpl.h"
 
 #include <sys/stat.h>
@@ -168,6 +171,29 @@ TEST_F(ConfigurationTest, ListenersHearOfChangesOnly)
     configuration.unset("http.port");
     EXPECT_EQ(heard, (std::vector<std::string>{"all http.port 80", "port http.port 80", "port http.port 0"}));
     EXPECT_EQ(configuration.getInteger("http.maxSessions"), 5);
+}
+
+// What a listener heard last is what holds.
+TEST_F(ConfigurationTest, ListenersHearOfChangesInTheirOrder)
+{
+    ConfigurationImpl configuration;
+    std::atomic<std::int64_t> last{0};
+    std::atomic<int> inside{0};
+    configuration.addListener("http.port", [&](const std::string&, const Value& value) {
+        EXPECT_EQ(++inside, 1) << "one change after the other";
+        last = std::get<std::int64_t>(value);
+        --inside;
+    });
+    for (int round = 0; round < 300; ++round) {
+        std::vector<std::jthread> threads;
+        for (std::int64_t first : {1, 1'001, 2'001})
+            threads.emplace_back([&configuration, first] {
+                for (std::int64_t port = first; port < first + 10; ++port)
+                    configuration.set("http.port", port);
+            });
+        threads.clear();
+        ASSERT_EQ(last, configuration.getInteger("http.port")) << round;
+    }
 }
 
 } // namespace
