@@ -50,6 +50,26 @@ private:
 };
 using EventPtr = std::shared_ptr<const BayeuxEvent>;
 
+/// The events on one channel for one session whose source numbers and keeps them, so that a client that lost its
+/// connection can ask for those that did not arrive. What arrived is unknown once the connection is another one:
+/// nothing of the series follows, nor waits for the client any more, until it asks. Threads: any.
+class CONNECTOR_API BayeuxSeries
+{
+public:
+    virtual ~BayeuxSeries() = default;
+    /// Sends the next one. False when the series is lost.
+    virtual bool deliver(EventPtr event) = 0;
+    /// As of the session; also true when the series is lost.
+    virtual bool hasRoom() const = 0;
+    /// The client lost its WebSocket or uses another one, the session is over, or the series was opened again. With the
+    /// acknowledgement extension no event is lost with a connection, nor is a series.
+    virtual bool isLost() const = 0;
+    /// Nobody is there to read it at the moment: the client has neither a WebSocket nor a connect that waits.
+    virtual bool isAway() const = 0;
+    /// Takes back what still waits for the client.
+    virtual void close() = 0;
+};
+
 /// A client of the bus, remote or of this process. Threads: any.
 class CONNECTOR_API BayeuxSession
 {
@@ -70,6 +90,10 @@ public:
     virtual bool answer(EventPtr event) = 0;
     /// Whether more than half of what may wait for it is free: who delivers much waits for that.
     virtual bool hasRoom() const = 0;
+    /// The one that was open on this channel is lost, and what waits of it dropped. `again`: the client has asked for
+    /// it once more; by long polling the events then go to connects that come from now on, since the one that is held
+    /// may belong to a connection that is gone.
+    virtual std::shared_ptr<BayeuxSeries> openSeries(const std::string& channel, bool again) = 0;
     /// Ends the session; a remote client is told with "reconnect":"none".
     virtual void disconnect() = 0;
     virtual bool isOver() const = 0;

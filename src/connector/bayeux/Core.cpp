@@ -404,6 +404,30 @@ bool LocalSession::deliver(EventPtr event)
     return true;
 }
 
+namespace {
+
+/// Nothing gets lost on the way to a part of this process.
+class LocalSeries final : public BayeuxSeries
+{
+public:
+    explicit LocalSeries(std::shared_ptr<LocalSession> session) : session_(std::move(session)) {}
+    bool deliver(EventPtr event) override { return session_->deliver(std::move(event)); }
+    bool hasRoom() const override { return true; }
+    bool isLost() const override { return session_->isOver(); }
+    bool isAway() const override { return isLost(); }
+    void close() override {}
+
+private:
+    const std::shared_ptr<LocalSession> session_;
+};
+
+} // namespace
+
+std::shared_ptr<BayeuxSeries> LocalSession::openSeries(const std::string&, bool)
+{
+    return std::make_shared<LocalSeries>(shared_from_this());
+}
+
 void LocalSession::disconnect()
 {
     if (over_.exchange(true))

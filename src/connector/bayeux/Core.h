@@ -114,6 +114,7 @@ public:
     bool deliver(EventPtr event) override;
     bool answer(EventPtr event) override { return deliver(std::move(event)); }
     bool hasRoom() const override { return true; }
+    std::shared_ptr<BayeuxSeries> openSeries(const std::string& channel, bool again) override;
     void disconnect() override;
     bool isOver() const override { return over_; }
 

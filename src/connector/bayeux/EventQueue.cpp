@@ -90,6 +90,22 @@ void EventQueue::acknowledge(std::uint64_t batch)
     }
 }
 
+void EventQueue::drop(const std::string& channel)
+{
+    const auto isDropped = [&](const EventPtr& event) {
+        if (event->channel() != channel)
+            return false;
+        bytes_ -= event->text().size();
+        return true;
+    };
+    waiting_.remove_if([&](const EventPtr& event) {
+        const bool dropped = isDropped(event);
+        lazy_ -= dropped && event->isLazy() ? 1 : 0;
+        return dropped;
+    });
+    sent_.remove_if([&](const Sent& sent) { return isDropped(sent.event); });
+}
+
 void EventQueue::clear()
 {
     waiting_.clear();

@@ -41,6 +41,8 @@ public:
     void acknowledge(std::uint64_t batch);
     /// The last batch that `take` made; 0 for none.
     std::uint64_t batch() const noexcept { return batch_; }
+    /// Takes out the events of a channel, those that were sent and not confirmed as well.
+    void drop(const std::string& channel);
     void clear();
 
 private:

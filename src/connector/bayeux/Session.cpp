@@ -68,7 +68,13 @@ bool Session::hasRoom() const
         return true;
     const auto limits = core->limits();
     std::lock_guard lock(mutex_);
-    return over_ || !(queue_.isCrowded(limits) || (sink_ && sink_->queuedBytes() > limits.queueBytes / 2));
+    return over_ || !isCrowded(limits);
+}
+
+/// Lock held.
+bool Session::isCrowded(const BayeuxLimits& limits) const
+{
+    return queue_.isCrowded(limits) || (sink_ && sink_->queuedBytes() > limits.queueBytes / 2);
 }
 
 void Session::disconnect()
@@ -80,7 +86,13 @@ void Session::disconnect()
 void Session::receive(const EventPtr& event, Burst& burst, SendWhen when)
 {
     Lock lock(mutex_);
-    if (over_)
+    receive(lock, event, burst, when, nullptr);
+}
+
+/// `series`: which it belongs to, or null.
+void Session::receive(Lock&, const EventPtr& event, Burst& burst, SendWhen when, const SessionSeries* series)
+{
+    if (over_ || (series && series->lost_))
         return;
     if (pushesToSink() && queue_.empty() && !event->isLazy()) {
         if (sink_->queuedBytes() + event->frame()->size() > burst.limits.queueBytes) {
@@ -92,6 +104,8 @@ void Session::receive(const EventPtr& event, Burst& burst, SendWhen when)
             return;
         }
         dropSink();
+        if (series && series->lost_)
+            return updateDue(burst.limits);
     }
     if (!queue_.push(event, burst.limits, burst.droppedLazy)) {
         burst.overflowed.push_back(shared_from_this());
@@ -131,6 +145,8 @@ void Session::dropSink()
 
 void Session::setSink(Sink sink)
 {
+    if (sink != sink_ && !acknowledges_)
+        loseSeries([](const SessionSeries&) { return true; });
     sink_ = std::move(sink);
     sinkInUse_ = sink_.get();
 }
@@ -293,6 +309,7 @@ Session::Connected Session::connect(const Connect& request, const BayeuxOrigin& 
             superseded->poll.reset();
         if (sink_ && sink_ != origin.webSocket)
             setSink(nullptr);
+        connects_ += origin.webSocket ? 0 : 1;
         if (acknowledges_ && request.acknowledged)
             queue_.acknowledge(*request.acknowledged);
 
@@ -427,8 +444,6 @@ void Session::pump(Lock& lock, const BayeuxLimits& limits, Clock::time_point now
         bool sent = false;
         if (held.sink) {
             sent = held.sink->send(frameOf(text), SendWhen::soon);
-            if (!sent && sink_ == held.sink)
-                dropSink();
         } else {
             delivering_ = true;
             lock.unlock();
@@ -440,8 +455,13 @@ void Session::pump(Lock& lock, const BayeuxLimits& limits, Clock::time_point now
             delivered += events.size();
         else if (!over_)
             queue_.restore(std::move(events), acknowledges_);
-        if (!sent)
+        if (!sent) {
             advice_.clear();
+            if (held.sink && sink_ == held.sink)
+                dropSink();
+        }
+        for (const auto& channel : std::exchange(droppedMeanwhile_, {}))
+            queue_.drop(channel);
         touch();
     }
     updateDue(limits);
@@ -468,6 +488,7 @@ bool Session::end(Reconnect reconnect, const BayeuxLimits& limits, bool closeSin
         held.swap(held_);
         sink = sink_;
         setSink(nullptr);
+        loseSeries([](const SessionSeries&) { return true; });
         queue_.clear();
         room_.notify_all();
         due_ = Clock::time_point::max().time_since_epoch().count();

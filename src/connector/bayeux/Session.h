@@ -8,6 +8,7 @@
 #include "connector/bayeux/EventQueue.h"
 #include "connector/bayeux/Receiver.h"
 #include "connector/bayeux/Replies.h"
+#include "connector/bayeux/SessionSeries.h"
 
 namespace connector::bayeux {
 
@@ -32,6 +33,7 @@ public:
     bool deliver(EventPtr event) override { return send(event, SendWhen::soon); }
     bool answer(EventPtr event) override { return send(event, SendWhen::now); }
     bool hasRoom() const override;
+    std::shared_ptr<BayeuxSeries> openSeries(const std::string& channel, bool again) override;
     void disconnect() override;
     bool isOver() const override;
     void receive(const Publication& publication, Burst& burst) override
@@ -48,6 +50,9 @@ public:
     /// Whether a message from there may speak for this session.
     bool belongsTo(const BayeuxOrigin& origin, bool isConnect) const;
     bool hasEvents() const;
+    /// Its client has no WebSocket and no connect that waits, and will not be back in a moment as one between two
+    /// polls.
+    bool isAway() const;
     /// From now on events go there.
     void use(const Sink& sink, const BayeuxLimits& limits);
     void unuse(const BayeuxChannelSink& sink, const BayeuxLimits& limits);
@@ -108,8 +113,18 @@ private:
     };
     using Lock = std::unique_lock<std::mutex>;
 
+    friend class SessionSeries;
+
     bool send(const EventPtr& event, SendWhen when);
     void receive(const EventPtr& event, Burst& burst, SendWhen when);
+    void receive(Lock& lock, const EventPtr& event, Burst& burst, SendWhen when, const SessionSeries* series);
+    bool isCrowded(const BayeuxLimits& limits) const;
+    bool deliverIn(const SessionSeries& series, const EventPtr& event);
+    bool hasRoomFor(const SessionSeries& series) const;
+    void close(SessionSeries& series);
+    void forget(const SessionSeries& series);
+    void loseSeries(const std::function<bool(const SessionSeries&)>& which);
+    void dropEvents(const std::string& channel);
     bool pushesToSink() const noexcept { return sink_ && !acknowledges_; }
     Clock::time_point expectedUntil(const BayeuxLimits& limits) const;
     std::size_t backlogLocked() const;
@@ -146,6 +161,9 @@ private:
     std::atomic<const BayeuxChannelSink*> sinkInUse_{nullptr}; ///< sink_, to be compared without the lock
     std::string advice_;                                       ///< what the client was told last
     Clock::time_point lastReply_ = Clock::now();
+    std::vector<SessionSeries*> series_;        ///< take themselves out when they die
+    std::vector<std::string> droppedMeanwhile_; ///< channels whose events are not to come back while `delivering_`
+    std::uint64_t connects_ = 0;                ///< by long polling
     bool connected_ = false;
     bool delivering_ = false; ///< somebody fulfils a promise, and looks again when that is done
     bool inBurst_ = false;
