@@ -10,9 +10,10 @@ from vendra_process import TIMEOUT
 
 
 class BayeuxSocket:
-    """Handshakes when it is made; `events` are messages that are no replies to meta requests."""
+    """Handshakes when it is made, or goes on with a session that lost its socket; `events` are messages that are no
+    replies to meta requests."""
 
-    def __init__(self, host):
+    def __init__(self, host, session=None):
         url = host.discovery["url"].split("//", 1)[1].rstrip("/")
         address, port = url.rsplit(":", 1)
         self.socket = socket.create_connection((address, int(port)), TIMEOUT)
@@ -26,9 +27,10 @@ class BayeuxSocket:
         head, self.buffer = self.buffer.split(b"\r\n\r\n", 1)
         assert head.startswith(b"HTTP/1.1 101"), head
         self.events = []
-        self.id = None
-        self.id = self.ask("/meta/handshake", version="1.0", supportedConnectionTypes=["websocket"])["clientId"]
-        self.ask("/meta/connect", connectionType="websocket")
+        self.id = session
+        if not session:
+            self.id = self.ask("/meta/handshake", version="1.0", supportedConnectionTypes=["websocket"])["clientId"]
+            self.ask("/meta/connect", connectionType="websocket")
 
     def close(self):
         """At once, as a client that dies."""

@@ -106,6 +106,8 @@ private:
     std::shared_ptr<void> pathFor(const std::string& clientType) const;
     KeptPtr find(const Request& request) const;
     void add(const KeptPtr& kept);
+    template <class Condition>
+    void removeIf(Condition condition);
     void removeOld();
 
     const std::shared_ptr<shadow_files::v1::ShadowService> shadows_;
@@ -164,8 +166,8 @@ void AsyncEvalService::Impl::stop()
 void AsyncEvalService::Impl::sessionEnded(const std::shared_ptr<http::HttpSession>& session)
 {
     std::lock_guard lock(mutex_);
-    std::erase_if(kept_, [&](const KeptPtr& kept) {
-        return kept->httpSession == session->id() && kept->evaluation->summary().state == Evaluation::State::ended;
+    removeIf([&](const Kept& kept, const Evaluation::Summary& summary) {
+        return kept.httpSession == session->id() && summary.state == Evaluation::State::ended;
     });
 }
 
@@ -269,14 +271,15 @@ Object::Ptr AsyncEvalService::Impl::attach(const Request& request)
     const auto after = request.data.optionalInteger("after", 0, 0);
     request.data.refuseOthers();
     const auto summary = evaluation->summary();
-    if (!evaluation->attach(request.sender(), static_cast<std::uint64_t>(after)))
-        throw ServiceFault("busy", "The evaluation has " + std::to_string(Evaluation::kMaxReaders) + " readers.");
     auto members = json::makeObject();
     members->set("id", evaluation->id());
     members->set("channel", evaluation->channel());
     members->set("state", nameOf(summary.state));
     members->set("last", static_cast<std::int64_t>(summary.last));
-    return members;
+    auto answer = bayeux::BayeuxEvent::ofText(request.message.channel, textOf(request.tag, members));
+    if (!evaluation->attach(request.sender(), static_cast<std::uint64_t>(after), std::move(answer)))
+        throw ServiceFault("busy", "The evaluation has " + std::to_string(Evaluation::kMaxReaders) + " readers.");
+    return nullptr;
 }
 
 Object::Ptr AsyncEvalService::Impl::detach(const Request& request)
@@ -345,7 +348,7 @@ Object::Ptr AsyncEvalService::Impl::forget(const Request& request)
     if (kept->evaluation->summary().state != Evaluation::State::ended)
         throw ServiceFault("busy", "The evaluation has not ended.");
     std::lock_guard lock(mutex_);
-    std::erase(kept_, kept);
+    removeIf([&](const Kept& one, const Evaluation::Summary&) { return &one == kept.get(); });
     return json::makeObject();
 }
 
@@ -378,6 +381,18 @@ void AsyncEvalService::Impl::add(const KeptPtr& kept)
 }
 
 /// With the lock held.
+template <class Condition>
+void AsyncEvalService::Impl::removeIf(Condition condition)
+{
+    std::erase_if(kept_, [&](const KeptPtr& kept) {
+        if (!condition(*kept, kept->evaluation->summary()))
+            return false;
+        kept->evaluation->forget();
+        return true;
+    });
+}
+
+/// With the lock held.
 void AsyncEvalService::Impl::removeOld()
 {
     const auto now = Clock::now();
@@ -385,8 +400,7 @@ void AsyncEvalService::Impl::removeOld()
     std::uint64_t bytes = 0;
     for (const auto& kept : kept_)
         bytes += kept->evaluation->summary().bytes;
-    std::erase_if(kept_, [&](const KeptPtr& kept) {
-        const auto summary = kept->evaluation->summary();
+    removeIf([&](const Kept&, const Evaluation::Summary& summary) {
         const bool tooMuch = count >= kMaxEvaluations || bytes > kMaxKeptBytes;
         if (summary.state != Evaluation::State::ended || (!tooMuch && now - summary.endedAt < kKeepTime))
             return false;

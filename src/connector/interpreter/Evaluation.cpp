@@ -9,8 +9,10 @@ using std::chrono::milliseconds;
 
 /// Output of so much time goes out together.
 constexpr milliseconds kBatchTime{5};
-/// How soon a reader that had no room is looked at again.
+/// How soon a reader that had no room is looked at again: the longer it stands still the later.
 constexpr milliseconds kRetryTime{5};
+constexpr milliseconds kLongestRetry{250};
+constexpr int kRetriesOfWait = 8;
 constexpr milliseconds kRoomLook{100};
 /// Printed and not in the log yet; code that is further ahead waits. No more than a part of what the log may hold.
 constexpr std::size_t kMostAhead = 8 * Pieces::kBytes;
@@ -25,6 +27,12 @@ std::string numbered(std::uint64_t number, const std::string& members)
     // Of its exact size, since it may be kept for long.
     text.reserve(std::size(R"({"seq":,})") + digits.size() + members.size());
     return std::move(text.append(R"({"seq":)").append(digits).append(",").append(members).append("}"));
+}
+
+/// Tells a reader that it is none any more, as the answer to its own wish would.
+bayeux::EventPtr dismissal(const std::string& id)
+{
+    return bayeux::BayeuxEvent::ofText("/service/interpreter/detach", R"({"detached":true,"id":")" + id + R"("})");
 }
 
 std::string stateMembers(const char* state) { return std::string(R"("kind":"state","state":")") + state + '"'; }
@@ -42,29 +50,72 @@ Evaluation::Summary Evaluation::summary() const
     return {state_, asking_, log_.first(), log_.next() - 1, log_.bytes(), endedAt_};
 }
 
-bool Evaluation::attach(const bayeux::SessionPtr& session, std::uint64_t after)
+bool Evaluation::attach(const bayeux::SessionPtr& session, std::uint64_t after, bayeux::EventPtr greeting)
 {
-    std::lock_guard lock(mutex_);
-    const auto known = std::find_if(readers_.begin(), readers_.end(),
-                                    [&](const ReaderPtr& reader) { return reader->session == session; });
-    if (known == readers_.end() && readers_.size() >= kMaxReaders)
-        return false;
-    if (known != readers_.end())
-        readers_.erase(known); // what is on its way to it comes first, and has numbers
-    // A number that is not there yet is none: the client has it from another life of this process.
-    readers_.push_back(std::make_shared<Reader>(Reader{session, std::min(after + 1, log_.next()), Clock::now()}));
-    wakePump();
+    auto series = session->openSeries(channel_, greeting != nullptr);
+    ReaderPtr displaced;
+    {
+        const Lock lock(mutex_);
+        dropLost(); // the reader that this session was among them
+        if (series->isLost())
+            return true; // it is over, or has attached once more meanwhile
+        if (readers_.size() >= kMaxReaders && !(displaced = takeOneAway()))
+            return false;
+        // A number that is not there yet is none: the client has it from another life of this process.
+        readers_.push_back(std::make_shared<Reader>(
+            Reader{session, std::move(series), std::move(greeting), std::min(after + 1, log_.next()), Clock::now()}));
+        wakePump();
+    }
+    if (displaced)
+        dismiss({displaced});
     return true;
+}
+
+void Evaluation::dropLost()
+{
+    std::erase_if(readers_, [](const ReaderPtr& reader) { return reader->series->isLost(); });
+}
+
+/// The one that has been away for the longest time gives up its place; null when all are there.
+Evaluation::ReaderPtr Evaluation::takeOneAway()
+{
+    auto longest = readers_.end();
+    for (auto reader = readers_.begin(); reader != readers_.end(); ++reader)
+        if ((longest == readers_.end() || (*reader)->hadRoomAt < (*longest)->hadRoomAt) && (*reader)->series->isAway())
+            longest = reader;
+    if (longest == readers_.end())
+        return nullptr;
+    auto taken = std::move(*longest);
+    readers_.erase(longest);
+    return taken;
+}
+
+void Evaluation::dismiss(const std::vector<ReaderPtr>& readers) const
+{
+    for (const auto& reader : readers) {
+        reader->series->close();
+        reader->session->deliver(dismissal(id_));
+    }
 }
 
 bool Evaluation::detach(const bayeux::BayeuxSession& session)
 {
-    std::lock_guard lock(mutex_);
-    const auto gone =
-        std::erase_if(readers_, [&](const ReaderPtr& reader) { return reader->session.get() == &session; });
-    readAt_ = Clock::now();
-    changed_.notify_all();
-    return gone > 0;
+    ReaderPtr gone;
+    {
+        std::lock_guard lock(mutex_);
+        const auto found = std::find_if(readers_.begin(), readers_.end(), [&](const ReaderPtr& reader) {
+            return reader->session.get() == &session && !reader->series->isLost();
+        });
+        if (found != readers_.end()) {
+            gone = std::move(*found);
+            readers_.erase(found);
+        }
+        readAt_ = Clock::now();
+        changed_.notify_all();
+    }
+    if (gone)
+        gone->series->close();
+    return gone != nullptr;
 }
 
 bool Evaluation::answer(std::string line)
@@ -84,6 +135,13 @@ void Evaluation::close()
     closed_ = true;
     dropped.swap(readers_);
     changed_.notify_all();
+}
+
+void Evaluation::forget()
+{
+    std::lock_guard lock(mutex_);
+    forgotten_ = true;
+    wakePump();
 }
 
 void Evaluation::begin()
@@ -155,8 +213,8 @@ std::optional<std::string> Evaluation::readLine(milliseconds patience)
         asking_ = true;
     }
     changed_.wait_for(lock, patience, [this] { return line_ || closed_; });
-    std::erase_if(readers_, [](const ReaderPtr& reader) { return reader->session->isOver(); });
-    if (!readers_.empty())
+    dropLost();
+    if (!std::all_of(readers_.begin(), readers_.end(), [](const auto& reader) { return reader->series->isAway(); }))
         readAt_ = Clock::now();
     if (!line_ && !closed_ && Clock::now() - readAt_ < limits_.inputPatience)
         return std::nullopt;
@@ -173,26 +231,45 @@ Evaluation::Clock::time_point Evaluation::pump()
     const bool isDue = pieces_.bytes() >= Pieces::kBytes || Clock::now() >= flushedAt_ + kBatchTime;
     if (!pieces_.empty() && !(isDue && flush(lock, false)))
         next = std::max(flushedAt_ + kBatchTime, Clock::now() + milliseconds(1));
-    for (const auto& reader : std::vector<ReaderPtr>(readers_))
-        if (!serve(lock, reader))
-            next = std::min(next, Clock::now() + kRetryTime);
+    for (const auto& reader : std::vector<ReaderPtr>(readers_)) {
+        if (serve(lock, reader))
+            continue;
+        const auto now = Clock::now();
+        next = std::min(next, now + std::clamp<Clock::duration>((now - reader->hadRoomAt) / kRetriesOfWait, kRetryTime,
+                                                                kLongestRetry));
+    }
     pumpKnows_ = next != Clock::time_point::max();
     if (state_ == State::ended)
         log_.settle();
+    const auto dropped = forgotten_ ? takeForgotten() : std::vector<ReaderPtr>();
+    lock.unlock();
+    dismiss(dropped);
     return next;
+}
+
+/// Readers whose rest is not kept for them any longer.
+std::vector<Evaluation::ReaderPtr> Evaluation::takeForgotten()
+{
+    std::vector<ReaderPtr> taken;
+    for (const auto& reader : readers_)
+        if (reader->next < log_.next() && standsStill(*reader, Clock::now()))
+            taken.push_back(reader);
+    for (const auto& reader : taken)
+        std::erase(readers_, reader);
+    return taken;
 }
 
 /// False when the reader is to get more, and has no room for it now.
 bool Evaluation::serve(Lock& lock, const ReaderPtr& reader)
 {
-    while (reader->next < log_.next()) {
-        if (!reader->session->hasRoom())
+    while (reader->greeting || reader->next < log_.next()) {
+        if (!reader->series->hasRoom())
             return false;
         reader->hadRoomAt = readAt_ = Clock::now();
         const auto events = batchFor(*reader);
         lock.unlock();
         const bool taken = std::all_of(events.begin(), events.end(),
-                                       [&](const auto& event) { return reader->session->deliver(event); });
+                                       [&](const auto& event) { return reader->series->deliver(event); });
         lock.lock();
         changed_.notify_all();
         if (!taken) {
@@ -206,6 +283,8 @@ bool Evaluation::serve(Lock& lock, const ReaderPtr& reader)
 std::vector<bayeux::EventPtr> Evaluation::batchFor(Reader& reader)
 {
     std::vector<bayeux::EventPtr> events;
+    if (reader.greeting)
+        events.push_back(std::exchange(reader.greeting, nullptr));
     if (reader.next < log_.first()) {
         const auto missing = log_.first() - reader.next;
         events.push_back(bayeux::BayeuxEvent::ofText(
@@ -285,16 +364,20 @@ bool Evaluation::makeRoom(std::size_t bytes)
     return true;
 }
 
-/// Whether a reader that moves has not had the event yet; one that stands still has to come back.
+/// Whether a reader that is there and moves has not had the event yet. One that moves again later is told what it
+/// missed.
 bool Evaluation::isAwaited(std::uint64_t number)
 {
+    dropLost();
     const auto now = Clock::now();
-    std::erase_if(readers_, [&](const ReaderPtr& reader) {
-        return reader->next <= number &&
-               (now - reader->hadRoomAt > limits_.readerPatience || reader->session->isOver());
+    return std::any_of(readers_.begin(), readers_.end(), [&](const ReaderPtr& reader) {
+        return reader->next <= number && !standsStill(*reader, now) && !reader->series->isAway();
     });
-    return std::any_of(readers_.begin(), readers_.end(),
-                       [&](const ReaderPtr& reader) { return reader->next <= number; });
+}
+
+bool Evaluation::standsStill(const Reader& reader, Clock::time_point now) const
+{
+    return now - reader.hadRoomAt > limits_.readerPatience;
 }
 
 void Evaluation::wakePump()

@@ -16,8 +16,9 @@ namespace connector::interpreter::v1 {
 
 /// What an evaluation that outlives its request has to tell: numbered events, kept for readers that come, go and come
 /// back (docs/evaluation.md). Each reader gets them in order on `channel()`, as fast as it takes them. Code that
-/// prints faster than readers read waits once the log is full, for each reader until it stands still for too long; what
-/// no reader waits for makes room. Threads: any, unless said otherwise.
+/// prints faster than readers read waits once the log is full, for each reader until it stands still for too long or is
+/// away; what no reader waits for makes room. One that lost its connection is none any more, until it attaches again.
+/// Threads: any, unless said otherwise.
 class CONNECTOR_API Evaluation final : public rqe::OutputSink,
                                        public Pump::Job,
                                        public std::enable_shared_from_this<Evaluation>
@@ -57,14 +58,16 @@ public:
     const std::string& channel() const noexcept { return channel_; }
     Summary summary() const;
 
-    /// The session gets all events after this number, and those to come; a reader begins anew. False when there are too
-    /// many readers.
-    bool attach(const bayeux::SessionPtr& session, std::uint64_t after);
+    /// The session gets `greeting`, all events after this number, and those to come; a reader begins anew. Without a
+    /// greeting it cannot have read before. False when there are too many readers.
+    bool attach(const bayeux::SessionPtr& session, std::uint64_t after, bayeux::EventPtr greeting = nullptr);
     bool detach(const bayeux::BayeuxSession& session);
     /// The line that was asked for, with its end; "" for the end of input. False when none was.
     bool answer(std::string line);
     /// From now on nothing is told to anybody, and nothing waits.
     void close();
+    /// It has ended, and nobody attaches any more: readers get what is left, unless they stand still for too long.
+    void forget();
 
     /// Interpreter thread, as are the operations of OutputSink.
     void begin();
@@ -82,6 +85,8 @@ private:
     struct Reader
     {
         bayeux::SessionPtr session;
+        std::shared_ptr<bayeux::BayeuxSeries> series;
+        bayeux::EventPtr greeting; ///< comes before all events; null once it is sent
         std::uint64_t next;
         Clock::time_point hadRoomAt;
     };
@@ -94,6 +99,11 @@ private:
     bool flush(Lock& lock, bool wait);
     bool makeRoom(std::size_t bytes);
     bool isAwaited(std::uint64_t number);
+    bool standsStill(const Reader& reader, Clock::time_point now) const;
+    void dropLost();
+    ReaderPtr takeOneAway();
+    std::vector<ReaderPtr> takeForgotten();
+    void dismiss(const std::vector<ReaderPtr>& readers) const;
     std::vector<bayeux::EventPtr> batchFor(Reader& reader);
     bool serve(Lock& lock, const ReaderPtr& reader);
     void wakePump();
@@ -119,6 +129,7 @@ private:
     bool asking_ = false;                ///< changed by the interpreter thread alone
     std::optional<std::string> line_;
     bool closed_ = false;
+    bool forgotten_ = false;
 };
 
 } // namespace connector::interpreter::v1

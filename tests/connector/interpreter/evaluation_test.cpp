@@ -14,7 +14,7 @@ namespace {
 using std::chrono::milliseconds;
 
 /// A client that notes what it gets, and has room for so many messages.
-class Client final : public bayeux::BayeuxSession
+class Client final : public bayeux::BayeuxSession, public std::enable_shared_from_this<Client>
 {
 public:
     explicit Client(std::size_t room) : room_(room) {}
@@ -29,6 +29,10 @@ public:
         std::lock_guard lock(mutex_);
         if (over_)
             return false;
+        if (event->channel() == "/service/interpreter/detach") {
+            dismissed_ = true;
+            return true;
+        }
         events_.push_back(json::asObject(json::parse(event->text()))->getObject("data"));
         changed_.notify_all();
         return true;
@@ -40,6 +44,14 @@ public:
     }
     void disconnect() override { over_ = true; }
     bool isOver() const override { return over_; }
+    std::shared_ptr<bayeux::BayeuxSeries> openSeries(const std::string&, bool) override
+    {
+        return std::make_shared<Series>(shared_from_this(), ++opened_);
+    }
+    /// Its connection breaks, and is there again.
+    void cut() { ++opened_; }
+    void goAway(bool away) { away_ = away; }
+    bool wasDismissed() const { return dismissed_; }
 
     void giveRoom(std::size_t more)
     {
@@ -99,12 +111,30 @@ public:
     }
 
 private:
+    class Series final : public bayeux::BayeuxSeries
+    {
+    public:
+        Series(std::shared_ptr<Client> client, unsigned number) : client_(std::move(client)), number_(number) {}
+        bool deliver(bayeux::EventPtr event) override { return !isLost() && client_->deliver(std::move(event)); }
+        bool hasRoom() const override { return isLost() || client_->hasRoom(); }
+        bool isLost() const override { return client_->over_ || client_->opened_ != number_; }
+        bool isAway() const override { return isLost() || client_->away_; }
+        void close() override {}
+
+    private:
+        const std::shared_ptr<Client> client_;
+        const unsigned number_;
+    };
+
     const std::string id_ = "client";
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<json::Object::Ptr> events_;
     std::size_t room_;
     std::atomic<bool> over_{false};
+    std::atomic<bool> away_{false};
+    std::atomic<bool> dismissed_{false};
+    std::atomic<unsigned> opened_{0};
 };
 
 class EvaluationTest : public testing::Test
@@ -112,7 +142,8 @@ class EvaluationTest : public testing::Test
 protected:
     ~EvaluationTest() override
     {
-        evaluation->close();
+        if (evaluation)
+            evaluation->close();
         pump->stop();
     }
 
@@ -226,13 +257,81 @@ TEST_F(EvaluationTest, ReaderThatStandsStillHoldsNobodyUp)
     EXPECT_EQ(quick->until("ended").size(), 63u);
     EXPECT_EQ(quick->missing(), 0u);
     EXPECT_TRUE(quick->output() == all);
-    // It comes back and learns how much it missed.
+    // It reads again, and learns how much it missed.
     const auto seen = stuck->until("output").size();
     stuck->giveRoom(1'000);
-    evaluation->attach(stuck, seen);
     const auto events = stuck->until("ended");
     EXPECT_EQ(events[seen].substr(events[seen].find(':')), ":gap");
     EXPECT_EQ(stuck->missing() + events.size() - 1, 63u);
+}
+
+TEST_F(EvaluationTest, NobodyWaitsForReadersThatAreNotThere)
+{
+    make(kTenPieces, milliseconds(60'000));
+    const auto cut = std::make_shared<Client>(2);
+    const auto away = std::make_shared<Client>(2);
+    evaluation->attach(cut, 0);
+    evaluation->attach(away, 0);
+    cut->cut();
+    away->goAway(true);
+    const auto begin = std::chrono::steady_clock::now();
+    print(60);
+    end();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+    // The one is told by itself when it is back, the other when it asks.
+    away->goAway(false);
+    away->giveRoom(1'000);
+    const auto told = away->until("ended").size();
+    EXPECT_GT(away->missing(), 0u);
+    EXPECT_EQ(away->missing() + told - 1, 63u);
+    const auto had = cut->output();
+    cut->giveRoom(1'000);
+    evaluation->attach(cut, 62, bayeux::BayeuxEvent::ofText("/hello", R"({"kind":"hello","seq":0})"));
+    cut->until("ended");
+    EXPECT_EQ(cut->output(), had);
+}
+
+TEST_F(EvaluationTest, ReadersThatLeftMakePlaceForOthers)
+{
+    make(kPlenty);
+    std::vector<std::shared_ptr<Client>> clients;
+    const auto come = [&] {
+        clients.push_back(std::make_shared<Client>(1'000));
+        return evaluation->attach(clients.back(), 0);
+    };
+    for (std::size_t i = 0; i < 2 * Evaluation::kMaxReaders; ++i) {
+        EXPECT_TRUE(come()) << i;
+        clients.back()->cut();
+    }
+    clients.clear();
+    for (std::size_t i = 0; i < Evaluation::kMaxReaders; ++i)
+        EXPECT_TRUE(come()) << i;
+    EXPECT_FALSE(come()) << "all are there";
+    clients[5]->goAway(true);
+    EXPECT_TRUE(come());
+    EXPECT_FALSE(come());
+    EXPECT_TRUE(clients[5]->wasDismissed()) << "it would wait for ever";
+    end();
+    clients[6]->until("ended");
+    EXPECT_FALSE(clients[6]->wasDismissed());
+}
+
+TEST_F(EvaluationTest, WhatIsForgottenIsReadToItsEndByThoseWhoRead)
+{
+    make(kPlenty, milliseconds(1'000));
+    const auto slow = std::make_shared<Client>(2);
+    const auto stuck = std::make_shared<Client>(2);
+    evaluation->attach(slow, 0);
+    evaluation->attach(stuck, 0);
+    print(20);
+    end();
+    evaluation->forget();
+    const std::weak_ptr<Evaluation> gone = std::exchange(evaluation, nullptr);
+    slow->giveRoom(1'000);
+    EXPECT_EQ(slow->until("ended").size(), 23u);
+    while (!stuck->wasDismissed() || !gone.expired())
+        std::this_thread::yield();
+    EXPECT_FALSE(slow->wasDismissed());
 }
 
 TEST_F(EvaluationTest, StreamsStayInOrderWhateverTheirWay)
