@@ -149,9 +149,10 @@ class Desktop(unittest.TestCase):
         self.assertEqual(self.look("grid", 2, 3)["value"], 2003.0)
         self.assertEqual(self.look("cube")["value"]["size"], [2, 3, 4])
         self.assertEqual(self.look("mixed")["preview"], "[1, None, 'x', <class 'object'>]")
-        self.assertEqual(self.look("dates")["value"], ["2020-01-02"])
-        self.assertEqual((self.look("none")["size"], self.look("np_scalar")["value"]), ([0, 3], 1.5))
-        self.assertEqual(self.look("records")["value"], [[1, 2.5]])
+        self.assertEqual(self.look("dates")["value"], {"vx": "datetime64", "value": [["2020-01-02"], "D"]})
+        self.assertEqual(self.look("none")["size"], [0, 3])
+        self.assertEqual(self.look("np_scalar")["value"], {"vx": "single", "size": [1, 1], "data": [1.5]})
+        self.assertEqual(self.look("records")["value"]["vx"], "records")
         self.host.ask("SetVariable", name="cube", path=[1, 2, 3], value=7)
         self.assertEqual(evaluate(self.host, "int(cube.sum())"), 7)
 

@@ -165,7 +165,8 @@ class Numpy:
     """What a loaded numpy looks like to the host."""
     frombuffer = staticmethod(lambda data, kind: ("ndarray", kind, bytes(data)))
 
-same = [None, True, False, 0, -1, 2**63 - 1, -2**63, 2**63, 2**64 - 1, 1.5, math.inf, "", "a", "text", "é€", "😀x",
+same = [None, True, False, 0, -1, 2**63 - 1, -2**63, 2**63, 2**64 - 1, 2**64, -2**70, 1.5, 2j, {1: 2, (3,): "b"},
+        decimal.Decimal("2.50"), {1, "a"}, range(3), math.inf, "", "a", "text", "é€", "😀x",
         "\ud800", "a\0b", b"", b"\x00\xff", [], [1, "a", None], [[1], [[2.0]]], {}, {"a": 1, "ö": {"b": [True]}}]
 for value in same:
     back = echo(value)
@@ -176,7 +177,7 @@ class Index:
     def __index__(self): return 12
 changed = [((1, 2), [1, 2]), (bytearray(b"xy"), b"xy"), (b"x", 120), (array.array("d", [1, 2]), [1.0, 2.0]),
            (array.array("f", [0.5]), 0.5), (array.array("b"), []), (array.array("Q", [2**64 - 1, 0]), [2**64 - 1, 0]),
-           (decimal.Decimal("2.5"), 2.5), (Index(), 12), (memoryview(b"abcdef")[::2], b"ace"),
+           (Index(), 12), (memoryview(b"abcdef")[::2], b"ace"),
            (memoryview(b"abcdef")[::-1], b"fedcba"),
            (memoryview(bytes(range(6))).cast("B", [2, 3]), [[0, 1, 2], [3, 4, 5]]),
            (memoryview(bytes(range(8))).cast("B", [2, 2, 2]), [[[0, 1], [2, 3]], [[4, 5], [6, 7]]]),
@@ -194,10 +195,7 @@ wide = []
 for _ in range(60): wide = [wide, wide]
 assert error(loop) == "ValueError: a container that holds itself has no array form", error(loop)
 assert error(wide) == "ValueError: a container holds more than 2000000 values", error(wide)
-assert error({1: 2}) == "TypeError: the dict key 1 is no str, so it can name no field"
-assert error(2j) == "TypeError: complex values have no array form"
-assert error(-2**70) == "OverflowError: -0x400000000000000000 does not fit into 64 bits", error(-2**70)
-assert error(10**9999).endswith("... does not fit into 64 bits")
+assert error(10**9999) == "ValueError: an int of 33216 bits is too long to be told", error(10**9999)
 assert error(print) == "TypeError: a value of type 'builtin_function_or_method' has no array form"
 
 shaped = connector.printBundleProperties

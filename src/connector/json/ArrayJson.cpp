@@ -75,7 +75,15 @@ Array::Ptr structToJson(const matrix::StructData& structure, std::size_t element
     return data;
 }
 
-/// The form that holds any array.
+Var typedToJson(const matrix::TypedData& typed, std::size_t depth)
+{
+    auto object = makeObject();
+    object->set("vx", typed.kind);
+    object->set("value", within("value", [&] { return elementToJson(typed.value, depth + 1); }));
+    return object;
+}
+
+/// The form that holds any array but typed values.
 Var describedToJson(const vxArray& array, std::size_t depth)
 {
     auto object = makeObject();
@@ -92,7 +100,9 @@ Var describedToJson(const vxArray& array, std::size_t depth)
     } else {
         std::visit(
             [&](const auto& elements) {
-                if constexpr (!std::is_same_v<std::decay_t<decltype(elements)>, matrix::StructData>)
+                using Elements = std::decay_t<decltype(elements)>;
+                if constexpr (!std::is_same_v<Elements, matrix::StructData> &&
+                              !std::is_same_v<Elements, matrix::TypedData>)
                     object->set("data", elementsToJson(elements, depth + 2));
             },
             array.data());
@@ -142,6 +152,8 @@ Var arrayToJson(const vxArray& array, std::size_t depth)
             }
             return object;
         }
+    } else if (const auto* typed = array.typed()) {
+        return typedToJson(*typed, depth);
     }
     return describedToJson(array, depth);
 }

@@ -157,6 +157,20 @@ constexpr ClassReader kReaders[] = {{vxCELL_CLASS, readData<ArrayPtr>},      {vx
                                     {vxINT32_CLASS, readData<std::int32_t>}, {vxUINT32_CLASS, readData<std::uint32_t>},
                                     {vxINT64_CLASS, readData<std::int64_t>}, {vxUINT64_CLASS, readData<std::uint64_t>}};
 
+/// {"vx": kind, "value": …}. Which kinds there are is known to the host's language.
+ArrayPtr readTyped(const std::string& kind, const Object& object, std::size_t depth)
+{
+    for (const auto& [member, value] : object)
+        if (member != "vx" && member != "value")
+            throw JsonError("unknown member \"" + member + "\" of a value of the kind " + kind);
+    auto value = within("value", [&] { return readArray(object.get("value"), depth + 1); });
+    try {
+        return matrix::createTyped(kind, std::move(value));
+    } catch (const std::invalid_argument& error) {
+        throw JsonError(std::string("vx: ") + error.what());
+    }
+}
+
 /// {"vx": class, "size": …, "data": …}
 ArrayPtr readDescribed(const Object& object, std::size_t depth)
 {
@@ -180,6 +194,8 @@ ArrayPtr readDescribed(const Object& object, std::size_t depth)
             throw JsonError(error.what());
         }
     }
+    if (object.has("value"))
+        return readTyped(name, object, depth);
     throw JsonError("vx: unknown class \"" + name + "\"");
 }
 

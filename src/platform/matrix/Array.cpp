@@ -1,5 +1,6 @@
 #include "platform/matrix/Array.h"
 
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 #include <unordered_set>
@@ -39,6 +40,25 @@ void checkStruct(const matrix::Dimensions& dimensions, std::size_t elements, con
     if (!fits)
         throw std::invalid_argument("A " + describe(dimensions) + " struct with " + std::to_string(fields) +
                                     " fields cannot hold " + std::to_string(data.values.size()) + " values.");
+}
+
+bool isClassName(std::string_view name)
+{
+    for (int id = vxCELL_CLASS; id <= vxTYPED_CLASS; ++id)
+        if (name == matrix::className(static_cast<vxClassID>(id)))
+            return true;
+    return false;
+}
+
+void checkTyped(std::size_t elements, const matrix::TypedData& data)
+{
+    if (elements != 1)
+        throw std::invalid_argument("A typed array holds one value.");
+    const auto fits = [](char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_'; };
+    if (data.kind.empty() || data.kind.size() > matrix::kMaxKindLength || isClassName(data.kind) ||
+        !std::all_of(data.kind.begin(), data.kind.end(), fits))
+        throw std::invalid_argument("No kind of values can be called \"" + data.kind.substr(0, matrix::kMaxKindLength) +
+                                    "\".");
 }
 
 std::vector<matrix::ArrayPtr> cloneAll(const std::vector<matrix::ArrayPtr>& arrays)
@@ -91,6 +111,8 @@ vxArray_tag::vxArray_tag(matrix::Dimensions dimensions, matrix::ArrayData data)
         [this, elements](const auto& held) {
             if constexpr (std::is_same_v<std::decay_t<decltype(held)>, matrix::StructData>)
                 checkStruct(dimensions_, elements, held);
+            else if constexpr (std::is_same_v<std::decay_t<decltype(held)>, matrix::TypedData>)
+                checkTyped(elements, held);
             else if (held.size() != elements)
                 throw std::invalid_argument("A " + describe(dimensions_) + " " + matrix::className(class_id()) +
                                             " array cannot hold " + std::to_string(held.size()) + " elements.");
@@ -149,6 +171,11 @@ ArrayPtr createStruct(std::vector<std::pair<std::string, ArrayPtr>> fields)
     return create({1, 1}, std::move(data));
 }
 
+ArrayPtr createTyped(std::string kind, ArrayPtr value)
+{
+    return create({1, 1}, TypedData{std::move(kind), std::move(value)});
+}
+
 ArrayPtr createEmpty() { return create({0, 0}, std::vector<double>()); }
 
 ArrayPtr clone(const vxArray& array)
@@ -160,6 +187,8 @@ ArrayPtr clone(const vxArray& array)
                 return cloneAll(elements);
             else if constexpr (std::is_same_v<Elements, StructData>)
                 return StructData{elements.fields, cloneAll(elements.values)};
+            else if constexpr (std::is_same_v<Elements, TypedData>)
+                return TypedData{elements.kind, elements.value ? clone(*elements.value) : nullptr};
             else
                 return elements;
         },
@@ -176,6 +205,8 @@ bool identical(const vxArray& left, const vxArray& right)
             const auto& others = std::get<std::decay_t<decltype(elements)>>(right.data());
             if constexpr (std::is_same_v<std::decay_t<decltype(elements)>, StructData>)
                 return elements.fields == others.fields && identicalElements(elements.values, others.values);
+            else if constexpr (std::is_same_v<std::decay_t<decltype(elements)>, TypedData>)
+                return elements.kind == others.kind && identicalElement(elements.value, others.value);
             else
                 return identicalElements(elements, others);
         },
@@ -215,6 +246,8 @@ const char* className(vxClassID id) noexcept
         return "int64";
     case vxUINT64_CLASS:
         return "uint64";
+    case vxTYPED_CLASS:
+        return "typed";
     }
     return "unknown";
 }

@@ -38,12 +38,22 @@ struct StructData
     std::vector<ArrayPtr> values;    ///< elements × fields
 };
 
+/// One value that the other classes cannot hold (a date, a decimal number, a set): what tells it, and the name of its
+/// kind, by which the host's language makes it again.
+struct TypedData
+{
+    std::string kind; ///< lower-case letters, digits and '_', at most kMaxKindLength; not a class's name
+    ArrayPtr value;   ///< an empty pointer stands for the 0-by-0 double
+};
+
+inline constexpr std::size_t kMaxKindLength = 64;
+
 /// One alternative per class, in the order of `vxClassID` from `vxCELL_CLASS` on.
 using ArrayData =
     std::variant<std::vector<ArrayPtr>, StructData, std::vector<Logical>, std::vector<char16_t>, std::vector<double>,
                  std::vector<float>, std::vector<std::int8_t>, std::vector<std::uint8_t>, std::vector<std::int16_t>,
                  std::vector<std::uint16_t>, std::vector<std::int32_t>, std::vector<std::uint32_t>,
-                 std::vector<std::int64_t>, std::vector<std::uint64_t>>;
+                 std::vector<std::int64_t>, std::vector<std::uint64_t>, TypedData>;
 
 using Dimensions = std::vector<std::size_t>;
 
@@ -59,8 +69,8 @@ VENDRA_PLATFORM_API std::size_t countElements(const Dimensions& dimensions);
 struct VENDRA_PLATFORM_API vxArray_tag
 {
 public:
-    /// Throws std::invalid_argument when `data` does not have as many elements as `dimensions` say or names a field
-    /// twice, std::length_error as countElements.
+    /// Throws std::invalid_argument when `data` does not have as many elements as `dimensions` say, names a field twice
+    /// or a kind that is none, std::length_error as countElements.
     vxArray_tag(matrix::Dimensions dimensions, matrix::ArrayData data);
     ~vxArray_tag();
     vxArray_tag(const vxArray_tag&) = delete;
@@ -92,6 +102,7 @@ public:
     }
     const matrix::StructData* structure() const noexcept { return std::get_if<matrix::StructData>(&data_); }
     matrix::StructData* structure() noexcept { return std::get_if<matrix::StructData>(&data_); }
+    const matrix::TypedData* typed() const noexcept { return std::get_if<matrix::TypedData>(&data_); }
 
 private:
     matrix::Dimensions dimensions_;
@@ -129,6 +140,9 @@ VENDRA_PLATFORM_API ArrayPtr createCellRow(std::vector<ArrayPtr> elements);
 /// A 1-by-1 struct. Throws std::invalid_argument naming a field that appears twice.
 VENDRA_PLATFORM_API ArrayPtr createStruct(std::vector<std::pair<std::string, ArrayPtr>> fields);
 
+/// One value of a kind; see TypedData. Throws std::invalid_argument for a name that no kind can have.
+VENDRA_PLATFORM_API ArrayPtr createTyped(std::string kind, ArrayPtr value);
+
 /// The 0-by-0 double, which also stands for "nothing".
 VENDRA_PLATFORM_API ArrayPtr createEmpty();
 
@@ -140,7 +154,7 @@ VENDRA_PLATFORM_API ArrayPtr clone(const vxArray& array);
 VENDRA_PLATFORM_API bool identical(const vxArray& left, const vxArray& right);
 
 /// The class's name as scripts and messages spell it: "double", "single", "int8" …, "logical", "char", "cell",
-/// "struct".
+/// "struct", "typed".
 VENDRA_PLATFORM_API const char* className(vxClassID id) noexcept;
 
 /// The text of a char array, its units in memory order, as UTF-8; an unpaired surrogate becomes U+FFFD. An array of

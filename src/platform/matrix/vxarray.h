@@ -30,7 +30,8 @@ typedef enum vxClassID
     vxINT32_CLASS,
     vxUINT32_CLASS,
     vxINT64_CLASS,
-    vxUINT64_CLASS
+    vxUINT64_CLASS,
+    vxTYPED_CLASS /* one value of a kind that only the host's language knows */
 } vxClassID;
 
 #define VX_API __attribute__((visibility("default")))

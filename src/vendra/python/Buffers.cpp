@@ -218,6 +218,34 @@ matrix::ArrayPtr gatherReal(const Py_buffer& buffer, bool swapped)
     }
 }
 
+/// Real and imaginary parts, one pair after the other, as two arrays.
+template <class In, class Out = In>
+matrix::ArrayPtr gatherComplex(const Py_buffer& buffer, bool swapped)
+{
+    const Layout layout(buffer);
+    std::vector<matrix::ArrayPtr> parts;
+    for (const std::size_t offset : {std::size_t{0}, sizeof(In)}) {
+        std::vector<Out> elements;
+        elements.reserve(layout.count());
+        layout.walk(
+            [&](const char* address) { elements.push_back(convertElement<Out>(load<In>(address + offset, swapped))); });
+        parts.push_back(matrix::create(layout.sizes(), std::move(elements)));
+    }
+    return matrix::createTyped("complex", matrix::createCellRow(std::move(parts)));
+}
+
+/// Null where the letter means no number.
+matrix::ArrayPtr gatherComplexFormat(char letter, const Py_buffer& buffer, bool swapped)
+{
+    if (letter == 'f' && buffer.itemsize == 2 * sizeof(float))
+        return gatherComplex<float>(buffer, swapped);
+    if (letter == 'd' && buffer.itemsize == 2 * sizeof(double))
+        return gatherComplex<double>(buffer, swapped);
+    if (letter == 'g' && buffer.itemsize == 2 * sizeof(long double) && !swapped)
+        return gatherComplex<long double, double>(buffer, false);
+    return nullptr;
+}
+
 /// Null where the format means no plain number.
 matrix::ArrayPtr gatherFormat(const Py_buffer& buffer)
 {
@@ -227,6 +255,8 @@ matrix::ArrayPtr gatherFormat(const Py_buffer& buffer)
         swapped = format.front() == '>' || format.front() == '!';
         format.remove_prefix(1);
     }
+    if (format.size() == 2 && format.front() == 'Z')
+        return gatherComplexFormat(format.back(), buffer, swapped);
     if (format.size() != 1)
         return nullptr;
     switch (format.front()) {
@@ -265,8 +295,6 @@ matrix::ArrayPtr bufferToArray(PyObject* value)
     if (auto array = gatherFormat(*view))
         return array;
     const char* format = (*view).format ? (*view).format : "B";
-    if (std::strchr(format, 'Z'))
-        fail(PyExc_TypeError, "complex values have no array form");
     fail(PyExc_TypeError, "elements of format '%s' (in a value of type '%s') have no array form", format,
          Py_TYPE(value)->tp_name);
 }

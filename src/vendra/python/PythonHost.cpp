@@ -10,6 +10,7 @@
 #include <pthread.h>
 
 #include "vendra/python/ConnectorModule.h"
+#include "vendra/python/Conversion.h"
 #include "vendra/python/Object.h"
 #include "vendra/python/OutputCapture.h"
 #include "vendra/python/PythonInterpreter.h"
@@ -193,6 +194,7 @@ PythonHost::Impl::Impl(const Settings& settings)
     initialize(settings);
     try {
         support = loadSupport();
+        setForms(support.get());
         capture.install(support.get());
         installSignals();
     } catch (const ErrorSet&) {
@@ -236,6 +238,7 @@ void PythonHost::Impl::dropReferences()
 {
     interpreter.reset();
     looker.reset();
+    clearForms();
     for (Ref* reference : {&support, &setWakeFunction_, &wakeDescriptor_, &noDescriptor_})
         *reference = Ref{};
 }

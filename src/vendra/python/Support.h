@@ -9,7 +9,7 @@
 
 namespace vendra::python {
 
-inline constexpr std::size_t kSupportFiles = 10;
+inline constexpr std::size_t kSupportFiles = 12;
 
 /// A file of the language, compiled when the host was built and marshalled.
 struct CompiledText

@@ -57,9 +57,22 @@ Ref makeNested(const matrix::Dimensions& sizes, std::size_t dimension, std::size
     });
 }
 
+/// How many lists of lists an array without elements makes is up to the sizes in front of the zero.
+void checkEmptyLists(const matrix::Dimensions& sizes)
+{
+    std::size_t lists = 1;
+    for (std::size_t d = 0; d < sizes.size() && sizes[d] != 0; ++d)
+        if (__builtin_mul_overflow(lists, sizes[d], &lists) || lists > kMaxValues) {
+            PyErr_Format(PyExc_ValueError, "an array without elements makes more than %zu lists", kMaxValues);
+            throw ErrorSet{};
+        }
+}
+
 template <class Make>
 Ref makeLists(const matrix::Dimensions& sizes, std::size_t count, bool columnIsFlat, const Make& make)
 {
+    if (count == 0)
+        checkEmptyLists(sizes);
     bool flat = sizes.size() == 2 && (sizes[0] == 1 || (columnIsFlat && sizes[1] == 1) || count == 0);
     return flat ? makeList(count, make) : makeNested(sizes, 0, 0, 1, make);
 }
@@ -97,6 +110,8 @@ public:
     {
         if (array_.is_row())
             return textFromUnits(units.data(), units.size());
+        if (units.empty())
+            checkEmptyLists(sizes_);
         std::size_t rows = sizes_[0];
         std::size_t columns = rows == 0 ? 0 : units.size() / rows;
         std::u16string row(columns, u'\0');
@@ -127,6 +142,13 @@ public:
         };
         std::size_t count = array_.get_number_of_elements();
         return count == 1 ? makeDict(0) : makeList(count, makeDict);
+    }
+
+    Ref operator()(const matrix::TypedData& data) const
+    {
+        Ref kind = makeText(data.kind);
+        Ref content = convert(data.value.get(), depth_ + 1);
+        return callForms("value_of", {kind.get(), content.get()});
     }
 
     template <class T>

@@ -95,6 +95,8 @@ std::vector<Row> allKinds()
     add(create({0, 0}, std::vector<ArrayPtr>{}), R"({"vx":"cell","size":[0,0],"data":[]})");
     add(create({2, 1}, list(createScalar(1.0), create(u"x"))), R"({"vx":"cell","size":[2,1],"data":[1.0,"x"]})");
 
+    add(createTyped("decimal", create(u"1.10")), R"({"vx":"decimal","value":"1.10"})");
+    add(createTyped("set", cells(createTyped("x1_", nullptr))), R"({"vx":"set","value":[{"vx":"x1_","value":null}]})");
     add(structure({1, 1}, {"b", "a"}, list(createScalar(1.0), nullptr)), R"({"b":1.0,"a":null})");
     add(structure({1, 1}, {}, {}), "{}");
     add(structure({0, 1}, {"a"}, {}), R"({"vx":"struct","size":[0,1],"fields":["a"],"data":[]})");
@@ -146,6 +148,11 @@ TEST(ArrayJson, WhatIsNoArrayIsRefusedWithItsPlace)
         {R"({"vx":"matrix","size":[1,1],"data":[1]})", "vx: unknown class \"matrix\""},
         {R"({"vx":5})", "vx: expected a string"},
         {R"({"vx":"unknown","size":[1,1],"data":[1]})", "vx: unknown class"},
+        {R"({"vx":"typed","value":1})", "vx: No kind of values can be called \"typed\"."},
+        {R"({"vx":"a b","value":1})", "vx: No kind of values can be called \"a b\"."},
+        {R"({"vx":"","value":1})", "vx: No kind of values can be called \"\"."},
+        {R"({"vx":"date","value":1,"size":[1,1]})", "unknown member \"size\" of a value of the kind date"},
+        {R"({"vx":"date","value":{"vx":"int8","size":[1,1],"data":[300]}})", "value.data[0]: expected an integer"},
         {R"({"vx":"double","data":[1]})", "size: expected an array"},
         {R"({"vx":"double","size":[1],"data":[1]})", "size: expected two numbers or more but found 1"},
         {R"({"vx":"double","size":[1,-1],"data":[]})", "size[1]: expected an integer from 0"},

@@ -136,10 +136,7 @@ class _Budget:
 
 
 def _plain(value, budget, path=()):
-    """A copy made of the language's own types only."""
-    number = _as_number(value)
-    if number is not None:
-        value = number
+    """A copy made of the language's own types, of buffers, and of forms of other values."""
     base = _base(value)
     if value is None or (base is not None and _is_any(base, _NUMBERS)):
         budget.take(1 if base is not int else 1 + int.bit_length(value) // 4)
@@ -147,37 +144,56 @@ def _plain(value, budget, path=()):
     if base is not None and _is_any(base, _TEXTS):
         budget.take(base.__len__(value))
         return value
-    if _is_array(value) or _is_buffer(value):
-        return _plain_array(value, budget, path)
-    if base is None or not _is_any(base, (list, tuple, dict)):
-        raise _NoForm(f"a value of type {_type_name(type(value))!r} has no array form")
+    if _is_buffer(value):
+        if not _size(value):
+            raise _NoForm("the memory was released")
+        budget.take(2 * math.prod(_size(value)))
+        return value
     if any(value is outer for outer in path):
         raise _NoForm("a container that holds itself has no array form")
     if len(path) >= _DEEPEST_VALUE:
         raise _NoForm(f"containers nest deeper than {_DEEPEST_VALUE} levels")
-    budget.take(2 * base.__len__(value))
     path = (*path, value)
+    if base is None or not _is_any(base, (list, tuple, dict)):
+        return _plain_form(value, budget, path)
+    budget.take(2 * base.__len__(value))
     if base is not dict:
         return [_plain(item, budget, path) for item in base.__getitem__(value, slice(None))]
+    kind = collections.OrderedDict if issubclass(type(value), collections.OrderedDict) else dict
+    items = list(kind.items(value))
+    if any(type(key) is not str for key, _ in items):
+        return _Told("typed", [_plain(list(item), budget, path) for item in items], "dict")
     copy = {}
-    for key, item in list(dict.items(value)):
-        if type(key) is not str:
-            raise _NoForm(f"the dict key {_cut(_short_preview(key))} is no str, so it can name no field")
+    for key, item in items:
         budget.take(len(key))
         copy[key] = _plain(item, budget, path)
     return copy
 
 
-def _plain_array(value, budget, path=()):
-    size = _size(value)
-    if not size and not _is_array(value):
-        raise _NoForm("the memory was released")
-    budget.take(2 * math.prod(size))
-    if _is_buffer(value) or value.dtype.kind in "biuf":
+def _plain_form(value, budget, path):
+    """The same of a value that support/forms.py knows, or that offers a buffer."""
+    before = budget.left
+    budget.take(2 * math.prod(_size(value) or [0]))  # before anything is made of so many elements
+    budget.left = before
+    try:
+        form = form_of(value)
+    except (TypeError, ValueError, OverflowError) as reason:
+        raise _NoForm(str(reason)) from None
+    if form is None:
+        try:
+            budget.take(memoryview(value).nbytes)
+        except (TypeError, ValueError, BufferError):
+            raise _NoForm(f"a value of type {_type_name(type(value))!r} has no array form") from None
         return value
-    if value.dtype.kind in "mM":
-        value = value.astype(str)
-    return _plain(value.tolist(), budget, path)
+    what, content, *rest = form
+    if what == "buffer":
+        budget.take(2 * content.size)
+        return content
+    if what == "cells":
+        budget.take(2 * len(content))
+        return _Told(what, [_plain(item, budget, path) for item in content], *rest)
+    budget.take(len(rest[0]) if rest else 0)
+    return _Told(what, _plain(content, budget, path), *rest)
 
 
 def _bounds(wanted, count):
