@@ -96,7 +96,8 @@ matrix::ArrayPtr bytesToArray(const char* bytes, Py_ssize_t size)
 {
     const auto* data = reinterpret_cast<const std::uint8_t*>(bytes);
     auto count = static_cast<std::size_t>(size);
-    return matrix::create({1, count}, std::vector<std::uint8_t>(data, data + count));
+    auto row = matrix::create({1, count}, std::vector<std::uint8_t>(data, data + count));
+    return count == 1 ? matrix::createTyped("bytes", std::move(row)) : std::move(row); // alone it is a number
 }
 
 matrix::ArrayPtr complexToArray(PyObject* value)

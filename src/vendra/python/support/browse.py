@@ -95,7 +95,9 @@ def _read_inside(value, offset, limit):
     base = _base(value)
     end = offset + limit
     if base is not None:
-        count = 0 if _is_any(base, (*_NUMBERS, *_TEXTS)) else base.__len__(value)
+        if _is_any(base, (*_NUMBERS, *_TEXTS)) or _is_endless(base, value):
+            return 0, []
+        count = base.__len__(value)
         if _is_any(base, (list, tuple, range)):
             return count, _numbered(base.__getitem__(value, slice(offset, end)), offset)
         if base is dict:
@@ -161,10 +163,12 @@ def _plain(value, budget, path=()):
         return [_plain(item, budget, path) for item in base.__getitem__(value, slice(None))]
     kind = collections.OrderedDict if issubclass(type(value), collections.OrderedDict) else dict
     items = list(kind.items(value))
-    if any(type(key) is not str for key, _ in items):
+    texts = {str.__str__(key) for key, _ in items if issubclass(type(key), str)}
+    if len(texts) != len(items):
         return _Told("typed", [_plain(list(item), budget, path) for item in items], "dict")
     copy = {}
     for key, item in items:
+        key = str.__str__(key)
         budget.take(len(key))
         copy[key] = _plain(item, budget, path)
     return copy

@@ -241,7 +241,10 @@ def _series(value):
 def _index(value):
     if _is_kind(value, "pandas.core.indexes.range", "RangeIndex"):
         return "typed", {"name": value.name, "dtype": "int64", "data": range(value.start, value.stop, value.step)}, "index"
-    return "typed", {"name": value.name, "dtype": _dtype_name(value.dtype), "data": _column_content(value)}, "index"
+    content = {"name": value.name, "dtype": _dtype_name(value.dtype), "data": _column_content(value)}
+    if value.dtype.kind in "mM" and value.freqstr is not None:
+        content["freq"] = value.freqstr
+    return "typed", content, "index"
 
 
 def _multi_index(value):

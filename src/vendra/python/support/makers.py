@@ -45,6 +45,12 @@ def _hashable(value):
     return tuple(map(_hashable, value)) if type(value) is list else value
 
 
+def _to_array(values):
+    """At least a row; bytes are how arrays of them come."""
+    numpy = sys.modules["numpy"]
+    return numpy.frombuffer(values, "u1") if type(values) is bytes else numpy.atleast_1d(values)
+
+
 def _to_complex(parts):
     real, imaginary = parts
     if type(real) is list:
@@ -114,7 +120,7 @@ def _to_records(content):
     size = tuple(content["size"])
     columns = {}
     for name, values in content["fields"].items():
-        column = numpy.asarray(values)
+        column = _to_array(values)
         inner = column.size // max(1, numpy.prod(size, dtype=int))
         columns[name] = column.reshape(size if inner == 1 or not column.size else (*size, *(column.shape[len(size):] or (-1,))))
     made = numpy.empty(size, [(name, column.dtype, column.shape[len(size):]) for name, column in columns.items()])
@@ -124,14 +130,13 @@ def _to_records(content):
 
 
 def _to_masked(content):
-    return _loaded("numpy", "masked").ma.MaskedArray(content["data"], content["mask"], fill_value=content["fill"])
+    data = content["data"]
+    data = _to_array(data) if type(data) is bytes else data
+    return _loaded("numpy", "masked").ma.MaskedArray(data, content["mask"], fill_value=content["fill"])
 
 
 def _to_column(values, dtype):
-    numpy = sys.modules["numpy"]
-    if isinstance(values, (list, range)) or dtype == "category":
-        return values
-    return numpy.atleast_1d(values)
+    return values if isinstance(values, (list, range)) or dtype == "category" else _to_array(values)
 
 
 def _to_series(content):
@@ -148,7 +153,10 @@ def _to_index(content):
     data = _to_column(content["data"], content["dtype"])
     if content["dtype"] == "object":
         return pandas.Index([_hashable(label) for label in data], dtype=object, name=name, tupleize_cols=False)
-    return pandas.Index(data, dtype=content["dtype"], name=name)
+    made = pandas.Index(data, dtype=content["dtype"], name=name)
+    if "freq" in content:
+        made.freq = content["freq"]
+    return made
 
 
 def _to_multi_index(content):
@@ -157,8 +165,7 @@ def _to_multi_index(content):
 
 def _to_categorical(content):
     kind = _loaded("pandas", "categorical").Categorical
-    codes = sys.modules["numpy"].atleast_1d(content["codes"])
-    return kind.from_codes(codes.astype(int), content["categories"], ordered=content["ordered"])
+    return kind.from_codes(_to_array(content["codes"]).astype(int), content["categories"], ordered=content["ordered"])
 
 
 def _to_frame(content):
@@ -182,6 +189,7 @@ def _to_empty(content):
 
 
 _READERS = {
+    "bytes": lambda content: bytes([content]),
     "categorical": _to_categorical,
     "complex": _to_complex,
     "dataclass": _to_dataclass,
@@ -223,7 +231,7 @@ def value_of(kind, content):
         raise ValueError(f"there are no values of the kind {kind!r}")
     try:
         return reader(content)
-    except (ValueError, OverflowError):
+    except ValueError:
         raise
     except Exception as error:
         raise ValueError(f"this is no value of the kind {kind!r}: {type(error).__name__}: {error}") from None

@@ -180,14 +180,15 @@ def _short_preview(value):
     if known is None:
         return _other_preview(value)
     if known is range:
-        return repr(value)
+        large = any(part.bit_length() > _MOST_PREVIEW_BITS for part in (value.start, value.stop, value.step))
+        return "range of huge ints" if large else repr(value)
     if _is_any(known, _TEXTS):
         return repr(value[:_MOST_PREVIEW_BYTES])
     if known is int and value.bit_length() > _MOST_PREVIEW_BITS:
         return f"int of {value.bit_length()} bits"
     if _is_any(known, _NUMBERS):
         return repr(value)
-    return f"{_type_name(kind)} of {len(value)}"
+    return f"{_type_name(kind)} of {known.__len__(value)}"
 
 
 def _preview_items(items, brackets):
@@ -224,10 +225,15 @@ def _preview(value):
     return _cut(_short_preview(value))
 
 
+def _is_endless(base, value):
+    """Whether a range is longer than lengths can be."""
+    return base is range and not -sys.maxsize <= (value.stop - value.start) // value.step <= sys.maxsize
+
+
 def _size(value):
     base = _base(value)
     if base is not None:
-        return [] if _is_any(base, _NUMBERS) else [base.__len__(value)]
+        return [] if _is_any(base, _NUMBERS) or _is_endless(base, value) else [base.__len__(value)]
     if _is_array(value) or _is_frame(value) or _is_column(value):
         return list(value.shape)
     if type(value) is memoryview:
