@@ -81,6 +81,8 @@ try {
     PyErr_NoMemory();
 } catch (const std::invalid_argument& error) {
     setError(PyExc_ValueError, error.what());
+} catch (const std::length_error& error) {
+    setError(PyExc_ValueError, error.what());
 } catch (const std::system_error& error) {
     setSystemError(error);
 } catch (const std::exception& error) {

@@ -89,8 +89,9 @@ void withText(PyObject* text, Write write)
 /// Takes the error out of the indicator: the exception, its traceback attached.
 Ref takeError();
 
-/// Sets the indicator for the C++ exception that is being handled, by its type: invalid_argument is ValueError,
-/// bad_alloc MemoryError, system_error OSError, all others RuntimeError. ErrorSet leaves the indicator as it is.
+/// Sets the indicator for the C++ exception that is being handled, by its type: invalid_argument and length_error are
+/// ValueError, bad_alloc MemoryError, system_error OSError, all others RuntimeError. ErrorSet leaves the indicator as
+/// it is.
 void setErrorFromCurrentException() noexcept;
 
 } // namespace vendra::python

@@ -335,13 +335,20 @@ def _answered(function):
 def browse(name, path, rows, columns, offset, limit, value_bytes):
     """(_info, number of parts, [(step, _info) of parts], _Part's members as a tuple) of a value."""
     value = _walk(name, path)
-    count, parts = _read_inside(value, offset, limit)
+    try:
+        count, parts = _read_inside(value, offset, limit)
+    except (_Refused, RuntimeError):
+        raise
+    except Exception:  # its library cannot take it apart
+        count, parts = 0, []
     part = _Part()
     try:
         _fill_part(part, value, rows, columns, _Budget(value_bytes))
-    except _NoForm as reason:
+    except (_Refused, RuntimeError):
+        raise
+    except Exception as reason:
         part = _Part()
-        part.missing = str(reason)
+        part.missing = str(reason) or _type_name(type(reason))
     return (_info(name, value), count, [(step, _info(shown, inside)) for step, shown, inside in parts],
             (part.value, part.missing, part.rows, part.columns, part.row_names, part.column_names, part.column_types))
 

@@ -171,6 +171,18 @@ def _unit_of(dtype):
     return unit if count == 1 else f"{count}{unit}"
 
 
+def _dates_content(dates):
+    """Texts; the counts where there are none, or of dates too far away for numpy's texts to be exact."""
+    numpy = sys.modules["numpy"]
+    try:
+        texts = numpy.asarray(numpy.datetime_as_string(dates))
+        if dates.size and (texts.astype(dates.dtype).view("i8") == dates.view("i8")).all():
+            return texts
+    except (ValueError, OverflowError):
+        pass
+    return dates.view("i8")
+
+
 def _array(value):
     kind = value.dtype.kind
     if kind in "biufc":
@@ -178,19 +190,24 @@ def _array(value):
         empty = value.shape == (0, 0) and kind == "f" and value.dtype.itemsize == 8
         return ("typed", list(value.shape), "empty") if empty else ("buffer", value)
     if kind == "V" and value.dtype.names is not None:
-        fields = {name: value[name] for name in value.dtype.names}
-        return "typed", {"size": list(value.shape), "fields": fields}, "records"
+        names = value.dtype.names
+        plain = [value.dtype[name].base for name in names]
+        return "typed", {"size": list(value.shape), "dtypes": [None if kind.names else kind.str for kind in plain],
+                         "fields": {name: value[name] for name in names}}, "records"
     _check_count(value.size)
     if kind in "mM":
-        numpy = sys.modules["numpy"]
         native = value.astype(value.dtype.newbyteorder("="))
-        content = native.view("i8") if kind == "m" else numpy.asarray(numpy.datetime_as_string(native))
+        content = native.view("i8") if kind == "m" else _dates_content(native)
         return "typed", [content, _unit_of(native.dtype)], "timedelta64" if kind == "m" else "datetime64"
     if kind not in "OUS":
         raise _no_form(f"an array of {value.dtype.name}")
-    if value.ndim == 0:
+    if value.ndim == 0 and kind == "O":
         return "plain", value.item()
-    return "cells", value.ravel(order="F").tolist(), list(value.shape)
+    try:
+        items = value.ravel(order="F").tolist()
+    except SystemError:  # numpy takes any bits for a character, the language does not
+        raise ValueError("an array of texts with what is no character has no array form") from None
+    return ("cells", items, list(value.shape)) if value.ndim else ("plain", items[0])
 
 
 def _numpy_scalar(value):
@@ -204,9 +221,11 @@ def _array_kind(value):
 
 
 def _masked(value):
-    plain = sys.modules["numpy"].ndarray
-    mask = sys.modules["numpy"].ma.getmaskarray(value)
-    return "typed", {"data": plain.view(value, plain), "mask": mask, "fill": value.fill_value}, "masked"
+    numpy = sys.modules["numpy"]
+    content = {"data": numpy.ndarray.view(value, numpy.ndarray), "mask": numpy.ma.getmaskarray(value)}
+    if repr(value.fill_value) != repr(numpy.ma.MaskedArray([], dtype=value.dtype).fill_value):
+        content["fill"] = value.fill_value
+    return "typed", content, "masked"
 
 
 # -- pandas --

@@ -84,7 +84,9 @@ def _to_timestamp(content):
 
 def _to_times(content, letter, kind):
     elements, unit = content
-    return _loaded("numpy", kind).array(elements, dtype=f"{letter}8" if unit == "generic" else f"{letter}8[{unit}]")[()]
+    dtype = f"{letter}8" if unit == "generic" else f"{letter}8[{unit}]"
+    made = _loaded("numpy", kind).asarray(elements)
+    return (made.view(dtype) if made.dtype.kind == "i" else made.astype(dtype))[()]
 
 
 def _class_at(path, ancestor=None):
@@ -119,8 +121,12 @@ def _to_records(content):
     numpy = _loaded("numpy", "records")
     size = tuple(content["size"])
     columns = {}
-    for name, values in content["fields"].items():
-        column = _to_array(values)
+    for (name, values), dtype in zip(content["fields"].items(), content["dtypes"], strict=True):
+        if dtype is not None and numpy.dtype(dtype).kind == "S":
+            column = numpy.array(values, dtype, ndmin=1)
+        else:
+            column = _to_array(values)
+            column = column if dtype is None else column.astype(dtype)
         inner = column.size // max(1, numpy.prod(size, dtype=int))
         columns[name] = column.reshape(size if inner == 1 or not column.size else (*size, *(column.shape[len(size):] or (-1,))))
     made = numpy.empty(size, [(name, column.dtype, column.shape[len(size):]) for name, column in columns.items()])
@@ -132,7 +138,7 @@ def _to_records(content):
 def _to_masked(content):
     data = content["data"]
     data = _to_array(data) if type(data) is bytes else data
-    return _loaded("numpy", "masked").ma.MaskedArray(data, content["mask"], fill_value=content["fill"])
+    return _loaded("numpy", "masked").ma.MaskedArray(data, content["mask"], fill_value=content.get("fill"))
 
 
 def _to_column(values, dtype):

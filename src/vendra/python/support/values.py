@@ -220,7 +220,7 @@ def _preview(value):
             return _cut("[" + _preview_items(shown.tolist(), "") + "]")
         if _is_frame(value):
             return _cut(f"{_other_preview(value)}: {_preview_items(value.columns[:100].tolist(), '')}")
-    except RuntimeError:  # another thread changes it
+    except Exception:  # another thread changes it, or its library cannot show it
         pass
     return _cut(_short_preview(value))
 
@@ -267,7 +267,13 @@ def _elements(value):
 
 
 def _info(name, value):
-    return name, _type_name(type(value)), _size(value), _preview(value), _bytes(value), _elements(value)
+    kind = _type_name(type(value))
+    try:
+        return name, kind, _size(value), _preview(value), _bytes(value), _elements(value)
+    except RuntimeError:  # another thread changes it
+        raise
+    except Exception:  # one value that cannot be described is no reason not to list the others
+        return name, kind, [], _cut(_stranger(value)), 0, ""
 
 
 def _dict_of(value):
