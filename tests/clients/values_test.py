@@ -154,6 +154,22 @@ class Values(unittest.TestCase):
         look, = self.ask({"type": "Variable", "name": "endless"})
         self.assertEqual(look["valueMissing"], "a value of type 'Endless' has no array form")
 
+    def test_an_error_without_a_text_is_a_reason_too(self):
+        self.assertEqual(self.host.ask("Eval", code="OddIndex()")["conversionError"], "OddError")
+
+    def test_what_stands_in_the_folder_is_no_kind(self):
+        folder = self.host.home
+        for name in ("decimal", "datetime", "fractions", "uuid", "zoneinfo", "numpy"):
+            (pathlib.Path(folder) / f"{name}.py").write_text("raise SystemExit('not from here')")
+        with Vendra(VENDRA) as host:
+            host.ask("Eval", code=f"import sys; sys.path.insert(0, {folder!r})")
+            for value in [{"vx": "decimal", "value": "1.5"}, {"vx": "date", "value": "2024-01-01"},
+                          {"vx": "datetime", "value": {"time": "2024-07-01T00:00:00+02:00", "zone": "Europe/Berlin"}},
+                          {"vx": "fraction", "value": "1/3"}, {"vx": "uuid", "value": "0" * 32}]:
+                self.assertEqual(host.ask("FEval", function="type", arguments=[value], results=0)["type"], "FEvalResponse")
+            answer = host.ask("FEval", function="abs", arguments=[{"vx": "datetime64", "value": ["2024", "Y"]}])
+            self.assertIn("needs numpy", answer["message"])
+
     def test_what_is_no_value_of_a_kind(self):
         for value in [{"vx": "no_kind", "value": 1}, {"vx": "date", "value": "2024-13-01"}, {"vx": "date", "value": 5},
                       {"vx": "decimal", "value": "one"}, {"vx": "decimal", "value": None}, {"vx": "complex", "value": [1]},

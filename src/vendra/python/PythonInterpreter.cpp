@@ -118,8 +118,14 @@ try {
     if (PyErr_ExceptionMatches(PyExc_KeyboardInterrupt) || PyErr_ExceptionMatches(PyExc_SystemExit))
         throw;
     Ref error = takeError();
-    Ref message = Ref::own(PyObject_Str(error.get()));
-    reason = textOf(message.get());
+    try {
+        Ref message = Ref::own(PyObject_Str(error.get()));
+        reason = textOf(message.get());
+    } catch (const ErrorSet&) {
+        if (PyErr_ExceptionMatches(PyExc_KeyboardInterrupt))
+            throw;
+        PyErr_Clear(); // an error of a script's may have no text
+    }
     if (reason.empty())
         reason = Py_TYPE(error.get())->tp_name;
     return nullptr;

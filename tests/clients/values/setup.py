@@ -109,6 +109,22 @@ class LyingClass:
 class RaisingClass:
     __class__ = __dict__ = property(raises)
 
+class HugeRepr:
+    __repr__ = lambda self: "x" * 10 ** 7
+
+class NoTextRepr:
+    __repr__ = lambda self: 5
+
+class OddRepr:
+    __repr__ = lambda self: LyingText("\ud800")
+
+class OddError(Exception):
+    __str__ = raises
+
+class OddIndex:
+    def __index__(self):
+        raise OddError
+
 class GetsAll:
     __getattr__ = __getattribute__ = raises
     __repr__ = lambda self: "<GetsAll>"

@@ -5,32 +5,7 @@ show in a traceback. What is made is what a client asked for: a class of a scrip
 """
 
 import collections
-import importlib
-import importlib.machinery
-import os
 import sys
-import types
-
-
-class _StandardFirst:
-    """What stands in the working folder is not the standard library."""
-
-    folders = [os.path.dirname(os.__file__), os.path.join(os.path.dirname(os.__file__), "lib-dynload")]
-
-    @classmethod
-    def find_spec(cls, name, path=None, target=None):
-        return importlib.machinery.PathFinder.find_spec(name, cls.folders, target) if path is None else None
-
-
-def _standard(name):
-    found = sys.modules.get(name)
-    if type(found) is types.ModuleType:
-        return found
-    sys.meta_path.insert(0, _StandardFirst)
-    try:
-        return importlib.import_module(name)
-    finally:
-        sys.meta_path.remove(_StandardFirst)
 
 
 def _loaded(name, kind):
@@ -66,11 +41,11 @@ def _to_complex(parts):
 
 
 def _to_moment(content, name):
-    kind = getattr(_standard("datetime"), name)
+    kind = getattr(library("datetime"), name)
     if type(content) is str:
         return kind.fromisoformat(content)
     made = kind.fromisoformat(content["time"]).replace(fold=content.get("fold", 0))
-    return made.replace(tzinfo=_standard("zoneinfo").ZoneInfo(content["zone"])) if "zone" in content else made
+    return made.replace(tzinfo=library("zoneinfo").ZoneInfo(content["zone"])) if "zone" in content else made
 
 
 def _to_timestamp(content):
@@ -102,7 +77,7 @@ def _class_at(path, ancestor=None):
 
 
 def _to_enum(content):
-    kind = _class_at(content["class"], _standard("enum").Enum)
+    kind = _class_at(content["class"], library("enum").Enum)
     name = content["name"]
     return kind[name] if name in kind.__members__ else kind(content["value"])
 
@@ -200,15 +175,15 @@ _READERS = {
     "complex": _to_complex,
     "dataclass": _to_dataclass,
     "dataframe": _to_frame,
-    "date": lambda content: _standard("datetime").date.fromisoformat(content),
+    "date": lambda content: library("datetime").date.fromisoformat(content),
     "datetime": lambda content: _to_moment(content, "datetime"),
     "datetime64": lambda content: _to_times(content, "M", "datetime64"),
-    "decimal": lambda content: _standard("decimal").Decimal(content),
+    "decimal": lambda content: library("decimal").Decimal(content),
     "deque": lambda content: collections.deque(*content),
     "dict": lambda content: {_hashable(key): value for key, value in content},
     "empty": _to_empty,
     "enum": _to_enum,
-    "fraction": lambda content: _standard("fractions").Fraction(content),
+    "fraction": lambda content: library("fractions").Fraction(content),
     "frozenset": lambda content: frozenset(map(_hashable, content)),
     "index": _to_index,
     "integer": int,
@@ -216,17 +191,17 @@ _READERS = {
     "masked": _to_masked,
     "missing": _to_missing,
     "multiindex": _to_multi_index,
-    "path": lambda content: _standard("pathlib").Path(content),
+    "path": lambda content: library("pathlib").Path(content),
     "period": lambda content: _loaded("pandas", "period").Period(*content),
     "range": lambda content: range(*content),
     "records": _to_records,
     "series": _to_series,
     "set": lambda content: set(map(_hashable, content)),
     "time": lambda content: _to_moment(content, "time"),
-    "timedelta": lambda content: _standard("datetime").timedelta(**content),
+    "timedelta": lambda content: library("datetime").timedelta(**content),
     "timedelta64": lambda content: _to_times(content, "m", "timedelta64"),
     "timestamp": _to_timestamp,
-    "uuid": lambda content: _standard("uuid").UUID(content),
+    "uuid": lambda content: library("uuid").UUID(content),
 }
 
 
