@@ -143,7 +143,7 @@ Ref exporterOf(const std::uint8_t* bytes, std::size_t size)
     for (char& byte : made->memory)
         byte = static_cast<char>(next());
     said.buf = wrong & 8 ? nullptr : made->memory.data() - lowest;
-    if (wrong & 16)
+    if ((wrong & 16) && (said.shape || said.ndim != 1)) // without sizes the length is all there is to believe
         said.len += next() + 1;
     if ((wrong & 32) && said.ndim > 0)
         made->shape[0] = next() % 2 ? -1 : PY_SSIZE_T_MAX / 2;
