@@ -227,6 +227,7 @@ public:
         return true;
     }
     virtual std::size_t queuedBytes() const = 0;
+    /// The server stops.
     virtual void close() = 0;
 };
 

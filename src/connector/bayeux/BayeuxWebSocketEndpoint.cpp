@@ -11,7 +11,7 @@ namespace {
 
 enum CloseCode : std::uint16_t
 {
-    normal = 1000,
+    goingAway = 1001,
     unsupportedData = 1003,
     invalidPayload = 1007,
     policyViolation = 1008,
@@ -34,7 +34,7 @@ public:
     }
     bool waitForRoom(std::chrono::milliseconds patience) override { return connection_->waitForRoom(patience); }
     std::size_t queuedBytes() const override { return connection_->queuedBytes(); }
-    void close() override { connection_->close(normal); }
+    void close() override { connection_->close(goingAway); }
 
 private:
     const std::shared_ptr<http::WebSocketConnection> connection_;

@@ -315,7 +315,7 @@ TEST_F(Transport, SocketsMessagesAreHandledInOrder)
     EXPECT_EQ(server->asked().back().body, "goodbye");
     EXPECT_EQ(server->closed(), std::vector{origin.webSocket});
     origin.webSocket->close();
-    EXPECT_EQ(connection->codes.back(), 1000);
+    EXPECT_EQ(connection->codes.back(), 1001);
 }
 
 TEST_F(Transport, SocketsFailures)

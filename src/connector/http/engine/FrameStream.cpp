@@ -13,6 +13,16 @@ constexpr std::size_t kFramesAtOnce = 32;
 
 } // namespace
 
+/// RFC 6455 §5.5.1: two bytes of head, then the code.
+void FrameStream::setCloseCode(std::string& frame, std::uint16_t code)
+{
+    constexpr char kFinalClose = static_cast<char>(0x88);
+    if (frame.size() < 4 || frame[0] != kFinalClose)
+        return;
+    frame[2] = static_cast<char>(code >> 8);
+    frame[3] = static_cast<char>(code & 0xff);
+}
+
 void FrameStream::readAhead()
 {
     moreIsLikely_ = false;

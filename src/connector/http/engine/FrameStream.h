@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -69,6 +71,8 @@ public:
     void async_write_some(const Buffers& buffers, Handler&& handler)
     {
         std::string bytes(boost::asio::buffers_begin(buffers), boost::asio::buffers_end(buffers));
+        if (closeCode_)
+            setCloseCode(bytes, *closeCode_);
         const std::size_t count = bytes.size();
         if (!failed_)
             enqueue({Frame(std::move(bytes))});
@@ -80,6 +84,9 @@ public:
         });
         flush();
     }
+
+    /// What a close frame that is written from now on says, whatever the protocol's library takes for the answer.
+    void answerCloseWith(std::uint16_t code) noexcept { closeCode_ = code; }
 
     bool isTls() const noexcept { return stream_.isTls(); }
 
@@ -121,6 +128,7 @@ private:
         }
         return count;
     }
+    static void setCloseCode(std::string& frame, std::uint16_t code);
     void readAhead();
     void send();
     void sent(std::size_t count);
@@ -139,6 +147,7 @@ private:
     bool waiting_ = false;   ///< for the socket to take more
     bool flushing_ = false;
     bool failed_ = false;
+    std::optional<std::uint16_t> closeCode_;
     std::function<void()> whenFlushed_;
 };
 

@@ -32,6 +32,7 @@ constexpr unsigned kMaxControlFrames = 100;
 constexpr std::chrono::seconds kControlWindow{10};
 
 constexpr std::uint16_t kAbnormal = 1006;
+constexpr std::uint16_t kCloseCodesEnd = 5000;
 
 using Handshake = beast::http::request<beast::http::empty_body>;
 
@@ -79,6 +80,7 @@ private:
     void accepted();
     void read();
     void pack(Frames message);
+    void checkCloseCode();
     void countControlFrame(websocket::frame_type kind);
     void ended(std::uint16_t code, const std::string& reason);
 
@@ -271,10 +273,17 @@ void WebSocketSession::giveUp()
     stream_.async_ping({}, [self = self()](const error_code&) {});
 }
 
+/// The library refuses the codes below 5000 that must not be sent; there are none above (RFC 6455 §7.4.2).
+void WebSocketSession::checkCloseCode()
+{
+    if (stream_.reason().code >= kCloseCodesEnd)
+        stream_.next_layer().answerCloseWith(static_cast<std::uint16_t>(websocket::close_code::protocol_error));
+}
+
 void WebSocketSession::countControlFrame(websocket::frame_type kind)
 {
     if (kind == websocket::frame_type::close)
-        return;
+        return checkCloseCode();
     const auto now = Clock::now();
     if (now - controlWindow_ > kControlWindow) {
         controlWindow_ = now;
