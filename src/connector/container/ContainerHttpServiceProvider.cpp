@@ -13,7 +13,12 @@ namespace v1 {
 namespace {
 
 constexpr const char* kJson = "application/json";
-constexpr std::size_t kLargeBytes = 1u << 20;
+/// A larger body is read by a thread of its own: it may take milliseconds, in which other clients are served.
+constexpr std::size_t kLargeBytes = 32u << 10;
+/// Reading a larger one takes many times its size for a moment, which the allocator would keep.
+constexpr std::size_t kTrimBytes = 1u << 20;
+constexpr std::size_t kReaders = 2;
+constexpr std::size_t kMaxWaiting = 256;
 
 bool isJson(std::string_view contentType)
 {
@@ -28,13 +33,6 @@ std::unique_ptr<http::HttpResponse> answerJson(std::string body)
     return std::make_unique<http::HttpResponse>(200, kJson, std::move(body));
 }
 
-/// Reading a large body takes many times its size for a moment, which the allocator would keep.
-void giveBackMemory(std::unique_ptr<http::HttpRequest> request)
-{
-    request.reset();
-    ::malloc_trim(0);
-}
-
 std::unique_ptr<ContainerRequest> inContainer(std::unique_ptr<Message> message, const Poco::JSON::Object& object)
 {
     auto request = std::make_unique<ContainerRequest>();
@@ -44,10 +42,46 @@ std::unique_ptr<ContainerRequest> inContainer(std::unique_ptr<Message> message, 
     return request;
 }
 
+/// `bare` for a message without a container around it.
+std::unique_ptr<ContainerRequest> read(const json::JsonSerializer& serializer, const std::string& body, bool& bare)
+{
+    const auto value = json::parse(body);
+    if (value.type() != typeid(Poco::JSON::Object::Ptr))
+        throw json::JsonError("The body is not a JSON object.");
+    const auto& object = *value.extract<Poco::JSON::Object::Ptr>();
+    bare = object.has("type") && object.get("type") != std::string("ContainerRequest");
+    auto message = bare || object.has("type") ? serializer.fromJson(object) : nullptr;
+    if (!message) {
+        Poco::JSON::Object named(object);
+        named.set("type", "ContainerRequest");
+        message = serializer.fromJson(named);
+    }
+    if (bare)
+        return inContainer(std::move(message), object);
+    return std::unique_ptr<ContainerRequest>(static_cast<ContainerRequest*>(message.release()));
+}
+
+/// Reads the body and gives it away.
+std::unique_ptr<ContainerRequest> read(const json::JsonSerializer& serializer, http::ReceivedBody body, bool& bare)
+{
+    const bool trims = body.size > kTrimBytes;
+    std::string text = http::textOf(std::move(body));
+    std::unique_ptr<ContainerRequest> container;
+    try {
+        container = read(serializer, text, bare);
+    } catch (const json::JsonError& error) {
+        throw http::HttpFault(400, error.what());
+    }
+    text = {};
+    if (trims)
+        ::malloc_trim(0);
+    return container;
+}
+
 } // namespace
 
 ContainerHttpServiceProvider::ContainerHttpServiceProvider(std::shared_ptr<json::JsonSerializer> serializer)
-    : serializer_(std::move(serializer))
+    : serializer_(std::move(serializer)), readers_(kReaders, kMaxWaiting)
 {}
 
 std::vector<std::string> ContainerHttpServiceProvider::methods() const { return {"POST"}; }
@@ -59,51 +93,48 @@ MessageFuture ContainerHttpServiceProvider::post(Request&& request, Address&& re
         return makeReadyFuture<std::unique_ptr<Message>>(
             http::refusal(*request, 415, "Messages are posted as application/json."));
 
-    auto whole = http::readWhole(std::move(request), kMaxBytes);
-    if (whole.isReady())
-        return handOn(whole.get(), std::move(rest), std::move(context));
+    if (!request->pendingBody) {
+        const auto size = request->body.size();
+        try {
+            return handOn({std::move(request->body), nullptr, size}, rest, context);
+        } catch (...) {
+            return makeFailedFuture<std::unique_ptr<Message>>(std::current_exception());
+        }
+    }
     auto self = std::static_pointer_cast<ContainerHttpServiceProvider>(shared_from_this());
-    return whole.then(
-        [self, rest, context](Future<Request> received) { return self->handOn(received.get(), rest, context); });
+    return request->pendingBody->receive(kMaxBytes).then([self, rest, context](Future<http::ReceivedBody> received) {
+        return self->handOn(received.get(), rest, context);
+    });
 }
 
-std::unique_ptr<ContainerRequest> ContainerHttpServiceProvider::read(const std::string& body, bool& bare) const
+MessageFuture ContainerHttpServiceProvider::handOn(http::ReceivedBody body, const Address& rest,
+                                                   const std::shared_ptr<Context>& context)
 {
-    const auto value = json::parse(body);
-    if (value.type() != typeid(Poco::JSON::Object::Ptr))
-        throw json::JsonError("The body is not a JSON object.");
-    const auto& object = *value.extract<Poco::JSON::Object::Ptr>();
-    bare = object.has("type") && object.get("type") != std::string("ContainerRequest");
-    auto message = bare || object.has("type") ? serializer_->fromJson(object) : nullptr;
-    if (!message) {
-        Poco::JSON::Object named(object);
-        named.set("type", "ContainerRequest");
-        message = serializer_->fromJson(named);
-    }
-    if (bare)
-        return inContainer(std::move(message), object);
-    return std::unique_ptr<ContainerRequest>(static_cast<ContainerRequest*>(message.release()));
+    if (body.size > kMaxBytes)
+        throw http::HttpFault(413, "The request body is too large.");
+    if (body.size <= kLargeBytes)
+        return readAndHandOn(serializer_, std::move(body), rest, context);
+    const auto turn = std::make_shared<Promise<bool>>();
+    auto held = std::make_shared<http::ReceivedBody>(std::move(body));
+    // The thread that gives the turn goes on with what waits for it.
+    auto answer = turn->future().then([serializer = serializer_, held, rest, context](Future<bool> given) {
+        given.get();
+        return readAndHandOn(serializer, std::move(*held), rest, context);
+    });
+    if (!readers_.post([turn] { turn->setValue(true); }))
+        turn->setException(http::HttpFault(503, "Too many large requests at a time."));
+    return answer;
 }
 
-MessageFuture ContainerHttpServiceProvider::handOn(Request request, Address rest, std::shared_ptr<Context> context)
+MessageFuture ContainerHttpServiceProvider::readAndHandOn(const std::shared_ptr<json::JsonSerializer>& serializer,
+                                                          http::ReceivedBody body, const Address& rest,
+                                                          const std::shared_ptr<Context>& context)
 {
-    std::unique_ptr<ContainerRequest> container;
     bool bare = false;
-    const bool large = request->body.size() > kLargeBytes;
-    try {
-        container = read(request->body, bare);
-    } catch (const json::JsonError& error) {
-        auto refused = http::refusal(*request, 400, error.what());
-        if (large)
-            giveBackMemory(std::move(request));
-        return makeReadyFuture<std::unique_ptr<Message>>(std::move(refused));
-    }
-    if (large)
-        giveBackMemory(std::move(request));
-
+    auto container = read(*serializer, std::move(body), bare);
     return context->connector()
-        ->handle(std::move(container), std::move(rest), std::shared_ptr<Context>(context))
-        .then([serializer = serializer_, bare](MessageFuture answer) -> std::unique_ptr<Message> {
+        ->handle(std::move(container), Address(rest), std::shared_ptr<Context>(context))
+        .then([serializer, bare](MessageFuture answer) -> std::unique_ptr<Message> {
             auto message = answer.get();
             auto* response = dynamic_cast<ContainerResponse*>(message.get());
             if (!bare || !response)

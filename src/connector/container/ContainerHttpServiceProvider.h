@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "connector/common/WorkerPool.h"
 #include "connector/container/ContainerDispatcher.h"
 #include "connector/http/HttpRouter.h"
 #include "connector/http/HttpServiceProvider.h"
@@ -25,10 +26,12 @@ protected:
     MessageFuture post(Request&& request, Address&& rest, std::shared_ptr<Context>&& context) override;
 
 private:
-    std::unique_ptr<ContainerRequest> read(const std::string& body, bool& bare) const;
-    MessageFuture handOn(Request request, Address rest, std::shared_ptr<Context> context);
+    MessageFuture handOn(http::ReceivedBody body, const Address& rest, const std::shared_ptr<Context>& context);
+    static MessageFuture readAndHandOn(const std::shared_ptr<json::JsonSerializer>& serializer, http::ReceivedBody body,
+                                       const Address& rest, const std::shared_ptr<Context>& context);
 
     const std::shared_ptr<json::JsonSerializer> serializer_;
+    common::WorkerPool readers_; ///< of large bodies
 };
 
 /// The JSON form of requests, responses and faults (docs/protocol.md).
