@@ -19,8 +19,8 @@ std::unique_ptr<Message> received(std::uint64_t bytes)
 PocoHttpsServer::Exchange serve(std::unique_ptr<HttpRequest> request)
 {
     PocoHttpsServer::Exchange exchange;
-    if (request->largeBody)
-        exchange.answer = request->largeBody->receive(4ull << 30).then([](Future<SpooledBody> body) {
+    if (request->pendingBody)
+        exchange.answer = request->pendingBody->receive(4ull << 30).then([](Future<ReceivedBody> body) {
             return received(body.get().size);
         });
     else

@@ -23,6 +23,8 @@ public:
     ~FileDescriptor();
 
     int number() const noexcept { return number_; }
+    /// The caller closes it.
+    int release() noexcept { return std::exchange(number_, -1); }
     explicit operator bool() const noexcept { return number_ >= 0; }
 
 private:

@@ -53,24 +53,26 @@ public:
     virtual Future<std::string> next() = 0;
 };
 
-/// A request's body as a file without a name, from its beginning.
-struct SpooledBody
+/// A request's body that came after its head: `text` or, when it is larger than http.memoryBodyBytes, a file without a
+/// name, from its beginning.
+struct ReceivedBody
 {
-    std::shared_ptr<const common::FileDescriptor> file;
+    std::string text;
+    std::shared_ptr<const common::FileDescriptor> file; ///< null for text
     std::uint64_t size = 0;
 };
 
-/// A body that is too large for memory and still on its way: nothing is read of it before somebody asks. An answer that
-/// comes without asking is the connection's last.
-class CONNECTOR_API LargeBody
+/// A body that is still on its way: nothing is read of it before somebody asks, so that who is refused costs nothing.
+/// An answer that comes without asking is the connection's last.
+class CONNECTOR_API PendingBody
 {
 public:
-    virtual ~LargeBody() = default;
+    virtual ~PendingBody() = default;
     /// What Content-Length said; none for a chunked body.
     virtual std::optional<std::uint64_t> announcedBytes() const = 0;
-    /// Writes the body to a file. Any thread, once; the answer comes on the connection's I/O thread. Fails with
-    /// HttpFault (413 beyond `maxBytes` or the server's own limit, 400, 408, 503, 507) or FutureCancelled.
-    virtual Future<SpooledBody> receive(std::uint64_t maxBytes) = 0;
+    /// Reads the body. Any thread, once; the answer comes on the connection's I/O thread. Fails with HttpFault (413
+    /// beyond `maxBytes` or the server's own limit, 400, 408, 503, 507) or FutureCancelled.
+    virtual Future<ReceivedBody> receive(std::uint64_t maxBytes) = 0;
 };
 
 } // namespace connector::http

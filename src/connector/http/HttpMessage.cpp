@@ -26,20 +26,6 @@ void checkField(std::string_view name, std::string_view value)
                                     printable(value) + "\"");
 }
 
-std::string readFile(const SpooledBody& body)
-{
-    std::string text(static_cast<std::size_t>(body.size), '\0');
-    for (std::size_t have = 0; have < text.size();) {
-        const auto count =
-            ::pread(body.file->number(), text.data() + have, text.size() - have, static_cast<off_t>(have));
-        if (count > 0)
-            have += static_cast<std::size_t>(count);
-        else if (count == 0 || errno != EINTR)
-            throw std::runtime_error("A request's body cannot be read back.");
-    }
-    return text;
-}
-
 } // namespace
 
 void Headers::add(std::string name, std::string value)
@@ -87,12 +73,28 @@ MessageFuture HttpRequest::deliverTo(std::shared_ptr<HttpServiceProvider> provid
     return provider->handleHttp(std::move(self), std::move(address), std::move(context));
 }
 
+std::string textOf(ReceivedBody body)
+{
+    if (!body.file)
+        return std::move(body.text);
+    std::string text(static_cast<std::size_t>(body.size), '\0');
+    for (std::size_t have = 0; have < text.size();) {
+        const auto count =
+            ::pread(body.file->number(), text.data() + have, text.size() - have, static_cast<off_t>(have));
+        if (count > 0)
+            have += static_cast<std::size_t>(count);
+        else if (count == 0 || errno != EINTR)
+            throw std::runtime_error("A request's body cannot be read back.");
+    }
+    return text;
+}
+
 Future<std::unique_ptr<HttpRequest>> readWhole(std::unique_ptr<HttpRequest>&& request, std::uint64_t maxBytes)
 {
-    if (const auto large = std::move(request->largeBody)) {
+    if (const auto pending = std::move(request->pendingBody)) {
         auto held = std::make_shared<std::unique_ptr<HttpRequest>>(std::move(request));
-        return large->receive(maxBytes).then([held](Future<SpooledBody> received) {
-            (*held)->body = readFile(received.get());
+        return pending->receive(maxBytes).then([held](Future<ReceivedBody> received) {
+            (*held)->body = textOf(received.get());
             return std::move(*held);
         });
     }

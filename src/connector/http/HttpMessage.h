@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -39,7 +40,18 @@ private:
 class HttpServiceProvider;
 struct WebSocketUpgrade;
 
-/// One request. A small body has been read whole; a large one is asked for by who wants it.
+/// Whether somebody let the client of a connection in. Any thread.
+class Admission
+{
+public:
+    void grant() noexcept { granted_.store(true, std::memory_order_relaxed); }
+    bool isGranted() const noexcept { return granted_.load(std::memory_order_relaxed); }
+
+private:
+    std::atomic<bool> granted_{false};
+};
+
+/// One request. A body that came along with its head has been read; any other is asked for by who wants it.
 class CONNECTOR_API HttpRequest final : public ServiceMessage<HttpServiceProvider>
 {
 public:
@@ -50,18 +62,31 @@ public:
     std::string authority; ///< host and port asked for, from Host or an absolute target
     Headers headers;
     std::string body;
-    std::shared_ptr<LargeBody> largeBody; ///< null unless the body is beyond http.memoryBodyBytes; `body` is empty then
-    std::string peerAddress;              ///< numeric, without port; "unix" for a Unix-domain socket
-    std::uint16_t localPort = 0;          ///< the port it came in on; 0 when it came from no socket
-    bool secure = false;                  ///< came over TLS
+    std::shared_ptr<PendingBody> pendingBody; ///< null when `body` is the whole body; else `body` is empty
+    std::string peerAddress;                  ///< numeric, without port; "unix" for a Unix-domain socket
+    std::uint16_t localPort = 0;              ///< the port it came in on; 0 when it came from no socket
+    bool secure = false;                      ///< came over TLS
     bool keepAlive = true;
+    std::shared_ptr<Admission> admission; ///< of its connection; null when it came from no socket
+
+    /// For the guard that lets the client in: until then its connection ends with the first refusal, and is the first
+    /// to go when there are too many.
+    void admit() const noexcept
+    {
+        if (admission)
+            admission->grant();
+    }
 
     MessageFuture deliverTo(std::shared_ptr<HttpServiceProvider> provider, std::unique_ptr<Message>&& message,
                             Address&& address, std::shared_ptr<Context>&& context) override;
 };
 
+/// What was received, in memory. Reads a file, which takes a while for a large one. Throws std::runtime_error when it
+/// cannot be read.
+CONNECTOR_API std::string textOf(ReceivedBody body);
+
 /// The request with its whole body in memory, for providers that need all of it at once. Fails as
-/// LargeBody::receive, with 413 for a body of more than `maxBytes`.
+/// PendingBody::receive, with 413 for a body of more than `maxBytes`.
 CONNECTOR_API Future<std::unique_ptr<HttpRequest>> readWhole(std::unique_ptr<HttpRequest>&& request,
                                                              std::uint64_t maxBytes);
 

@@ -38,6 +38,7 @@ MessageFuture HttpNonceServiceProvider::handleHttp(std::unique_ptr<http::HttpReq
 {
     if (auto answer = check(*request))
         return makeReadyFuture<std::unique_ptr<Message>>(std::move(answer));
+    request->admit();
     auto connector = context->connector();
     return connector->handle(std::move(request), std::move(rest), std::move(context));
 }

@@ -20,6 +20,7 @@ MessageFuture NonceGeneratorHttpServiceProvider::post(Request&& request, Address
 {
     if (!credentials_.areIn(*request))
         return makeReadyFuture<std::unique_ptr<Message>>(unauthorized(*request));
+    request->admit();
 
     const auto life = std::chrono::seconds(configuration_->getInteger("security.entryLifeSeconds"));
     std::string nonce;

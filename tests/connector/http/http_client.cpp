@@ -158,6 +158,13 @@ std::string WireClient::take(std::size_t count)
     return taken;
 }
 
+std::string WireClient::rest()
+{
+    while (fill()) {
+    }
+    return std::exchange(bytes_, {});
+}
+
 bool WireClient::isClosed() { return bytes_.empty() && !fill(); }
 
 bool eventually(const std::function<bool()>& condition)

@@ -50,6 +50,8 @@ public:
     std::string receiveHead();
     /// Exactly so many bytes.
     std::string take(std::size_t count);
+    /// Everything until the server closes.
+    std::string rest();
     /// Whether the server closed, and sent nothing before.
     bool isClosed();
     WireResponse ask(std::string_view request)

@@ -85,12 +85,15 @@ private:
     PocoHttpsServer::Exchange serve(std::unique_ptr<HttpRequest> request)
     {
         PocoHttpsServer::Exchange exchange;
+        request->admit();
         if (request->path == "/hold") {
-            std::lock_guard lock(mutex_);
-            held_.emplace_back();
-            tokens_.push_back(std::make_shared<CancellationToken>());
-            exchange.answer = held_.back().future();
-            exchange.cancellation = tokens_.back();
+            exchange.cancellation = std::make_shared<CancellationToken>();
+            exchange.answer =
+                readWhole(std::move(request), 64u << 20)
+                    .then([this, token = exchange.cancellation](Future<std::unique_ptr<HttpRequest>> body) {
+                        body.get();
+                        return hold(token);
+                    });
             return exchange;
         }
         if (request->path == "/throw")
@@ -110,6 +113,14 @@ private:
         }
         exchange.answer = readWhole(std::move(request), 64u << 20).then(echo);
         return exchange;
+    }
+
+    MessageFuture hold(const std::shared_ptr<CancellationToken>& token)
+    {
+        std::lock_guard lock(mutex_);
+        held_.emplace_back();
+        tokens_.push_back(token);
+        return held_.back().future();
     }
 
     static std::unique_ptr<Message> echo(Future<std::unique_ptr<HttpRequest>> whole)

@@ -33,6 +33,7 @@ std::shared_ptr<PocoHttpsServer> serverOf(Serve serve, ServerSettings settings =
     auto server = std::make_shared<PocoHttpsServer>(settings, [serve](std::unique_ptr<HttpRequest> request) {
         PocoHttpsServer::Exchange exchange;
         exchange.cancellation = std::make_shared<CancellationToken>();
+        request->admit();
         exchange.answer = serve(std::move(request));
         return exchange;
     });
@@ -243,11 +244,12 @@ struct Uploads
     {
         if (request->headers.find("X-Refuse"))
             return makeReadyFuture<Answer>(text(401, "no"));
-        if (!request->largeBody)
+        if (!request->pendingBody)
             return makeReadyFuture<Answer>(text(200, "small " + std::to_string(request->body.size())));
-        return request->largeBody->receive(maxBytes).then([count = cancelled](Future<SpooledBody> received) -> Answer {
+        return request->pendingBody->receive(maxBytes).then([count =
+                                                                 cancelled](Future<ReceivedBody> received) -> Answer {
             try {
-                const SpooledBody body = received.get();
+                const ReceivedBody body = received.get();
                 std::string content(body.size, '\0');
                 if (::pread(body.file->number(), content.data(), content.size(), 0) != static_cast<ssize_t>(body.size))
                     return text(500, "short file");
@@ -295,7 +297,7 @@ TEST(LargeBody, comesThroughAFileAndTheNextRequestFollows)
 TEST(LargeBody, costsNoMemory)
 {
     const auto server = serverOf([](std::unique_ptr<HttpRequest> request) {
-        return request->largeBody->receive(1'024 * kMiB).then([](Future<SpooledBody> received) -> Answer {
+        return request->pendingBody->receive(1'024 * kMiB).then([](Future<ReceivedBody> received) -> Answer {
             return text(200, std::to_string(received.get().size));
         });
     });

@@ -1,6 +1,7 @@
 #include "connector/http/engine/Acceptor.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <string_view>
 #include <system_error>
@@ -17,6 +18,7 @@
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/post.hpp>
 
+#include "connector/common/FileDescriptor.h"
 #include "connector/common/Log.h"
 
 namespace connector::http::engine {
@@ -33,6 +35,8 @@ constexpr std::chrono::milliseconds kPauseAfterFailure{100};
 /// The share of a processor from which on a loop gets no more connections while another has less to do.
 constexpr double kBusy = 0.85;
 constexpr int kFreePortAttempts = 10;
+/// Before clients that are there get their turn.
+constexpr int kMostAtOnce = 16;
 
 std::string placeText(const std::string& address, std::uint16_t port)
 {
@@ -51,6 +55,17 @@ const std::shared_ptr<Loop>& leastBurdened(const std::vector<std::shared_ptr<Loo
                                  });
 }
 
+/// Where a stranger can leave for a connection beyond the limit.
+const std::shared_ptr<Loop>& withMostStrangers(const std::vector<std::shared_ptr<Loop>>& loops)
+{
+    return *std::max_element(loops.begin(), loops.end(), [](const auto& one, const auto& other) {
+        return one->strangers().count() < other->strangers().count();
+    });
+}
+
+/// Not inherited by child processes from its first moment on, which is more than Asio does.
+int openSocket(int family) { return ::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); }
+
 [[noreturn]] void fail(const std::string& place, const std::string& cause)
 {
     throw std::runtime_error("Cannot listen on " + place + ": " + cause);
@@ -59,22 +74,16 @@ const std::shared_ptr<Loop>& leastBurdened(const std::vector<std::shared_ptr<Loo
 /// Whether somebody listens there.
 bool isAlive(const asio::local::stream_protocol::endpoint& endpoint)
 {
-    asio::io_context context;
-    asio::local::stream_protocol::socket socket(context);
-    error_code error;
-    socket.connect(endpoint, error);
-    return !error;
+    const common::FileDescriptor probe(openSocket(AF_UNIX));
+    const int result = ::connect(probe.number(), endpoint.data(), static_cast<socklen_t>(endpoint.size()));
+    return result == 0 || errno == EAGAIN; // a full backlog
 }
 
 bool hasIpv6Loopback()
 {
-    asio::io_context context;
-    tcp::acceptor probe(context);
-    error_code error;
-    probe.open(tcp::v6(), error);
-    if (!error)
-        probe.bind(tcp::endpoint(asio::ip::address_v6::loopback(), 0), error);
-    return !error;
+    const tcp::endpoint endpoint(asio::ip::address_v6::loopback(), 0);
+    const common::FileDescriptor probe(openSocket(AF_INET6));
+    return probe && ::bind(probe.number(), endpoint.data(), static_cast<socklen_t>(endpoint.size())) == 0;
 }
 
 /// Loopback has no bottleneck to look for, and a sender that paces itself (bbr) is up to three times slower there.
@@ -85,11 +94,11 @@ void withoutPacing(int listener)
     ::setsockopt(listener, IPPROTO_TCP, TCP_CONGESTION, kReno.data(), kReno.size());
 }
 
-bool isOfThisUser(Stream::Socket& socket)
+bool isOfThisUser(int socket)
 {
     ucred peer{};
     socklen_t length = sizeof(peer);
-    return ::getsockopt(socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
+    return ::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
            (peer.uid == ::geteuid() || peer.uid == 0);
 }
 
@@ -108,8 +117,11 @@ Acceptor::~Acceptor()
 
 void Acceptor::bind(const Protocol::endpoint& endpoint, const std::string& place)
 {
+    const int socket = openSocket(endpoint.protocol().family());
+    if (socket < 0)
+        fail(place, std::generic_category().message(errno));
     error_code error;
-    acceptor_.open(endpoint.protocol(), error);
+    acceptor_.assign(endpoint.protocol(), socket, error);
     if (!error && endpoint.protocol().family() != AF_UNIX)
         acceptor_.set_option(asio::socket_base::reuse_address(true), error);
     if (!error && endpoint.protocol().family() == AF_INET6)
@@ -118,6 +130,7 @@ void Acceptor::bind(const Protocol::endpoint& endpoint, const std::string& place
         acceptor_.bind(endpoint, error);
     if (error)
         fail(place, error.message());
+    family_ = endpoint.protocol().family();
 }
 
 std::uint16_t Acceptor::listen(const std::string& address, std::uint16_t port)
@@ -196,24 +209,32 @@ void Acceptor::stop()
     pauseTimer_.cancel();
 }
 
-void Acceptor::acceptNext()
+void Acceptor::acceptLater()
 {
-    const auto loop = leastBurdened(loops_);
-    acceptor_.async_accept(loop->context(),
-                           [self = shared_from_this(), loop](const error_code& error, Stream::Socket socket) {
-                               if (!self->acceptor_.is_open())
-                                   return;
-                               if (!error)
-                                   self->accepted(std::move(socket), *loop);
-                               else if (error != asio::error::connection_aborted)
-                                   return self->pause();
-                               self->acceptNext();
-                           });
+    acceptor_.async_wait(asio::socket_base::wait_read, [self = shared_from_this()](const error_code& error) {
+        if (!error && self->acceptor_.is_open())
+            self->acceptSome();
+    });
 }
 
-void Acceptor::accepted(Stream::Socket socket, Loop& loop)
+void Acceptor::acceptSome()
+{
+    for (int i = 0; i < kMostAtOnce; ++i) {
+        const int socket = ::accept4(acceptor_.native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (socket >= 0)
+            accepted(socket);
+        else if (errno == EAGAIN || errno == EWOULDBLOCK)
+            break;
+        else if (errno != ECONNABORTED && errno != EINTR)
+            return pause();
+    }
+    acceptLater();
+}
+
+void Acceptor::accepted(int socket)
 {
     const bool isUnix = !unixPath_.empty();
+    common::FileDescriptor held(socket);
     if (isUnix && !isOfThisUser(socket))
         return;
     if (pausing_) {
@@ -225,12 +246,14 @@ void Acceptor::accepted(Stream::Socket socket, Loop& loop)
     const bool welcome = open < core_.maxConnections;
     if (!welcome && ++core_.turnedAway > 0 && open >= core_.maxConnections + kMaxTurnedAway)
         return;
+    const auto& loop = welcome ? leastBurdened(loops_) : withMostStrangers(loops_);
     // Counted from here on, so that a burst cannot slip past the limit on its way to the loops.
-    auto counted = std::make_unique<ConnectionCount>(loop.sharedCore());
-    asio::post(loop.context(), [target = loop.weak_from_this(), socket = std::move(socket), isUnix, welcome,
-                                counted = std::move(counted)]() mutable {
+    auto counted = std::make_unique<ConnectionCount>(loop->sharedCore());
+    Stream::Socket stream(loop->context(), Protocol(family_, 0), held.release());
+    asio::post(loop->context(), [target = std::weak_ptr(loop), stream = std::move(stream), isUnix, welcome,
+                                 counted = std::move(counted)]() mutable {
         if (const auto alive = target.lock())
-            alive->adopt(std::move(socket), isUnix, welcome, std::move(counted));
+            alive->adopt(std::move(stream), isUnix, welcome, std::move(counted));
     });
 }
 
@@ -243,7 +266,7 @@ void Acceptor::pause()
     pauseTimer_.expires_after(kPauseAfterFailure);
     pauseTimer_.async_wait([self = shared_from_this()](const error_code& error) {
         if (!error && self->acceptor_.is_open())
-            self->acceptNext();
+            self->acceptSome();
     });
 }
 

@@ -29,20 +29,22 @@ public:
     /// The same for a Unix-domain socket, which only this user can reach. A file that a process left behind is
     /// replaced.
     void listenUnix(const std::string& path);
-    void start() { acceptNext(); }
+    void start() { acceptLater(); }
     /// On the first loop's thread.
     void stop();
 
 private:
     void bind(const Protocol::endpoint& endpoint, const std::string& place);
-    void acceptNext();
-    void accepted(Stream::Socket socket, Loop& loop);
+    void acceptLater();
+    void acceptSome();
+    void accepted(int socket);
     void pause();
 
     std::vector<std::shared_ptr<Loop>> loops_;
     ServerCore& core_;
     boost::asio::basic_socket_acceptor<Protocol> acceptor_;
     boost::asio::steady_timer pauseTimer_;
+    int family_ = 0;
     std::string unixPath_;
     bool pausing_ = false;
 };

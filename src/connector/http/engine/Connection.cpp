@@ -1,5 +1,7 @@
 #include "connector/http/engine/Connection.h"
 
+#include <algorithm>
+
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/ip/tcp.hpp>
 
@@ -12,7 +14,6 @@ using boost::system::error_code;
 
 namespace {
 
-constexpr std::size_t kDrainReadBytes = 16u << 10;
 constexpr std::size_t kMaxLingerBytes = 4u << 20;
 
 } // namespace
@@ -21,6 +22,7 @@ Connection::Connection(Stream stream, Loop& loop, std::unique_ptr<ConnectionCoun
     : loop_(loop), count_(std::move(count)), stream_(std::move(stream)),
       ends_(endsOf(stream_.socket().native_handle())), requests_(*this, stream_, buffer_, loop)
 {
+    stranger_.emplace(loop.strangers(), *this);
     if (ends_.localPort != 0) {
         error_code ignored;
         stream_.socket().set_option(asio::ip::tcp::no_delay(true), ignored);
@@ -69,6 +71,7 @@ void Connection::close()
         return;
     const auto self = shared_from_this();
     state_ = State::closed;
+    stranger_.reset();
     requests_.cutOff();
     stream_.close();
     loop_.remove(*this);
@@ -99,10 +102,19 @@ void Connection::watch(std::size_t limit)
     }
     if (!buffer_.makeRoom(limit))
         return;
+    if (stranger_)
+        stranger_->hold(std::max(buffer_.capacity(), ReadBuffer::kIdleBytes) - ReadBuffer::kIdleBytes);
     reading_ = true;
     stream_.async_read_some(
         asio::buffer(buffer_.room(), buffer_.roomBytes()),
         [self = self()](const error_code& error, std::size_t count) { self->onRead(error, count); });
+}
+
+bool Connection::isStranger()
+{
+    if (stranger_ && admission_->isGranted())
+        stranger_.reset();
+    return stranger_.has_value();
 }
 
 void Connection::cancelRead()
@@ -144,14 +156,15 @@ void Connection::linger()
     });
 }
 
-/// Past TLS: what the client still sends does not matter.
+/// Past TLS: what the client still sends does not matter, and others may write over it.
 void Connection::drain()
 {
-    buffer_.consume(buffer_.size());
-    buffer_.makeRoom(kDrainReadBytes);
+    buffer_.clear();
+    if (stranger_)
+        stranger_->hold(0);
     draining_ = true;
     reading_ = true;
-    stream_.socket().async_read_some(asio::buffer(buffer_.room(), buffer_.roomBytes()),
+    stream_.socket().async_read_some(asio::buffer(loop_.scratch().data(), loop_.scratch().size()),
                                      [self = self()](const error_code& error, std::size_t count) {
                                          self->reading_ = false;
                                          self->drainedBytes_ += count;
@@ -168,6 +181,7 @@ void Connection::becomeWebSocket(const UpgradeAsked& asked, const HttpResponse& 
 {
     const auto self = shared_from_this();
     state_ = State::closed;
+    stranger_.reset();
     stream_.putBack(buffer_.view());
     loop_.remove(*this);
     startWebSocket(std::move(stream_), loop_, std::move(count_), asked, response);

@@ -3,12 +3,14 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "connector/http/engine/Loop.h"
 #include "connector/http/engine/Peer.h"
 #include "connector/http/engine/ReadBuffer.h"
 #include "connector/http/engine/RequestCycle.h"
 #include "connector/http/engine/SocketEnds.h"
+#include "connector/http/engine/Strangers.h"
 #include "connector/http/engine/Stream.h"
 #include "connector/http/engine/UpgradeAsked.h"
 
@@ -32,8 +34,14 @@ public:
     bool isLate(Clock::time_point now) const noexcept override;
     void giveUp() override;
 
+    /// Closing it would cost somebody the answer that is being made.
+    bool isServed() const noexcept { return state_ == State::open && requests_.isServing(); }
+
     // For the request cycle.
     const SocketEnds& ends() const noexcept { return ends_; }
+    const std::shared_ptr<Admission>& admission() const noexcept { return admission_; }
+    /// Nobody has let its client in so far.
+    bool isStranger();
     /// Keeps one read outstanding, unless `limit` bytes wait already.
     void watch(std::size_t limit);
     bool isReading() const noexcept { return reading_; }
@@ -66,6 +74,8 @@ private:
     std::unique_ptr<ConnectionCount> count_;
     Stream stream_;
     const SocketEnds ends_;
+    const std::shared_ptr<Admission> admission_ = std::make_shared<Admission>();
+    std::optional<Strangers::Place> stranger_;
 
     State state_ = State::open;
     Clock::time_point deadline_ = Clock::time_point::max();

@@ -10,16 +10,23 @@ namespace connector::http::engine {
 
 namespace {
 
-bool isText(const HttpResponse& response) noexcept
+bool isSimple(const HttpResponse& response) noexcept
 {
-    return response.parts.empty() && !response.producer && !response.upgrade;
+    return response.status < 400 && response.parts.empty() && !response.producer && !response.upgrade;
 }
 
 } // namespace
 
+void DirectAnswer::allow()
+{
+    std::lock_guard lock(mutex_);
+    if (state_ == State::waiting)
+        state_ = State::open;
+}
+
 DirectAnswer::Sent DirectAnswer::send(const HttpResponse& response)
 {
-    if (!isText(response))
+    if (!isSimple(response))
         return {};
     const bool withBody = !terms_.withoutBody && hasBody(response.status);
     Sent sent;

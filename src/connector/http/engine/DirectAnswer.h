@@ -24,7 +24,11 @@ public:
     /// `socket` stays open until `revoke`, and is not one that speaks TLS.
     DirectAnswer(int socket, const ResponseTerms& terms) : socket_(socket), terms_(terms) {}
 
-    /// Sends what the socket takes at once; nothing of a body that is not all text. Any thread, once.
+    /// Nothing is sent before this. The connection's thread.
+    void allow();
+
+    /// Sends what the socket takes at once; nothing of a body that is not all text, and no refusal, which may be the
+    /// connection's last answer. Any thread, once.
     Sent send(const HttpResponse& response);
 
     /// The connection's thread: nothing is sent from now on. False when something was.
@@ -33,6 +37,7 @@ public:
 private:
     enum class State
     {
+        waiting,
         open,
         revoked,
         sent
@@ -41,7 +46,7 @@ private:
     const int socket_;
     const ResponseTerms terms_;
     std::mutex mutex_; ///< held while sending, which does not block
-    State state_ = State::open;
+    State state_ = State::waiting;
 };
 
 } // namespace connector::http::engine

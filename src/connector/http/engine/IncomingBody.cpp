@@ -14,10 +14,9 @@ constexpr std::uint64_t kSlowestUpload = 256u << 10;
 void IncomingBody::begin(const RequestHead& head)
 {
     reader_.emplace(head, core_->limits.bodyBytes);
-    bytes_ = 0;
+    store_.begin(reader_->announced());
     complete_ = false;
-    beginning_.clear();
-    begun_ = Clock::now();
+    refused_ = {};
 }
 
 bool IncomingBody::isSlow(Clock::time_point now) const noexcept
@@ -28,47 +27,24 @@ bool IncomingBody::isSlow(Clock::time_point now) const noexcept
     return static_cast<double>(bytes_) < seconds * static_cast<double>(core_->settings.minBodyRate);
 }
 
-/// What the buffer has of the body; it stays there until it is consumed.
-IncomingBody::Portion IncomingBody::nextPortion(const ReadBuffer& buffer)
+IncomingBody::State IncomingBody::read(ReadBuffer& buffer)
 {
     std::string_view bytes = buffer.view();
-    Portion portion;
+    std::string_view content;
     const auto before = bytes.size();
-    portion.state = reader_->read(bytes, portion.content);
-    portion.used = before - bytes.size();
-    bytes_ += portion.used;
-    complete_ = portion.state == BodyReader::State::complete;
-    return portion;
-}
+    const auto state = reader_->read(bytes, content);
+    const auto used = before - bytes.size();
+    buffer.consume(used); // `content` stays where it is until the next read
+    bytes_ += used;
 
-IncomingBody::State IncomingBody::read(ReadBuffer& buffer, std::string& text)
-{
-    const auto portion = nextPortion(buffer);
-    if (portion.state == BodyReader::State::refused)
+    if (state == BodyReader::State::refused)
         return refuse(reader_->refused());
-    const bool kept = keep(portion.content, text);
-    buffer.consume(portion.used);
-    if (!kept)
-        return refuse({503, "Too many large requests at a time."});
-    if (complete_)
-        return State::complete;
-    return text.size() > core_->settings.memoryBodyBytes ? State::large : State::needMore;
-}
-
-/// Counts what has arrived of the body; false when all bodies together are too large.
-bool IncomingBody::keep(std::string_view content, std::string& text)
-{
-    if (content.empty())
-        return true;
-    // Room follows what has arrived, not what was announced; the last step is exact.
-    if (text.capacity() < text.size() + content.size() && announced())
-        text.reserve(static_cast<std::size_t>(
-            std::min<std::uint64_t>(text.size() + content.size() + reader_->left(),
-                                    std::max<std::uint64_t>(text.size() + content.size(), text.capacity() * 2))));
-    text.append(content);
-    if (!hold_)
-        hold_ = std::make_shared<BodyHold>(core_);
-    return hold_->growTo(text.size());
+    if (reception_ && store_.size() + content.size() > reception_->maxBytes)
+        return refuse({413, "The request body is too large."});
+    if (const auto refused = store_.append(content))
+        return refuse(*refused);
+    complete_ = state == BodyReader::State::complete;
+    return complete_ ? State::complete : State::needMore;
 }
 
 IncomingBody::State IncomingBody::refuse(const Refused& refused)
@@ -77,43 +53,42 @@ IncomingBody::State IncomingBody::refuse(const Refused& refused)
     return State::refused;
 }
 
-IncomingBody::State IncomingBody::beginUpload(Promise<SpooledBody> promise, std::uint64_t maxBytes)
+IncomingBody::State IncomingBody::beginReception(Promise<ReceivedBody> promise, std::uint64_t maxBytes)
 {
-    upload_.emplace(core_, std::move(promise), maxBytes);
-    if (const auto refused = upload_->append(beginning_))
-        return refuse(*refused);
-    dropBeginning();
-    release();
+    reception_.emplace(Reception{std::move(promise), maxBytes});
     begun_ = Clock::now();
     bytes_ = 0;
+    if (std::max(announced().value_or(0), store_.size()) > maxBytes)
+        return refuse({413, "The request body is too large."});
+    if (const auto refused = store_.ask())
+        return refuse(*refused);
     return State::needMore;
 }
 
-IncomingBody::State IncomingBody::readUpload(ReadBuffer& buffer)
+Promise<ReceivedBody> IncomingBody::takePromise()
 {
-    const auto portion = nextPortion(buffer);
-    if (portion.state == BodyReader::State::refused)
-        return refuse(reader_->refused());
-    if (const auto refused = upload_->append(portion.content))
-        return refuse(*refused);
-    buffer.consume(portion.used);
-    return complete_ ? State::complete : State::needMore;
+    auto promise = std::move(reception_->promise);
+    reception_.reset();
+    return promise;
 }
 
-Upload IncomingBody::takeUpload()
+void IncomingBody::deliver() { takePromise().setValue(store_.take()); }
+
+void IncomingBody::fail(const Refused& refused)
 {
-    Upload taken = std::move(*upload_);
-    upload_.reset();
-    return taken;
+    refused_ = refused;
+    store_.drop();
+    takePromise().setException(HttpFault(refused.status, refused.text));
 }
 
-void IncomingBody::dropUpload()
+void IncomingBody::drop()
 {
-    if (upload_)
-        takeUpload().drop();
+    store_.drop();
+    if (reception_)
+        takePromise().setException(FutureCancelled());
 }
 
-std::chrono::milliseconds IncomingBody::uploadTime(std::uint64_t maxBytes) const
+std::chrono::milliseconds IncomingBody::receptionTime(std::uint64_t maxBytes) const
 {
     const std::uint64_t most = announced().value_or(std::min(maxBytes, core_->limits.bodyBytes));
     return core_->settings.bodyTimeout + std::chrono::seconds(most / kSlowestUpload);

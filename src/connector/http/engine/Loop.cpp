@@ -82,6 +82,7 @@ void Loop::adopt(Stream::Socket socket, bool isUnix, bool welcome, std::unique_p
 {
     if (stopping_)
         return;
+    welcome = welcome || strangers_.dismissOne();
     Stream stream(std::move(socket), isUnix ? nullptr : core_->tls.get());
     auto connection = std::make_shared<Connection>(std::move(stream), *this, std::move(count));
     add(connection);

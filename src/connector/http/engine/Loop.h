@@ -18,6 +18,7 @@
 
 #include "connector/http/engine/ResponseHead.h"
 #include "connector/http/engine/ServerCore.h"
+#include "connector/http/engine/Strangers.h"
 #include "connector/http/engine/Stream.h"
 #include "platform/fl/adaptive_spin.h"
 
@@ -93,7 +94,10 @@ public:
     /// A client's bytes were read, or a message taken from them; there may be more, for the same receivers.
     void noteInput() noexcept { ++inputs_; }
 
-    /// `welcome` is false for a connection beyond the limit, which gets 503.
+    /// Those of its clients that nobody has let in yet.
+    Strangers& strangers() noexcept { return strangers_; }
+
+    /// `welcome` is false for a connection beyond the limit: a stranger leaves for it, or it gets 503.
     void adopt(Stream::Socket socket, bool isUnix, bool welcome, std::unique_ptr<ConnectionCount> count);
     /// A connection that became something else.
     void add(std::shared_ptr<Peer> peer);
@@ -136,7 +140,8 @@ private:
     void sweep();
     void measureLoad();
 
-    const std::shared_ptr<ServerCore> core_; // before the context, whose end may destroy connections
+    const std::shared_ptr<ServerCore> core_; // these two before the context, whose end may destroy connections
+    Strangers strangers_;
     boost::asio::io_context context_{1};
     std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> work_;
     boost::asio::steady_timer sweepTimer_;

@@ -7,6 +7,7 @@
 #include <Poco/Net/SSLManager.h>
 #include <boost/asio/post.hpp>
 
+#include "connector/common/MemoryKeeper.h"
 #include "connector/common/Thread.h"
 #include "connector/http/engine/Acceptor.h"
 #include "connector/http/engine/Loop.h"
@@ -79,6 +80,7 @@ struct PocoHttpsServer::Run
     std::vector<std::shared_ptr<engine::Acceptor>> acceptors;
     std::vector<std::thread> threads;
     std::uint16_t port = 0;
+    common::MemoryKeeper memory;
 
     void stop()
     {

@@ -41,6 +41,10 @@ public:
             resize(capacity);
     }
 
+    /// Gives everything back.
+    void clear() noexcept { *this = ReadBuffer(); }
+
+    std::size_t capacity() const noexcept { return capacity_; }
     char* room() noexcept { return bytes_.get() + end_; }
     std::size_t roomBytes() const noexcept { return capacity_ - end_; }
     void commit(std::size_t count) noexcept { end_ += count; }

@@ -1,4 +1,4 @@
-#include "connector/http/engine/PendingBody.h"
+#include "connector/http/engine/RemoteBody.h"
 
 #include <boost/asio/post.hpp>
 
@@ -6,9 +6,9 @@
 
 namespace connector::http::engine {
 
-Future<SpooledBody> PendingBody::receive(std::uint64_t maxBytes)
+Future<ReceivedBody> RemoteBody::receive(std::uint64_t maxBytes)
 {
-    Promise<SpooledBody> promise;
+    Promise<ReceivedBody> promise;
     auto received = promise.future();
     if (const auto loop = loop_.lock())
         boost::asio::post(loop->context(),

@@ -10,17 +10,17 @@ namespace connector::http::engine {
 class Loop;
 class RequestCycle;
 
-/// The large body of one request, whose connection may be gone by now.
-class PendingBody final : public LargeBody
+/// What a request knows of its body, whose connection may be gone by now.
+class RemoteBody final : public PendingBody
 {
 public:
-    PendingBody(std::weak_ptr<RequestCycle> cycle, std::weak_ptr<Loop> loop, std::uint64_t requestNumber,
-                std::optional<std::uint64_t> announced)
+    RemoteBody(std::weak_ptr<RequestCycle> cycle, std::weak_ptr<Loop> loop, std::uint64_t requestNumber,
+               std::optional<std::uint64_t> announced)
         : cycle_(std::move(cycle)), loop_(std::move(loop)), requestNumber_(requestNumber), announced_(announced)
     {}
 
     std::optional<std::uint64_t> announcedBytes() const override { return announced_; }
-    Future<SpooledBody> receive(std::uint64_t maxBytes) override;
+    Future<ReceivedBody> receive(std::uint64_t maxBytes) override;
 
 private:
     const std::weak_ptr<RequestCycle> cycle_;

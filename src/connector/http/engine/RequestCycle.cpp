@@ -43,10 +43,8 @@ void RequestCycle::stop()
             return; // the answer is under way; `receiveAnswer` goes on
         respond(refusal(false, 503, kStopping));
         abandon();
-    } else if (intake_.state() == RequestIntake::State::readingBody) {
-        respond(refusal(false, 503, kStopping));
-    } else if (state_ != State::writing && intake_.state() != RequestIntake::State::sendingContinue) {
-        connection_.close(); // the end of "100 Continue" sees that the loop stops
+    } else if (state_ != State::writing) {
+        connection_.close();
     }
 }
 
@@ -75,13 +73,13 @@ void RequestCycle::abandon()
 {
     if (!served_.isInFlight())
         return;
-    intake_.body().dropUpload();
+    intake_.body().drop();
     served_.abandon();
 }
 
 void RequestCycle::onInput()
 {
-    if (state_ == State::serving && !intake_.body().isUploading())
+    if (state_ == State::serving && !intake_.body().isReceiving())
         connection_.watch(RequestIntake::kPipelineBytes);
     else
         intake_.onInput();
@@ -97,7 +95,7 @@ bool RequestCycle::onReadEnded()
 
 void RequestCycle::onPeerClosed(bool broken)
 {
-    const bool served = state_ == State::serving && !intake_.body().isUploading();
+    const bool served = state_ == State::serving && !intake_.body().isReceiving();
     if (broken || (!served && state_ != State::writing))
         return connection_.close();
     if (served) {
@@ -129,16 +127,16 @@ void RequestCycle::serve(std::unique_ptr<HttpRequest> request)
     if (asksForWebSocket(*request))
         upgradeAsked_ = UpgradeAsked{request->target, request->authority, request->headers.get("Sec-WebSocket-Key"),
                                      request->headers.get("Sec-WebSocket-Extensions")};
-    const bool large = request->largeBody != nullptr;
+    const bool whole = request->pendingBody == nullptr;
     auto response = served_.begin(std::move(request), intake_.requestNumber(), terms_, intake_.body().hold());
     if (response)
         return respond(std::move(response));
     loop_.stayAwakeFor(this);
-    if (!large)
+    if (whole)
         connection_.watch(RequestIntake::kPipelineBytes);
 }
 
-void RequestCycle::receiveBody(std::uint64_t requestNumber, std::uint64_t maxBytes, Promise<SpooledBody> promise)
+void RequestCycle::receiveBody(std::uint64_t requestNumber, std::uint64_t maxBytes, Promise<ReceivedBody> promise)
 {
     if (state_ == State::serving && intake_.requestNumber() == requestNumber && !deferred_)
         intake_.receiveBody(maxBytes, std::move(promise));
@@ -189,12 +187,14 @@ void RequestCycle::respond(std::unique_ptr<HttpResponse> response)
     }
     state_ = State::writing;
     intake_.end();
+    const bool stranger = connection_.isStranger();
     if (response->upgrade)
         return upgrade(*response);
     // What is left of a body that nobody wanted cannot be told from a next request without reading it.
     const bool unread = intake_.body().isUnread();
     const bool untilEnd = response->producer && terms_.http10;
-    terms_.closing = terms_.closing || unread || untilEnd || loop_.isStopping();
+    const bool unwelcome = stranger && response->status >= 400;
+    terms_.closing = terms_.closing || unread || untilEnd || unwelcome || loop_.isStopping();
     terms_.keepAliveAsked = terms_.keepAliveAsked && !terms_.closing;
     auto head = writeHead(*response, loop_.date(), terms_);
     write(std::move(response), std::move(head), 0);
@@ -229,7 +229,7 @@ void RequestCycle::responseProgress(ResponseWriter::Progress progress)
 
 void RequestCycle::responseWritten()
 {
-    if (!terms_.closing && !loop_.isStopping())
+    if (!terms_.closing && !loop_.isStopping() && !intake_.body().isUnread())
         return begin();
     state_ = State::over;
     connection_.linger();

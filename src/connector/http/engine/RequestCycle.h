@@ -47,6 +47,8 @@ public:
     void abandon();
     bool isOver() const noexcept { return state_ == State::over; }
 
+    /// Somebody works on a request.
+    bool isServing() const noexcept { return state_ == State::serving; }
     /// Nothing goes on without more bytes from the client.
     bool needsInput() const noexcept { return intake_.needsInput(); }
     /// There is more in the buffer.
@@ -66,8 +68,10 @@ public:
     /// Writes the answer that waited for "100 Continue"; false when there is none yet.
     bool respondDeferred();
 
-    /// For the large body of request `requestNumber`, if that is still served.
-    void receiveBody(std::uint64_t requestNumber, std::uint64_t maxBytes, Promise<SpooledBody> promise);
+    /// For the rest of the body of request `requestNumber`, if that is still served.
+    void receiveBody(std::uint64_t requestNumber, std::uint64_t maxBytes, Promise<ReceivedBody> promise);
+    /// The request at work has its body; it is about to be told.
+    void onWholeBody() { served_.allowDirect(); }
     /// The late answer to request `requestNumber`, if that is still served.
     void receiveAnswer(std::uint64_t requestNumber, std::unique_ptr<HttpResponse> response, DirectAnswer::Sent sent);
 

@@ -4,7 +4,7 @@
 #include <boost/asio/write.hpp>
 
 #include "connector/http/engine/Connection.h"
-#include "connector/http/engine/PendingBody.h"
+#include "connector/http/engine/RemoteBody.h"
 #include "connector/http/engine/RequestCycle.h"
 
 namespace connector::http::engine {
@@ -14,12 +14,12 @@ using boost::system::error_code;
 
 namespace {
 
-constexpr std::size_t kBodyReadBytes = 64u << 10;
-constexpr std::size_t kUploadReadBytes = 256u << 10;
+constexpr std::size_t kBodyReadBytes = 256u << 10;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
-std::unique_ptr<HttpRequest> makeRequest(RequestHead& head, const SocketEnds& ends, bool secure)
+std::unique_ptr<HttpRequest> makeRequest(RequestHead& head, const Connection& connection, bool secure)
 {
+    const SocketEnds& ends = connection.ends();
     auto request = std::make_unique<HttpRequest>();
     request->method = std::move(head.method);
     request->target = std::move(head.target);
@@ -31,6 +31,7 @@ std::unique_ptr<HttpRequest> makeRequest(RequestHead& head, const SocketEnds& en
     request->localPort = ends.localPort;
     request->secure = secure;
     request->keepAlive = head.keepAlive;
+    request->admission = connection.admission();
     return request;
 }
 
@@ -58,10 +59,8 @@ void RequestIntake::onInput()
 {
     if (state_ == State::readingHead)
         readHead();
-    else if (state_ == State::readingBody)
+    else if (body_.isReceiving())
         readBody();
-    else if (body_.isUploading())
-        readUpload();
 }
 
 void RequestIntake::cutOff()
@@ -73,19 +72,15 @@ void RequestIntake::cutOff()
 void RequestIntake::end()
 {
     cutOff();
-    request_.reset();
-    body_.dropUpload();
-    body_.dropBeginning();
+    body_.drop();
 }
 
 bool RequestIntake::giveUp()
 {
     if (state_ == State::readingHead && headBegun_)
         cycle_.refuse({408, "The request head took too long."});
-    else if (state_ == State::readingBody)
-        cycle_.refuse({408, "The request body took too long."});
-    else if (body_.isUploading())
-        failUpload({408, "The request body took too long."});
+    else if (body_.isReceiving())
+        failBody({408, "The request body took too long."});
     else
         return false;
     return true;
@@ -118,92 +113,43 @@ void RequestIntake::beginBody()
     ++requestNumber_;
     cycle_.onHead(head);
     continueAsked_ = head.expectsContinue && (head.chunked || head.contentLength > 0) && buffer_.size() == 0;
-    request_ = makeRequest(head, connection_.ends(), stream_.isTls());
+    auto request = makeRequest(head, connection_, stream_.isTls());
 
+    state_ = State::ended;
     body_.begin(head);
-    state_ = State::readingBody;
-    connection_.setDeadline(body_.begun() + core_.settings.bodyTimeout);
-    if (body_.isAnnouncedLarge())
-        makeLarge();
-    else if (continueAsked_)
+    switch (body_.read(buffer_)) {
+    case IncomingBody::State::refused:
+        return cycle_.refuse(body_.refused());
+    case IncomingBody::State::complete:
+        request->body = body_.takeText();
+        break;
+    case IncomingBody::State::needMore:
+        request->pendingBody =
+            std::make_shared<RemoteBody>(cycle_.self(), loop_.weak_from_this(), requestNumber_, body_.announced());
+        break;
+    }
+    cycle_.serve(std::move(request));
+}
+
+void RequestIntake::receiveBody(std::uint64_t maxBytes, Promise<ReceivedBody> promise)
+{
+    if (!body_.isAwaited()) {
+        promise.setException(FutureCancelled());
+        return;
+    }
+    if (body_.beginReception(std::move(promise), maxBytes) == IncomingBody::State::refused)
+        return failBody(body_.refused());
+    if (!connection_.isReading())
+        buffer_.growTo(static_cast<std::size_t>(
+            std::min<std::uint64_t>(body_.announced().value_or(kBodyReadBytes), kBodyReadBytes)));
+    connection_.allow(body_.receptionTime(maxBytes));
+    if (continueAsked_)
         sendContinue();
     else
         readBody();
 }
 
 void RequestIntake::sendContinue()
-{
-    state_ = State::sendingContinue;
-    asio::async_write(stream_, asio::buffer(kContinue), [this, cycle = cycle_.self()](const error_code& error, auto) {
-        if (state_ != State::sendingContinue)
-            return;
-        if (error)
-            return connection_.close();
-        continueAsked_ = false;
-        state_ = State::readingBody;
-        if (loop_.isStopping())
-            cycle_.stop();
-        else
-            readBody();
-    });
-}
-
-void RequestIntake::readBody()
-{
-    switch (body_.read(buffer_, request_->body)) {
-    case IncomingBody::State::refused:
-        cycle_.refuse(body_.refused());
-        break;
-    case IncomingBody::State::complete:
-        state_ = State::ended;
-        cycle_.serve(std::move(request_));
-        break;
-    case IncomingBody::State::large:
-        makeLarge();
-        break;
-    case IncomingBody::State::needMore:
-        if (request_->body.size() > kBodyReadBytes)
-            buffer_.growTo(kBodyReadBytes);
-        connection_.watch(kBodyReadBytes);
-        break;
-    }
-}
-
-/// Has the request served before its body is there; who wants the body asks for it.
-void RequestIntake::makeLarge()
-{
-    body_.setAside(std::move(request_->body));
-    request_->body.clear();
-    request_->largeBody =
-        std::make_shared<PendingBody>(cycle_.self(), loop_.weak_from_this(), requestNumber_, body_.announced());
-    state_ = State::ended;
-    cycle_.serve(std::move(request_));
-}
-
-void RequestIntake::receiveBody(std::uint64_t maxBytes, Promise<SpooledBody> promise)
-{
-    if (body_.isUploading() || body_.isComplete())
-        promise.setException(FutureCancelled());
-    else if (body_.announced().value_or(0) > maxBytes)
-        promise.setException(HttpFault(413, "The request body is too large."));
-    else
-        beginUpload(std::move(promise), maxBytes);
-}
-
-void RequestIntake::beginUpload(Promise<SpooledBody> promise, std::uint64_t maxBytes)
-{
-    if (body_.beginUpload(std::move(promise), maxBytes) == IncomingBody::State::refused)
-        return failUpload(body_.refused());
-    if (!connection_.isReading())
-        buffer_.growTo(kUploadReadBytes);
-    connection_.allow(body_.uploadTime(maxBytes));
-    if (continueAsked_)
-        sendContinueForUpload();
-    else
-        readUpload();
-}
-
-void RequestIntake::sendContinueForUpload()
 {
     continueAsked_ = false;
     continuePending_ = true;
@@ -213,40 +159,41 @@ void RequestIntake::sendContinueForUpload()
             return;
         if (error)
             return connection_.close();
-        if (!cycle_.respondDeferred() && body_.isUploading())
-            readUpload();
+        if (!cycle_.respondDeferred() && body_.isReceiving())
+            readBody();
     });
 }
 
-void RequestIntake::readUpload()
+void RequestIntake::readBody()
 {
-    switch (body_.readUpload(buffer_)) {
+    switch (body_.read(buffer_)) {
     case IncomingBody::State::refused:
-        failUpload(body_.refused());
+        failBody(body_.refused());
         break;
     case IncomingBody::State::complete:
-        endUpload();
+        endBody();
         break;
-    default:
-        connection_.watch(kUploadReadBytes);
+    case IncomingBody::State::needMore:
+        connection_.watch(kBodyReadBytes);
         break;
     }
 }
 
-void RequestIntake::endUpload()
+void RequestIntake::endBody()
 {
     connection_.clearDeadline();
-    Upload complete = body_.takeUpload();
-    buffer_.shrink();
+    if (!connection_.isReading())
+        buffer_.shrink();
     connection_.watch(kPipelineBytes);
-    complete.finish();
+    cycle_.onWholeBody();
+    body_.deliver();
 }
 
-void RequestIntake::failUpload(const Refused& refused)
+void RequestIntake::failBody(const Refused& refused)
 {
     ++core_.refusedRequests;
     connection_.clearDeadline();
-    body_.takeUpload().fail(refused);
+    body_.fail(refused);
 }
 
 } // namespace connector::http::engine

@@ -16,9 +16,9 @@ namespace connector::http::engine {
 class Connection;
 class RequestCycle;
 
-/// Takes one request after the other out of the bytes that arrive: the head, "100 Continue" where it is asked for, and
-/// the body, or as much of it as goes before the request is served. Part of a request cycle, which gets the request or
-/// why it is refused; on its loop's thread.
+/// Takes one request after the other out of the bytes that arrive: the head with what came along of the body, and, once
+/// a service wants it, the rest of the body, with "100 Continue" where that is asked for. Part of a request cycle,
+/// which gets the request or why it is refused; on its loop's thread.
 class RequestIntake
 {
 public:
@@ -27,9 +27,7 @@ public:
     enum class State
     {
         readingHead,
-        sendingContinue,
-        readingBody,
-        ended ///< the request is the cycle's; its large body may still be uploaded
+        ended ///< the request is the cycle's; the rest of its body may still be received
     };
 
     /// Pipelined bytes that are kept while a request is served; a client that sends more waits.
@@ -44,20 +42,19 @@ public:
     void onInput();
     /// The answer is being written, without what is still to come.
     void end();
-    /// The connection is closed; who waits for a large body is not told by this.
+    /// The connection is closed; who waits for a body is not told by this.
     void cutOff();
 
-    State state() const noexcept { return state_; }
     std::uint64_t requestNumber() const noexcept { return requestNumber_; }
     IncomingBody& body() noexcept { return body_; }
     const IncomingBody& body() const noexcept { return body_; }
-    bool needsInput() const noexcept { return state_ == State::readingHead || isReceiving(); }
-    bool isLate(Clock::time_point now) const noexcept { return isReceiving() && body_.isSlow(now); }
+    bool needsInput() const noexcept { return state_ == State::readingHead || body_.isReceiving(); }
+    bool isLate(Clock::time_point now) const noexcept { return body_.isReceiving() && body_.isSlow(now); }
     /// Refuses what takes too long; false when nothing is awaited that could be refused.
     bool giveUp();
 
-    /// For the large body of the request that is served.
-    void receiveBody(std::uint64_t maxBytes, Promise<SpooledBody> promise);
+    /// For the rest of the body of the request that is served.
+    void receiveBody(std::uint64_t maxBytes, Promise<ReceivedBody> promise);
     /// "100 Continue" is being written while the request is served.
     bool isContinuePending() const noexcept { return continuePending_; }
 
@@ -66,13 +63,8 @@ private:
     void beginBody();
     void sendContinue();
     void readBody();
-    void makeLarge();
-    void beginUpload(Promise<SpooledBody> promise, std::uint64_t maxBytes);
-    void sendContinueForUpload();
-    void readUpload();
-    void endUpload();
-    void failUpload(const Refused& refused);
-    bool isReceiving() const noexcept { return state_ == State::readingBody || body_.isUploading(); }
+    void endBody();
+    void failBody(const Refused& refused);
 
     RequestCycle& cycle_;
     Connection& connection_;
@@ -85,7 +77,6 @@ private:
     std::uint64_t requestNumber_ = 0;
     bool headBegun_ = false;
     std::optional<RequestHeadReader> reader_;
-    std::unique_ptr<HttpRequest> request_;
     IncomingBody body_;
     bool continueAsked_ = false;
     bool continuePending_ = false;

@@ -15,7 +15,7 @@ std::unique_ptr<HttpResponse> ServedRequest::begin(std::unique_ptr<HttpRequest> 
                                                    const ResponseTerms& terms, const std::shared_ptr<BodyHold>& hold)
 {
     RequestTrace trace{request->method + " " + request->path, prefersJson(request->headers)};
-    const bool large = request->largeBody != nullptr;
+    const bool whole = request->pendingBody == nullptr;
     inFlight_ = true;
     ++core_.requests;
     ++core_.requestsInFlight;
@@ -26,9 +26,11 @@ std::unique_ptr<HttpResponse> ServedRequest::begin(std::unique_ptr<HttpRequest> 
             response = takeResponse(exchange.answer, trace, core_);
         } else {
             cancellation_ = std::move(exchange.cancellation);
-            // The answer to a request whose body is still on its way depends on how much of it came.
-            if (!stream_.isTls() && !large)
+            if (!stream_.isTls())
                 direct_ = std::make_shared<DirectAnswer>(stream_.socket().native_handle(), terms);
+            // Whether an answer is the last one depends on how much of the body came.
+            if (whole)
+                allowDirect();
             pending_ = exchange.answer.then(bringLater(trace, number, hold));
         }
     } catch (...) {

@@ -32,6 +32,12 @@ public:
     void end();
     /// Nobody waits any more. Does nothing when there is an answer.
     void abandon();
+    /// The whole body is there: another thread may send the answer from now on.
+    void allowDirect()
+    {
+        if (direct_)
+            direct_->allow();
+    }
     /// Nothing is sent by another thread from now on. False when something was.
     bool revokeDirect() { return !direct_ || direct_->revoke(); }
     /// Tells the handler that the client may be gone; its answer still counts.

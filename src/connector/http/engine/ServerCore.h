@@ -2,24 +2,13 @@
 
 #include <atomic>
 #include <chrono>
-#include <limits>
-
-#include <sys/resource.h>
 
 #include "connector/http/PocoHttpsServer.h"
+#include "connector/http/engine/DescriptorLimit.h"
 #include "connector/http/engine/RequestHead.h"
 #include "connector/http/engine/TlsContext.h"
 
 namespace connector::http::engine {
-
-/// Leaves the host descriptors to open files with.
-inline std::size_t affordableConnections() noexcept
-{
-    rlimit descriptors{};
-    if (getrlimit(RLIMIT_NOFILE, &descriptors) != 0 || descriptors.rlim_cur == RLIM_INFINITY)
-        return std::numeric_limits<std::size_t>::max();
-    return static_cast<std::size_t>(descriptors.rlim_cur / 4 * 3);
-}
 
 /// What all connections of one server share.
 struct ServerCore
@@ -28,7 +17,7 @@ struct ServerCore
         : settings(std::move(serverSettings)), handler(std::move(serverHandler)),
           idleTimeout(settings.parameters->getKeepAliveTimeout().totalMilliseconds()),
           writeTimeout(settings.parameters->getTimeout().totalMilliseconds()),
-          maxConnections(std::min(settings.maxConnections, affordableConnections()))
+          maxConnections(affordableConnections(settings.maxConnections))
     {
         limits.headBytes = settings.maxHeadBytes;
         limits.bodyBytes = settings.maxBodyBytes;
