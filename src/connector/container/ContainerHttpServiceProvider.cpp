@@ -61,23 +61,6 @@ std::unique_ptr<ContainerRequest> read(const json::JsonSerializer& serializer, c
     return std::unique_ptr<ContainerRequest>(static_cast<ContainerRequest*>(message.release()));
 }
 
-/// Reads the body and gives it away.
-std::unique_ptr<ContainerRequest> read(const json::JsonSerializer& serializer, http::ReceivedBody body, bool& bare)
-{
-    const bool trims = body.size > kTrimBytes;
-    std::string text = http::textOf(std::move(body));
-    std::unique_ptr<ContainerRequest> container;
-    try {
-        container = read(serializer, text, bare);
-    } catch (const json::JsonError& error) {
-        throw http::HttpFault(400, error.what());
-    }
-    text = {};
-    if (trims)
-        ::malloc_trim(0);
-    return container;
-}
-
 } // namespace
 
 ContainerHttpServiceProvider::ContainerHttpServiceProvider(std::shared_ptr<json::JsonSerializer> serializer)
@@ -93,48 +76,47 @@ MessageFuture ContainerHttpServiceProvider::post(Request&& request, Address&& re
         return makeReadyFuture<std::unique_ptr<Message>>(
             http::refusal(*request, 415, "Messages are posted as application/json."));
 
-    if (!request->pendingBody) {
-        const auto size = request->body.size();
-        try {
-            return handOn({std::move(request->body), nullptr, size}, rest, context);
-        } catch (...) {
-            return makeFailedFuture<std::unique_ptr<Message>>(std::current_exception());
-        }
-    }
+    const Way way{serializer_, std::move(rest), std::move(context), http::prefersJson(request->headers)};
+    if (!request->pendingBody)
+        return handOn(request->body, way);
     auto self = std::static_pointer_cast<ContainerHttpServiceProvider>(shared_from_this());
-    return request->pendingBody->receive(kMaxBytes).then([self, rest, context](Future<http::ReceivedBody> received) {
-        return self->handOn(received.get(), rest, context);
-    });
+    return request->pendingBody->receive(kMaxBytes).then(
+        [self, way](Future<http::ReceivedBody> received) { return self->takeTurn(received.get(), way); });
 }
 
-MessageFuture ContainerHttpServiceProvider::handOn(http::ReceivedBody body, const Address& rest,
-                                                   const std::shared_ptr<Context>& context)
+/// Reads the body on this thread when it is small.
+MessageFuture ContainerHttpServiceProvider::takeTurn(http::ReceivedBody body, const Way& way)
 {
-    if (body.size > kMaxBytes)
-        throw http::HttpFault(413, "The request body is too large.");
     if (body.size <= kLargeBytes)
-        return readAndHandOn(serializer_, std::move(body), rest, context);
+        return handOn(body.text, way);
     const auto turn = std::make_shared<Promise<bool>>();
-    auto held = std::make_shared<http::ReceivedBody>(std::move(body));
     // The thread that gives the turn goes on with what waits for it.
-    auto answer = turn->future().then([serializer = serializer_, held, rest, context](Future<bool> given) {
-        given.get();
-        return readAndHandOn(serializer, std::move(*held), rest, context);
-    });
+    auto answer =
+        turn->future().then([way, held = std::make_shared<http::ReceivedBody>(std::move(body))](Future<bool> given) {
+            given.get();
+            const bool trims = held->size > kTrimBytes;
+            auto handled = handOn(http::textOf(std::move(*held)), way);
+            if (trims)
+                ::malloc_trim(0);
+            return handled;
+        });
     if (!readers_.post([turn] { turn->setValue(true); }))
         turn->setException(http::HttpFault(503, "Too many large requests at a time."));
     return answer;
 }
 
-MessageFuture ContainerHttpServiceProvider::readAndHandOn(const std::shared_ptr<json::JsonSerializer>& serializer,
-                                                          http::ReceivedBody body, const Address& rest,
-                                                          const std::shared_ptr<Context>& context)
+MessageFuture ContainerHttpServiceProvider::handOn(const std::string& body, const Way& way)
 {
+    std::unique_ptr<ContainerRequest> container;
     bool bare = false;
-    auto container = read(*serializer, std::move(body), bare);
-    return context->connector()
-        ->handle(std::move(container), Address(rest), std::shared_ptr<Context>(context))
-        .then([serializer, bare](MessageFuture answer) -> std::unique_ptr<Message> {
+    try {
+        container = read(*way.serializer, body, bare);
+    } catch (const json::JsonError& error) {
+        return makeReadyFuture<std::unique_ptr<Message>>(http::refusal(way.answersJson, 400, error.what()));
+    }
+    return way.context->connector()
+        ->handle(std::move(container), Address(way.rest), std::shared_ptr<Context>(way.context))
+        .then([serializer = way.serializer, bare](MessageFuture answer) -> std::unique_ptr<Message> {
             auto message = answer.get();
             auto* response = dynamic_cast<ContainerResponse*>(message.get());
             if (!bare || !response)

@@ -26,9 +26,17 @@ protected:
     MessageFuture post(Request&& request, Address&& rest, std::shared_ptr<Context>&& context) override;
 
 private:
-    MessageFuture handOn(http::ReceivedBody body, const Address& rest, const std::shared_ptr<Context>& context);
-    static MessageFuture readAndHandOn(const std::shared_ptr<json::JsonSerializer>& serializer, http::ReceivedBody body,
-                                       const Address& rest, const std::shared_ptr<Context>& context);
+    /// What the rest of a request's way needs, on whichever thread.
+    struct Way
+    {
+        std::shared_ptr<json::JsonSerializer> serializer;
+        Address rest;
+        std::shared_ptr<Context> context;
+        bool answersJson; ///< also when it refuses
+    };
+
+    MessageFuture takeTurn(http::ReceivedBody body, const Way& way);
+    static MessageFuture handOn(const std::string& body, const Way& way);
 
     const std::shared_ptr<json::JsonSerializer> serializer_;
     common::WorkerPool readers_; ///< of large bodies
