@@ -95,6 +95,7 @@ class Children(unittest.TestCase):
             with self.assertRaises(ConnectionRefusedError):
                 socket.create_connection((where.hostname, where.port), TIMEOUT).close()
             with socket.socket() as other:
+                other.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)  # as servers do; who listens is in the way
                 other.bind((where.hostname, where.port))
                 other.listen()
 

@@ -15,6 +15,8 @@ from vendra_process import Vendra
 DEADLINE = 5  # seconds for any one read
 SECRET = b"lies-outside-of-every-root"
 HIDDEN = b"hidden-request-was-answered"
+POOL_THREAD = "connector-work"
+MOST_POOL_THREADS = 4
 EVAL = '{"type":"Eval","id":"1","code":"1+1"}'
 
 
@@ -130,7 +132,14 @@ class WireTest(unittest.TestCase):
     def tearDown(self):
         self.assertIsNone(self.host.process.poll(), "the host died")
         self.assertEqual(self.host.ask("Eval", code="1+1")["value"], 2)
-        wait_until(lambda: not self.gauge.held() - self.before, lambda: f"held: {self.gauge.held() - self.before}")
+        wait_until(lambda: not self.more(), lambda: f"held: {self.more()}")
+
+    def more(self):
+        """What is held besides; pools start their few threads when they first need them."""
+        more = self.gauge.held() - self.before
+        if more[POOL_THREAD] <= MOST_POOL_THREADS:
+            del more[POOL_THREAD]
+        return more
 
     @classmethod
     def fill(cls, text):

@@ -662,8 +662,12 @@ TEST_F(HttpClient, serves100RequestsAtATimeThroughTheRegistry)
 {
     const auto server = std::make_shared<PocoHttpsServer>(ServerSettings(), [](std::unique_ptr<HttpRequest> asked) {
         PocoHttpsServer::Exchange exchange;
-        exchange.answer = makeReadyFuture(
-            std::unique_ptr<Message>(std::make_unique<HttpResponse>(200, "text/plain", asked->query + asked->body)));
+        exchange.answer =
+            readWhole(std::move(asked), 1u << 20)
+                .then([](Future<std::unique_ptr<HttpRequest>> whole) -> std::unique_ptr<Message> {
+                    const auto received = whole.get();
+                    return std::make_unique<HttpResponse>(200, "text/plain", received->query + received->body);
+                });
         return exchange;
     });
     server->open();
