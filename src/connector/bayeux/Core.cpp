@@ -73,7 +73,7 @@ void Core::recheck()
 
 std::shared_ptr<Session> Core::makeSession(const BayeuxOrigin& origin, bool acknowledges)
 {
-    return std::make_shared<Session>(weak_from_this(), polls_, origin, acknowledges);
+    return std::make_shared<Session>(weak_from_this(), polls_, due_, origin, acknowledges);
 }
 
 SessionTable::Added Core::admit(const std::shared_ptr<Session>& session)
@@ -294,7 +294,7 @@ void Core::sweep(std::chrono::milliseconds period)
     const auto current = limits();
     const auto now = Session::Clock::now();
     std::uint64_t delivered = 0;
-    for (const auto& session : sessions_.due(now + period)) {
+    for (const auto& session : due_->take(now + period)) {
         if (session->sweep(now, period, current, delivered))
             end(session, End::timedOut);
     }

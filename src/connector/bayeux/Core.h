@@ -84,6 +84,7 @@ private:
     Reservations reservations_;
     SessionTable sessions_;
     const std::shared_ptr<BrowserPolls> polls_;
+    const std::shared_ptr<DueSessions> due_ = std::make_shared<DueSessions>();
 
     mutable std::mutex mutex_;
     BayeuxLimits limits_;

@@ -104,6 +104,7 @@ Future<std::string> MessageHandler::handleAll(const std::vector<json::RawValue>&
     } else {
         for (const auto& message : messages)
             handleOne(message, messages.size() == 1);
+        takeAlong();
     }
     core_.finish(burst_);
     if (held_.valid())
@@ -111,6 +112,15 @@ Future<std::string> MessageHandler::handleAll(const std::vector<json::RawValue>&
     if (origin_.webSocket && patient_ == messages.size())
         sendReplies(http::SendWhen::withNext);
     return makeReadyFuture(replies_.empty() ? std::string() : '[' + replies_ + ']');
+}
+
+/// Bayeux 1.0 §5.2: rather with the reply that goes out now than by waking the connect that waits.
+void MessageHandler::takeAlong()
+{
+    if (!speaker_ || origin_.webSocket || held_.valid())
+        return;
+    if (auto events = speaker_->takeAlong(burst_.limits, burst_.delivered); !events.empty())
+        reply(std::move(events));
 }
 
 /// Those that say nothing of themselves, which no client sends, are not answered one by one: there may be many.
@@ -162,6 +172,7 @@ void MessageHandler::dispatch(const Incoming& message, bool alone)
         return;
     if (origin_.webSocket)
         core_.bind(session, origin_.webSocket);
+    speaker_ = session;
     if (channel == "/meta/connect")
         connect(message, session, alone);
     else if (channel == "/meta/subscribe")

@@ -27,6 +27,7 @@ private:
     static Incoming incoming(const json::RawValue& value);
     Future<std::string> refuseAll(const std::vector<json::RawValue>& messages, const Refusal& refusal);
     Future<std::string> handleAll(const std::vector<json::RawValue>& messages);
+    void takeAlong();
     void handleOne(const json::RawValue& value, bool alone);
     void dispatch(const Incoming& message, bool alone);
     void handshake(const Incoming& message);
@@ -61,7 +62,8 @@ private:
     const BayeuxOrigin& origin_;
     Burst burst_;
     std::string replies_;
-    std::size_t patient_ = 0; ///< of the replies: they may wait for what a service answers
+    std::size_t patient_ = 0;          ///< of the replies: they may wait for what a service answers
+    std::shared_ptr<Session> speaker_; ///< of the last message
     Future<std::string> held_;
 };
 

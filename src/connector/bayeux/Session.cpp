@@ -36,12 +36,14 @@ std::shared_ptr<const std::string> frameOf(const std::string& messages)
 
 } // namespace
 
-Session::Session(std::weak_ptr<Core> core, std::shared_ptr<BrowserPolls> polls, const BayeuxOrigin& origin,
-                 bool acknowledges)
-    : core_(std::move(core)), polls_(std::move(polls)), id_(common::randomHex(kIdBytes)),
+Session::Session(std::weak_ptr<Core> core, std::shared_ptr<BrowserPolls> polls, std::shared_ptr<DueSessions> due,
+                 const BayeuxOrigin& origin, bool acknowledges)
+    : core_(std::move(core)), polls_(std::move(polls)), due_(std::move(due)), id_(common::randomHex(kIdBytes)),
       publicId_(common::randomHex(kPublicIdBytes)), httpSessionId_(origin.httpSessionId),
       peerAddress_(origin.peerAddress), acknowledges_(acknowledges)
 {}
+
+Session::~Session() { due_->move({}, this, notedDue_, Clock::time_point::max()); }
 
 bool Session::isOver() const
 {
@@ -241,7 +243,15 @@ void Session::updateDue(const BayeuxLimits& limits)
         due = lastReply_ + limits.maxInterval + limits.interval;
     if (held_ || pushesToSink())
         due = std::min(due, queue_.lazyDue());
-    due_ = due.time_since_epoch().count();
+    // What is put off is seen when it would have been due: a client that comes and goes moves nothing.
+    if (due < notedDue_)
+        noteDue(due);
+}
+
+void Session::noteDue(Clock::time_point due)
+{
+    due_->move(weak_from_this(), this, notedDue_, due);
+    notedDue_ = due;
 }
 
 bool Session::belongsTo(const BayeuxOrigin& origin, bool isConnect) const
@@ -424,6 +434,17 @@ std::string Session::reply(const std::string& id, const std::string& advice, con
     return joined(events, last.take());
 }
 
+std::string Session::takeAlong(const BayeuxLimits& limits, std::uint64_t& delivered)
+{
+    std::lock_guard lock(mutex_);
+    if (over_ || sink_ || acknowledges_ || delivering_ || !series_.empty() || !queue_.isUrgent(Clock::now()))
+        return {};
+    const auto events = queue_.take(false);
+    delivered += events.size();
+    updateDue(limits);
+    return joined(events, {});
+}
+
 void Session::release(const BayeuxLimits& limits, std::uint64_t& delivered)
 {
     Lock lock(mutex_);
@@ -473,6 +494,8 @@ bool Session::sweep(Clock::time_point now, std::chrono::milliseconds period, con
     Lock lock(mutex_);
     if (over_)
         return false;
+    if (notedDue_ <= now + period)
+        notedDue_ = Clock::time_point::max(); // it was taken
     pump(lock, limits, now + period, delivered);
     return !held_ && !sink_ && !delivering_ && lastReply_ + limits.maxInterval + limits.interval <= now;
 }
@@ -491,7 +514,7 @@ bool Session::end(Reconnect reconnect, const BayeuxLimits& limits, bool closeSin
         loseSeries([](const SessionSeries&) { return true; });
         queue_.clear();
         room_.notify_all();
-        due_ = Clock::time_point::max().time_since_epoch().count();
+        noteDue(Clock::time_point::max());
     }
     if (held) {
         Reply last("/meta/connect", reconnect == Reconnect::none);

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "connector/bayeux/BrowserPolls.h"
+#include "connector/bayeux/DueSessions.h"
 #include "connector/bayeux/EventQueue.h"
 #include "connector/bayeux/Receiver.h"
 #include "connector/bayeux/Replies.h"
@@ -15,7 +16,7 @@ namespace connector::bayeux {
 class Core;
 
 /// A remote client: its queue, the connect that waits, the WebSocket that it uses. Threads: any. Its lock is a leaf but
-/// for a sink's `send` and `queuedBytes`; promises are fulfilled without it.
+/// for a sink's `send` and `queuedBytes` and the order of what is due; promises are fulfilled without it.
 class Session final : public BayeuxSession, public Receiver, public std::enable_shared_from_this<Session>
 {
 public:
@@ -23,9 +24,12 @@ public:
     using Sink = std::shared_ptr<BayeuxChannelSink>;
     using SendWhen = http::SendWhen;
 
-    /// `polls` counts its held connects.
-    Session(std::weak_ptr<Core> core, std::shared_ptr<BrowserPolls> polls, const BayeuxOrigin& origin,
-            bool acknowledges);
+    /// `polls` counts its held connects; `due` is told when `sweep` has something to do.
+    Session(std::weak_ptr<Core> core, std::shared_ptr<BrowserPolls> polls, std::shared_ptr<DueSessions> due,
+            const BayeuxOrigin& origin, bool acknowledges);
+    ~Session() override;
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
 
     const std::string& id() const noexcept override { return id_; }
     bool isLocal() const noexcept override { return false; }
@@ -74,6 +78,11 @@ public:
     };
     Connected connect(const Connect& request, const BayeuxOrigin& origin, const BayeuxLimits& limits);
 
+    /// What waits for a client of long polling, without brackets, to go along with a reply that is sent at once: that
+    /// spares waking its held connect. "" for nothing, and where events have to keep to one way: with acknowledgement,
+    /// and while a series is open, since two replies may arrive in any order.
+    std::string takeAlong(const BayeuxLimits& limits, std::uint64_t& delivered);
+
     /// Answers the held connect when there is a reason to.
     void release(const BayeuxLimits& limits, std::uint64_t& delivered);
     /// How long somebody waits, for one session or several in turn.
@@ -94,10 +103,8 @@ public:
     /// Ends it once: false when it was over. A held connect is answered with the advice; "none" counts as a success.
     bool end(Reconnect reconnect, const BayeuxLimits& limits, bool closeSink);
 
-    /// When `sweep` has something to do.
-    Clock::time_point due() const noexcept { return Clock::time_point(Clock::duration(due_.load())); }
-    /// Answers connects that were held, and sends lazy events that waited, until `now + period`; true when the session
-    /// has expired.
+    /// For one that `DueSessions::take` gave. Answers connects that were held, and sends lazy events that waited, until
+    /// `now + period`; true when the session has expired.
     bool sweep(Clock::time_point now, std::chrono::milliseconds period, const BayeuxLimits& limits,
                std::uint64_t& delivered);
 
@@ -144,9 +151,11 @@ private:
     void cancelled(std::uint64_t number);
     void touch();
     void updateDue(const BayeuxLimits& limits);
+    void noteDue(Clock::time_point due);
 
     const std::weak_ptr<Core> core_;
     const std::shared_ptr<BrowserPolls> polls_;
+    const std::shared_ptr<DueSessions> due_;
     const std::string id_;
     const std::string publicId_;
     const std::string httpSessionId_;
@@ -172,7 +181,7 @@ private:
     std::size_t stillAt_ = 0; ///< bytes that waited when it was seen not to read on; 0: it moves
     unsigned waiting_ = 0;    ///< who waits for room
     std::condition_variable room_;
-    std::atomic<Clock::rep> due_{Clock::time_point::max().time_since_epoch().count()};
+    Clock::time_point notedDue_ = Clock::time_point::max(); ///< as `due_` has it; the true one may be later
 };
 
 } // namespace connector::bayeux

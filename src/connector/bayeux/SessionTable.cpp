@@ -66,17 +66,6 @@ SessionTable::Sessions SessionTable::all() const
     return sessions;
 }
 
-SessionTable::Sessions SessionTable::due(Clock::time_point now) const
-{
-    Sessions sessions;
-    std::shared_lock lock(mutex_);
-    for (const auto& [id, session] : sessions_) {
-        if (session->due() <= now)
-            sessions.push_back(session);
-    }
-    return sessions;
-}
-
 std::size_t SessionTable::size() const
 {
     std::shared_lock lock(mutex_);

@@ -14,7 +14,6 @@ namespace connector::bayeux {
 class SessionTable
 {
 public:
-    using Clock = Session::Clock;
     using Sessions = std::vector<std::shared_ptr<Session>>;
 
     void open();
@@ -32,8 +31,6 @@ public:
     bool remove(const Session& session);
     std::shared_ptr<Session> find(const std::string& id) const;
     Sessions all() const;
-    /// Those with something to do until `now`.
-    Sessions due(Clock::time_point now) const;
     std::size_t size() const;
 
     /// False when that WebSocket is closed already.

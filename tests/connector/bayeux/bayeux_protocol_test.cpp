@@ -207,20 +207,19 @@ TEST(BayeuxProtocol, halfASurrogatePairIsPassedOnAsItIsWritten)
             bus.server->subscribe("/y", [&](const BayeuxMessage& m) { toFunctions = json::write(m.data); });
         bus.join(origin);
         bus.subscribe("/x", origin);
-        EXPECT_EQ(bus.ask("[" + publishing(data, 1) + R"(,{"channel":"/y","clientId":"$C","data":"\ud83d"}])", origin),
-                  R"([{"channel":"/x","id":1,"successful":true},{"channel":"/y","successful":true}])");
+        std::string got =
+            bus.post("[" + publishing(data, 1) + R"(,{"channel":"/y","clientId":"$C","data":"\ud83d"}])", origin).get();
+        EXPECT_EQ(got.find(R"([{"channel":"/x","successful":true,"id":1},{"channel":"/y","successful":true})"), 0u)
+            << got;
         EXPECT_EQ(toScripts, data);
         EXPECT_EQ(toFunctions, "\"\xEF\xBF\xBD\"");
         scripts.publish("/x", "\"\\ud83d\"", {});
         EXPECT_EQ(toScripts, "\"\\ud83d\"");
         EXPECT_THROW(scripts.publish("/x", "tru", {}), std::invalid_argument);
-        std::string got;
-        if (webSocket) {
-            for (const auto& frame : bus.sink->take())
-                got += frame;
-        } else {
-            got = bus.post(Bus::kConnect, origin).get();
-        }
+        if (!webSocket)
+            got += bus.post(Bus::kConnect, origin).get();
+        for (const auto& frame : bus.sink->take())
+            got += frame;
         EXPECT_NE(got.find(event("/x", data)), std::string::npos) << got;
         EXPECT_NE(got.find(event("/x", "\"\\ud83d\"")), std::string::npos) << got;
         // Who works with it gets text.
