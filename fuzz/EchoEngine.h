@@ -22,14 +22,14 @@ public:
         }
         return result;
     }
-    std::vector<matrix::ArrayPtr> call(std::string_view name, std::vector<matrix::ArrayPtr> arguments,
-                                       std::size_t results, rqe::OutputSink& output) override
+    std::vector<matrix::ArrayPtr> call(std::string_view name, rqe::Arguments arguments, std::size_t results,
+                                       rqe::OutputSink& output) override
     {
         if (!name.empty())
             output.write(rqe::Stream::output, name);
-        if (arguments.size() > results)
-            arguments.resize(results);
-        return arguments;
+        if (arguments.positional.size() > results)
+            arguments.positional.resize(results);
+        return std::move(arguments.positional);
     }
     matrix::ArrayPtr getVariable(std::string_view) override { return nullptr; }
     void setVariable(std::string_view, const vxArray& value) override { value_ = matrix::clone(value); }

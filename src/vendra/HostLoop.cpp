@@ -21,6 +21,8 @@ constexpr unsigned kTasksAtOnce = 16;
 /// So long nobody must want anything before the host does something for later; then again between its parts.
 constexpr int kQuietMilliseconds = 200;
 constexpr int kQuietBetweenMilliseconds = 5;
+/// How often windows are looked after: as often as a screen shows something new.
+constexpr int kWindowMilliseconds = 16;
 
 /// "" for a folder that is gone, or whose path is beyond what the system takes.
 std::string currentFolder()
@@ -73,8 +75,11 @@ Wake HostLoop::wait(int input)
 
         std::array<pollfd, 3> waited = {{{signalRead_, POLLIN, 0}, {engine_.wakeFd(), POLLIN, 0}, {input, POLLIN, 0}}};
         const bool looks = spin_.isActive();
-        const int ready = ::poll(waited.data(), waited.size(), looks ? 0 : patience);
-        if (ready == 0 && !looks)
+        const bool windows = host_.hasWindows();
+        const int ready = ::poll(waited.data(), waited.size(), looks ? 0 : windows ? kWindowMilliseconds : patience);
+        if (ready == 0 && !looks && windows)
+            host_.serveWindows();
+        else if (ready == 0 && !looks)
             patience = host_.prepareAhead() ? kQuietBetweenMilliseconds : -1;
         if (ready < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "The host cannot wait");

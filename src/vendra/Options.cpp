@@ -12,6 +12,7 @@ namespace {
 constexpr const char* kProgramHelp =
     "What runs, and what is left to it of the command line:\n"
     "  script.py [args...]   a file, a folder or an archive with a __main__.py\n"
+    "  -m MODULE [args...]   a module of the search path, as a program\n"
     "  -c CODE [args...]     the text CODE\n"
     "  - [args...]           standard input\n"
     "  (nothing)             a prompt when standard input is a terminal, else standard input;\n"
@@ -53,20 +54,22 @@ Options splitProgram(const std::vector<std::string>& words, std::vector<std::str
                 flags.back() += "=" + words[++i];
             continue;
         }
-        // Short options may stand together, and -c takes the rest of its word or the next one.
-        std::size_t c = word.find('c');
+        // Short options may stand together, and -c and -m take the rest of their word or the next one.
+        const std::size_t c = word.find_first_of("cm");
         if (c == std::string::npos) {
             flags.push_back(word);
             continue;
         }
         if (c > 1)
             flags.push_back(word.substr(0, c));
-        options.program = Options::Program::code;
+        const bool isCode = word[c] == 'c';
+        options.program = isCode ? Options::Program::code : Options::Program::module;
         bool inWord = c + 1 < word.size();
         if (!inWord && i + 1 == words.size())
-            throw CLI::ArgumentMismatch("-c needs the code as its argument");
+            throw CLI::ArgumentMismatch(isCode ? "-c needs the code as its argument"
+                                               : "-m needs the name of a module as its argument");
         options.source = inWord ? word.substr(c + 1) : words[i + 1];
-        rest(inWord ? i + 1 : i + 2, "-c");
+        rest(inWord ? i + 1 : i + 2, isCode ? "-c" : "-m");
         return options;
     }
     options.arguments.push_back("");
@@ -78,7 +81,7 @@ Options splitProgram(const std::vector<std::string>& words, std::vector<std::str
 std::optional<Options> parseOptions(int argc, const char* const* argv, int& status)
 {
     CLI::App app("Runs scripts and lets clients reach the interpreter that runs them.",
-                 "vendra [script.py | -c CODE | -] [args...]");
+                 "vendra [script.py | -m MODULE | -c CODE | -] [args...]");
     Options options;
     bool interactive = false;
     bool connector = false;

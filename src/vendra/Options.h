@@ -13,12 +13,13 @@ struct Options
     {
         none,
         file,
+        module,
         code,
         standardInput
     };
 
     Program program = Program::none;
-    std::string source;                 ///< the file's name or the code
+    std::string source;                 ///< the file's or module's name or the code
     std::vector<std::string> arguments; ///< sys.argv
     bool interactive = false;           ///< -i
     bool connector = false;             ///< --connector

@@ -80,6 +80,8 @@ PythonHost::Outcome runProgram(PythonHost& host, HostLoop& loop, const Options& 
     switch (options.program) {
     case Options::Program::file:
         return loop.foreground([&] { return host.runFile(options.source); });
+    case Options::Program::module:
+        return loop.foreground([&] { return host.runModule(options.source); });
     case Options::Program::code:
         return loop.foreground([&] { return host.runSource(options.source, "<string>"); });
     default:
@@ -115,7 +117,7 @@ int run(PythonHost& host, rqe::LocalRQE& engine, const Options& options)
     bool program = !typed && (!none || !(terminal || options.connector || options.interactive));
     bool prompt = options.interactive || typed || (none && terminal);
 
-    if (options.program != Options::Program::file)
+    if (options.program != Options::Program::file && options.program != Options::Program::module)
         host.prepareInteractive(prompt);
     if (options.connector) {
         PythonHost::Outcome outcome = loop.foreground([&] { return host.startConnector(); });
@@ -129,8 +131,14 @@ int run(PythonHost& host, rqe::LocalRQE& engine, const Options& options)
         if (host.leaveStatus() || (ended && !prompt) || (!prompt && !options.connector))
             return outcome.status;
     }
-    if (prompt)
+    if (prompt) {
+        if (none || typed) {
+            PythonHost::Outcome outcome = loop.foreground([&] { return host.runStartup(); });
+            if (outcome.leave)
+                return outcome.status;
+        }
         return runPrompt(host, loop, none || typed);
+    }
     return loop.serve();
 }
 

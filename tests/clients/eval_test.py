@@ -59,6 +59,9 @@ class SharedHost(unittest.TestCase):
         answer = evaluate(self.host, "def f():\n    return 1 // 0\n\nf()")
         self.assertEqual((answer["type"], answer["code"], answer["error"]), ("Fault", "scriptError", "ZeroDivisionError"))
         self.assertIn('File "<remote>", line 2, in f\n    return 1 // 0', answer["traceback"])
+        self.assertIn("    x = {}['none']\n        ~~^^^^^^^^", evaluate(self.host, "\nx = {}['none']")["traceback"])
+        self.assertIn("    a = {}['none']\n        ~~^^^^^^^^",
+                      evaluate(self.host, "s = 'x\u2028y\x0c'\na = {}['none']")["traceback"])
         for _ in range(2):
             trace = evaluate(self.host, "[1][2]")["traceback"]
             self.assertIn('File "<remote>", line 1, in <module>\n    [1][2]', trace)

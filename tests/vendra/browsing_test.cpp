@@ -288,12 +288,18 @@ TEST_F(BrowsingTest, comparesAThousandVariablesQuickly)
 
 TEST_F(BrowsingTest, completesByWhereTheCursorIs)
 {
-    evaluate("def area(width, height=1, *rest, colour=None, **more): pass\n"
-             "class Box:\n    def __init__(self, side): self.side = side\n    def grow(self, by): pass\n"
-             "    @staticmethod\n    def of(size): pass\n    @classmethod\n    def like(cls, other): pass\n"
-             "    @property\n    def volume(self): raise SystemExit\n"
-             "box = Box(1)\nimport os, tempfile; before = os.getcwd(); place = tempfile.mkdtemp(); os.chdir(place)\n"
-             "os.makedirs('a b/inner'); open('a b/infile', 'w').close()");
+    evaluate(
+        "def area(width, height=1, *rest, colour=None, **more): pass\n"
+        "class Box:\n    def __init__(self, side): self.side = side\n    def grow(self, by): pass\n"
+        "    @staticmethod\n    def of(size): pass\n    @classmethod\n    def like(cls, other): pass\n"
+        "    @property\n    def volume(self): raise SystemExit\n"
+        "box = Box(1)\nimport os, tempfile; before = os.getcwd(); place = tempfile.mkdtemp(); os.chdir(place)\n"
+        "os.makedirs('a b/inner'); open('a b/infile', 'w').close()\n"
+        "os.makedirs('zpack/deep'); open('zpack/__init__.py', 'w').write('raise SystemExit\\n')\n"
+        "open('zpack/part.py', 'w').write('import os as system\\nLIMIT: int = 3\\ndef partial(): pass\\n1 / 0\\n')\n"
+        "import sys; sys.path.insert(0, place)\n"
+        "ages = {'ann': 1, 'anton': 2, 'it\\'s': 3, 'bob': {'x': 1}, 7: 4}\n"
+        "import pandas; frame = pandas.DataFrame({'city': ['a'], 'cold days': [1]})");
     struct Case
     {
         const char* code;
@@ -321,6 +327,23 @@ TEST_F(BrowsingTest, completesByWhereTheCursorIs)
         {"rb\"a b/inn", 7, {"inner/"}},
         {"'/tmp/\\x41", 10, {}},
         {"'/no such folder/x", 17, {}},
+        {"import zpac", 7, {"zpack"}},
+        {"import os, zpac", 11, {"zpack"}},
+        {"x = 1; import zpack.", 20, {"deep", "part"}},
+        {"from zpack.pa", 11, {"part"}},
+        {"from zpack.part import ", 23, {"LIMIT", "partial", "system"}},
+        {"from zpack import (part as p, de", 30, {"deep"}},
+        {"from os import getcw", 15, {"getcwd", "getcwdb"}},
+        {"important = zpac", 12, {}},
+        {"ages['an", 6, {"ann']", "anton']"}},
+        {"ages[\"b", 6, {"bob\"]"}},
+        {"ages[('a", 7, {"a b/"}},
+        {"ages['bob']['", 13, {}},
+        {"frame['c", 7, {"city']", "cold days']"}},
+        {"frame.city.is_uni", 11, {"is_unique"}},
+        {"\"abc\".isup", 6, {"isupper"}},
+        {"b'abc'.hex", 7, {"hex"}},
+        {"('abc').isup", 8, {}},
     };
     for (const Case& c : cases) {
         auto found = use(
@@ -328,7 +351,7 @@ TEST_F(BrowsingTest, completesByWhereTheCursorIs)
         EXPECT_EQ(found.candidates, c.candidates) << c.code;
         EXPECT_EQ(found.replaceFrom, c.from) << c.code;
     }
-    evaluate("import shutil; os.chdir(before); shutil.rmtree(place)");
+    evaluate("import shutil; os.chdir(before); shutil.rmtree(place); sys.path.remove(place)");
     EXPECT_THROW(use([](Interpreter& interpreter) { return interpreter.complete(std::string(70'000, 'x'), 70'000); }),
                  rqe::ScriptError);
 }

@@ -155,6 +155,79 @@ TEST_F(VendraTest, isTheSystemsPythonWhateverTheSurroundings)
     EXPECT_EQ(ended.output, "/usr/bin/python3 /usr /usr/lib/python3.11/json/__init__.py\n") << ended.errors;
 }
 
+TEST_F(VendraTest, takesWhatAnActivatedEnvironmentHas)
+{
+    const auto made = folder / "env";
+    ASSERT_EQ(std::system(("/usr/bin/python3 -m venv --without-pip " + made.string()).c_str()), 0);
+    script("env/lib/python3.11/site-packages/only_here.py", "name = 'mine'\n");
+    environment["VIRTUAL_ENV"] = made.string();
+    const Words show = {"-c", "import sys, only_here; print(only_here.name, sys.prefix, sys.base_prefix)"};
+    Ended ended = run(show);
+    EXPECT_EQ(ended.output, "mine " + made.string() + " /usr\n") << ended.errors;
+    ended =
+        run({"-c", "import subprocess, sys; subprocess.run([sys.executable, '-c', 'import only_here'], check=True)"});
+    EXPECT_EQ(ended.status, 0) << ended.errors;
+
+    fs::remove_all(made / "lib" / "python3.11"); // of another version
+    ended = run({"-c", "import sys; print(sys.prefix)"});
+    EXPECT_EQ(ended.output, "/usr\n");
+    EXPECT_EQ(ended.errors,
+              "vendra: VIRTUAL_ENV: " + made.string() + " is no environment for Python 3.11, and left aside.\n");
+}
+
+TEST_F(VendraTest, runsModules)
+{
+    environment["PYTHONPATH"] = folder.string();
+    script("tool.py", "import sys\nif __name__ == '__main__':\n    print(sys.argv, sys.path[0])\n    sys.exit(3)\n");
+    Ended ended = run({"-m", "tool", "-x", "--connector"});
+    EXPECT_EQ(ended.status, 3);
+    EXPECT_EQ(ended.output,
+              "['" + (folder / "tool.py").string() + "', '-x', '--connector'] " + fs::current_path().string() + "\n")
+        << ended.errors;
+    ended = run({"-mno_such_module"});
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_NE(ended.errors.find("No module named no_such_module"), std::string::npos) << ended.errors;
+    EXPECT_NE(run({"-m"}).errors.find("-m needs the name of a module"), std::string::npos);
+}
+
+TEST_F(VendraTest, thePromptBeginsAndEndsAsUsersAreUsedTo)
+{
+    environment["PYTHONSTARTUP"] = script("startup.py", "ready = 'from startup'\n1 / 0\n");
+    {
+        auto child = begin({}, Child::At::terminal);
+        EXPECT_TRUE(child->expect("ZeroDivisionError"));
+        EXPECT_TRUE(child->expect(">>> "));
+        child->write("ready\r");
+        EXPECT_TRUE(child->expect("'from startup'"));
+        child->write("exit\r");
+        EXPECT_EQ(child->wait(), 0);
+    }
+    environment["PYTHONSTARTUP"] = "/no/such/startup.py";
+    auto child = begin({}, Child::At::terminal);
+    EXPECT_TRUE(child->expect("vendra: PYTHONSTARTUP: can't open file '/no/such/startup.py'"));
+    EXPECT_TRUE(child->expect(">>> "));
+    child->write("quit = 'a name like any other'\r");
+    EXPECT_TRUE(child->expect(">>> "));
+    child->write("quit\r");
+    EXPECT_TRUE(child->expect("'a name like any other'"));
+    child->write("exit(4)\r");
+    EXPECT_EQ(child->wait(), 4);
+    EXPECT_EQ(run({"-c", "print('ready' in globals())"}).output, "False\n") << "only a prompt begins with it";
+}
+
+TEST_F(VendraTest, windowsAreServedWhileThePromptWaits)
+{
+    auto child = begin({}, Child::At::terminal);
+    EXPECT_TRUE(child->expect(">>> "));
+    child->write("import tkinter; tk = tkinter.Tcl().tk\r");
+    EXPECT_TRUE(child->expect(">>> "));
+    child->write("later = [tk.createtimerhandler(t, lambda t=t: print('tick', t)) for t in (60, 90)]\r");
+    EXPECT_TRUE(child->expect("tick 60"));
+    EXPECT_TRUE(child->expect("tick 90"));
+    child->write("1 + 41\r");
+    EXPECT_TRUE(child->expect("42"));
+}
+
 TEST_F(VendraTest, carriesValuesToBuiltinsAndBack)
 {
     std::string code = script("round_trips.py", R"py(

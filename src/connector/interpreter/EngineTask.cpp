@@ -158,8 +158,9 @@ private:
     MessagePtr work(rqe::Interpreter& interpreter, rqe::OutputSink& output) override
     {
         auto answer = std::make_unique<FEvalResponse>();
-        answer->results =
-            interpreter.call(request_->function, std::move(request_->arguments), request_->results, output);
+        rqe::Arguments arguments(std::move(request_->arguments));
+        arguments.named = std::move(request_->keywordArguments);
+        answer->results = interpreter.call(request_->function, std::move(arguments), request_->results, output);
         return answer;
     }
     Output* outputOf(Message& answer) override { return &static_cast<FEvalResponse&>(answer).output; }

@@ -60,6 +60,7 @@ public:
 
     std::string function; ///< dotted name
     std::vector<matrix::ArrayPtr> arguments;
+    std::vector<std::pair<std::string, matrix::ArrayPtr>> keywordArguments;
     std::size_t results = 1;               ///< how many are wanted; 0 to 100
     std::chrono::milliseconds deadline{0}; ///< as of Eval
     std::string outputChannel;

@@ -82,6 +82,12 @@ std::unique_ptr<FEval> decodeFEval(json::Members& members)
                 return json::within(i, [&] { return json::fromJson(arguments->get(static_cast<unsigned>(i))); });
             }));
     }
+    if (const auto named = members.optionalObject("keywordArguments"))
+        for (const auto* member : json::membersInOrder(*named))
+            message->keywordArguments.emplace_back(
+                member->first, json::within(std::string("keywordArguments"), [&] {
+                    return json::within(member->first, [&] { return json::fromJson(member->second); });
+                }));
     message->deadline = decodeDeadline(members);
     message->outputChannel = members.optionalString("outputChannel");
     if (const auto uses = members.optionalArray("uses"))

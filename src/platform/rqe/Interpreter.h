@@ -55,6 +55,15 @@ struct Completions
     std::vector<std::string> candidates;
 };
 
+/// Of a call. Names are the function's own, each at most once.
+struct Arguments
+{
+    Arguments(std::vector<matrix::ArrayPtr> inOrder = {}) : positional(std::move(inOrder)) {}
+
+    std::vector<matrix::ArrayPtr> positional;
+    std::vector<std::pair<std::string, matrix::ArrayPtr>> named;
+};
+
 /// What a task sees of the script language. One per process; used only inside Task::run, on the interpreter thread.
 /// Errors of the script's own code are ScriptError; std::invalid_argument names an argument that makes no sense.
 /// A look (RQE::look) calls `listVariables`, `inspect`, `complete`, `searchPath` and `currentFolder` only, since it may
@@ -70,8 +79,8 @@ public:
 
     /// Calls the function that the dotted `name` means in the workspace, else among the language's own. `results`: how
     /// many results are wanted; 0 discards, 1 takes the value, n takes the first n of a sequence of at least n.
-    virtual std::vector<matrix::ArrayPtr> call(std::string_view name, std::vector<matrix::ArrayPtr> arguments,
-                                               std::size_t results, OutputSink& output) = 0;
+    virtual std::vector<matrix::ArrayPtr> call(std::string_view name, Arguments arguments, std::size_t results,
+                                               OutputSink& output) = 0;
 
     /// Null when there is no such variable. ScriptError when it has no array form.
     virtual matrix::ArrayPtr getVariable(std::string_view name) = 0;

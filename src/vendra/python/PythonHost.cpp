@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <initializer_list>
 #include <stdexcept>
@@ -57,14 +59,34 @@ private:
     PyConfig config_;
 };
 
+/// The interpreter of the virtual environment that is activated, if it is one of this language's version.
+std::optional<std::filesystem::path> virtualInterpreter()
+{
+    const char* named = std::getenv("VIRTUAL_ENV");
+    const std::filesystem::path folder = named ? named : "";
+    if (!folder.is_absolute())
+        return std::nullopt;
+    std::error_code none;
+    const std::string version = "python" + std::to_string(PY_MAJOR_VERSION) + "." + std::to_string(PY_MINOR_VERSION);
+    const auto interpreter = folder / "bin" / "python3";
+    if (std::filesystem::exists(folder / "pyvenv.cfg", none) && std::filesystem::exists(interpreter, none) &&
+        std::filesystem::is_directory(folder / "lib" / version, none))
+        return interpreter;
+    std::fprintf(stderr, "vendra: VIRTUAL_ENV: %s is no environment for Python %d.%d, and left aside.\n",
+                 folder.c_str(), PY_MAJOR_VERSION, PY_MINOR_VERSION);
+    return std::nullopt;
+}
+
 void initialize(const PythonHost::Settings& settings)
 {
     Config config;
     PyConfig& fields = *config;
-    // Named outright, so that neither the PATH nor PYTHONHOME leads to another installation's library.
+    // Named outright, so that neither the PATH nor PYTHONHOME leads to another installation's library. What an
+    // activated virtual environment has installed stands beside its interpreter.
     std::filesystem::path executable = VENDRA_PYTHON_EXECUTABLE;
-    config.set(&fields.program_name, executable.string());
-    config.set(&fields.executable, executable.string());
+    const std::string program = virtualInterpreter().value_or(executable).string();
+    config.set(&fields.program_name, program);
+    config.set(&fields.executable, program);
     config.set(&fields.base_executable, executable.string());
     config.set(&fields.home, executable.parent_path().parent_path().string());
     fields.isolated = 0;
@@ -394,6 +416,19 @@ PythonHost::Outcome PythonHost::runFile(const std::string& path)
     return impl_->run("run_file", {text.get()});
 }
 
+PythonHost::Outcome PythonHost::runModule(const std::string& name)
+{
+    Running running(*impl_);
+    Ref text = Ref::own(PyUnicode_DecodeFSDefault(name.c_str()));
+    return impl_->run("run_module", {text.get()});
+}
+
+PythonHost::Outcome PythonHost::runStartup()
+{
+    Running running(*impl_);
+    return impl_->run("run_startup", {});
+}
+
 PythonHost::Outcome PythonHost::runSource(const std::string& code, const std::string& fileName)
 {
     Running running(*impl_);
@@ -458,6 +493,18 @@ bool PythonHost::prepareAhead()
     } catch (const ErrorSet&) {
         impl_->clearError();
         return false;
+    }
+}
+
+bool PythonHost::hasWindows() const { return PyOS_InputHook != nullptr; }
+
+void PythonHost::serveWindows()
+{
+    Running running(*impl_);
+    try {
+        impl_->callSupport("serve_windows", {});
+    } catch (const ErrorSet&) {
+        impl_->clearError();
     }
 }
 

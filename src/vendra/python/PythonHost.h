@@ -51,6 +51,10 @@ public:
     void discardBreak() override;
 
     Outcome runFile(const std::string& path);
+    /// A module of the search path, or a package's __main__.
+    Outcome runModule(const std::string& name);
+    /// What the user's environment says that a prompt begins with.
+    Outcome runStartup();
     /// `fileName`: what tracebacks call the code.
     Outcome runSource(const std::string& code, const std::string& fileName);
     /// Imports the module and starts its framework.
@@ -67,6 +71,11 @@ public:
     /// Loads a part, of a few milliseconds, of what clients' first error needs. For when the host has nothing else to
     /// do; false once nothing is left to load, or while there can be no clients.
     bool prepareAhead();
+
+    /// Whether a toolkit has windows that want to be served while the host waits. Takes no lock.
+    bool hasWindows() const;
+    /// Serves what came for them, without waiting.
+    void serveWindows();
 
     /// Signals that come while nothing runs make `descriptor` (non-blocking) readable, -1: none do. While code runs,
     /// the language's own mechanism for this is left to the code; `expectSignals` takes it back before the host waits.

@@ -131,17 +131,23 @@ try {
     return nullptr;
 }
 
-std::vector<matrix::ArrayPtr> PythonInterpreter::call(std::string_view name, std::vector<matrix::ArrayPtr> arguments,
+std::vector<matrix::ArrayPtr> PythonInterpreter::call(std::string_view name, rqe::Arguments arguments,
                                                       std::size_t results, rqe::OutputSink& output)
 {
     return guarded(&output, [&] {
         Ref text = makeText(name);
         Ref function = callSupport("resolve", {text.get()});
-        Ref values = Ref::own(PyTuple_New(static_cast<Py_ssize_t>(arguments.size())));
-        for (std::size_t i = 0; i < arguments.size(); ++i)
-            PyTuple_SET_ITEM(values.get(), static_cast<Py_ssize_t>(i), toObject(arguments[i].get()).release());
-        arguments.clear();
-        Ref value = Ref::own(PyObject_Call(function.get(), values.get(), nullptr));
+        Ref values = Ref::own(PyTuple_New(static_cast<Py_ssize_t>(arguments.positional.size())));
+        for (std::size_t i = 0; i < arguments.positional.size(); ++i)
+            PyTuple_SET_ITEM(values.get(), static_cast<Py_ssize_t>(i),
+                             toObject(arguments.positional[i].get()).release());
+        Ref keywords = arguments.named.empty() ? Ref{} : Ref::own(PyDict_New());
+        for (const auto& [keyword, argument] : arguments.named) {
+            Ref key = makeText(keyword);
+            check(PyDict_SetItem(keywords.get(), key.get(), toObject(argument.get()).get()));
+        }
+        arguments = {};
+        Ref value = Ref::own(PyObject_Call(function.get(), values.get(), keywords.get()));
 
         std::vector<matrix::ArrayPtr> answer;
         if (results == 1)

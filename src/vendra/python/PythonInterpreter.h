@@ -20,8 +20,8 @@ public:
     PythonInterpreter(Ref support, OutputCapture* capture) : support_(std::move(support)), capture_(capture) {}
 
     rqe::EvalResult evaluate(std::string_view code, const rqe::EvalOptions& options, rqe::OutputSink& output) override;
-    std::vector<matrix::ArrayPtr> call(std::string_view name, std::vector<matrix::ArrayPtr> arguments,
-                                       std::size_t results, rqe::OutputSink& output) override;
+    std::vector<matrix::ArrayPtr> call(std::string_view name, rqe::Arguments arguments, std::size_t results,
+                                       rqe::OutputSink& output) override;
     matrix::ArrayPtr getVariable(std::string_view name) override;
     void setVariable(std::string_view name, const vxArray& value) override;
     bool clearVariable(std::string_view name) override;

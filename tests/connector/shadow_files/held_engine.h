@@ -23,8 +23,7 @@ public:
     }
 
     rqe::EvalResult evaluate(std::string_view, const rqe::EvalOptions&, rqe::OutputSink&) override { return {}; }
-    std::vector<matrix::ArrayPtr> call(std::string_view, std::vector<matrix::ArrayPtr>, std::size_t,
-                                       rqe::OutputSink&) override
+    std::vector<matrix::ArrayPtr> call(std::string_view, rqe::Arguments, std::size_t, rqe::OutputSink&) override
     {
         return {};
     }

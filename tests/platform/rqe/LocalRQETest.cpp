@@ -21,8 +21,7 @@ class NoInterpreter : public Interpreter
 {
 public:
     EvalResult evaluate(std::string_view, const EvalOptions&, OutputSink&) override { return {}; }
-    std::vector<matrix::ArrayPtr> call(std::string_view, std::vector<matrix::ArrayPtr>, std::size_t,
-                                       OutputSink&) override
+    std::vector<matrix::ArrayPtr> call(std::string_view, rqe::Arguments, std::size_t, OutputSink&) override
     {
         return {};
     }

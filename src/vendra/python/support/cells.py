@@ -6,6 +6,7 @@ show in a traceback.
 
 import __future__
 import _ast  # ast itself takes long to load
+import _io
 import builtins
 import collections
 import importlib.machinery
@@ -26,8 +27,11 @@ _cell_count = 0
 
 
 def _lines_of(name, source):
-    """As linecache keeps them."""
-    return len(source), None, source.splitlines(True), name
+    """As linecache keeps them: lines as the compiler counts them, each with its end, by which carets are placed."""
+    lines = _io.StringIO(source, newline=None).readlines()
+    if lines and not lines[-1].endswith("\n"):
+        lines[-1] += "\n"
+    return len(source), None, lines, name
 
 
 class _LinecacheWatch:

@@ -5,15 +5,21 @@ show in a traceback. Nobody's code runs: attributes are looked up in the diction
 call could tell (a property's value, what `__getattr__` makes up) is unknown.
 """
 
+import _ast
 import builtins
 import functools
+import importlib.machinery
 import itertools
 import keyword
 import os
+import sys
 import types
 
 _MOST_CODE = 65_536  # characters in front of the cursor
 _MOST_FILES = 10_000  # entries of a folder that are read
+_MOST_KEYS = 1_000
+_MOST_SOURCE = 512 << 10  # of a module that is not loaded
+_MODULE_ENDINGS = {ending.removeprefix(".") for ending in importlib.machinery.all_suffixes()}
 
 
 @functools.cache
@@ -29,6 +35,11 @@ _PIECE = r"""(?x)(?P<comment>\#[^\n]*)
       | (?P<comma>,)
       | (?:[^\w\#"'()\[\]{},]+)"""
 _PATH = r"[\w.]*\Z"
+_IMPORT = r"""(?x)(?:^|[\n;])[ \t]*(?:
+        import\s+(?:[\w.]+(?:\s+as\s+\w+)?\s*,\s*)*(?P<module>[\w.]*)
+      | from\s+(?P<package>[\w.]+)\s+(?P<import>import)\s+\(?(?:\s*\w+(?:\s+as\s+\w+)?\s*,)*\s*(?P<name>\w*)
+      | from\s+(?P<from>[\w.]*)
+    )\Z"""
 _DEFINES = r"\b(?:def|class)\s+\Z"
 _SIGNATURE_PART = r"(\*{0,2}|\$?)(\w+)(?:=(?:[^,'\"()]|'[^']*'|\"[^\"]*\"|\([^)]*\))*)?|(/)"
 
@@ -40,10 +51,11 @@ def _end_of(quote):
 
 
 def _scan(code):
-    """How the code ends: ("comment",), ("string", prefix, content so far) or ("code", open brackets), each bracket as
-    [its character, its position, where its last argument begins]."""
+    """How the code ends: ("comment",), ("string", opening, where it begins, brackets) or ("code", brackets, the last
+    string as (its prefix, where it ends)). Brackets are those that are open, each as [its character, its position, where
+    its last argument begins]."""
     piece_at = _pattern(_PIECE).match
-    position, brackets = 0, []
+    position, brackets, last_string = 0, [], None
     while position < len(code):
         piece = piece_at(code, position)
         position, kind = piece.end(), piece.lastgroup
@@ -54,15 +66,16 @@ def _scan(code):
             prefix = text.rstrip("\"'")
             end = _end_of(text[len(prefix) :]).match(code, position)
             if end is None:
-                return "string", prefix, code[position:]
+                return "string", text, position, brackets
             position = end.end()
+            last_string = prefix.lower(), position
         elif kind == "open":
             brackets.append([piece.group(), piece.start(), position])
         elif kind == "close" and brackets:
             brackets.pop()
         elif kind == "comma" and brackets:
             brackets[-1][2] = position
-    return "code", brackets
+    return "code", brackets, last_string
 
 
 @_steady
@@ -72,13 +85,18 @@ def complete(before):
         raise ValueError(f"the code in front of the cursor has more than {_MOST_CODE} characters")
     state, *details = _scan(before)
     if state == "string":
-        return _files(*details)
+        return _in_string(before, *details)
     if state == "comment":
         return "", []
+    imported = _pattern(_IMPORT).search(before)
+    if imported:
+        return _imported(imported)
     path = _pattern(_PATH).search(before).group()
     head, dot, tail = path.rpartition(".")
     if dot:
-        if not head or not all(part.isidentifier() for part in head.split(".")):
+        if not head:
+            return tail, _matching(_member_names(_literal_before(before, details[1], tail)), tail)
+        if not all(part.isidentifier() for part in head.split(".")):
             return tail, []
         return tail, _attributes(head.split("."), tail)
     if tail and tail[0].isdigit():
@@ -88,6 +106,112 @@ def complete(before):
         return tail, arguments
     names = set(workspace) | set(builtins.__dict__) | set(keyword.kwlist)
     return tail, arguments + _matching(names, tail)
+
+
+def _literal_before(before, last_string, tail):
+    """The type of a text whose attribute is asked for; that of nothing where there is none."""
+    if last_string is None or last_string[1] != len(before) - len(tail) - 1:
+        return None
+    return bytes if "b" in last_string[0] else str
+
+
+def _in_string(before, opening, begin, brackets):
+    """Keys of what the string is an index of, else files."""
+    prefix, quote, content = opening.rstrip("\"'"), opening.lstrip("rRbBuUfF"), before[begin:]
+    if brackets and brackets[-1][0] == "[" and not before[brackets[-1][1] + 1 : begin - len(opening)].strip():
+        indexed = before[: brackets[-1][1]]
+        path = _pattern(_PATH).search(indexed).group()
+        if path and not prefix:
+            return content, [key + quote + "]" for key in _keys(path.split("."), content)]
+        if indexed.endswith((")", "]", "}", '"', "'")):
+            return content, []
+    return _files(prefix, content)
+
+
+def _keys(path, content):
+    """Texts that index what the path leads to and can be written as they are."""
+    try:
+        value = _meaning(path)
+    except LookupError:
+        return []
+    if issubclass(type(value), dict):
+        keys = itertools.islice(dict.keys(value), _MOST_KEYS)
+    elif _is_frame(value):
+        keys = value.columns[:_MOST_KEYS].tolist()
+    else:
+        return []
+    return sorted(
+        key for key in keys if type(key) is str and key.startswith(content) and key.isprintable() and not set(key) & set("\\'\"")
+    )
+
+
+def _imported(statement):
+    """Modules, or what one has, in an import statement that ends here."""
+    package, tail = statement["package"], statement["name"] or ""
+    if statement["import"]:
+        return tail, _matching(_names_of_module(package) | _modules_in(package), tail)
+    package, _, tail = (statement["module"] or statement["from"] or "").rpartition(".")
+    return tail, _matching(_modules_in(package), tail)
+
+
+def _names_of_module(name):
+    """What a module has: one that is loaded; of others what their source defines at its top."""
+    module = sys.modules.get(name)
+    if type(module) is types.ModuleType:
+        return _member_names(module)
+    for folder in _folders_of(name.rpartition(".")[0]):
+        place = os.path.join(folder, name.rpartition(".")[2])
+        for path in (place + ".py", os.path.join(place, "__init__.py")):
+            try:
+                if os.path.getsize(path) <= _MOST_SOURCE:
+                    with open(path, "rb") as file:
+                        return _defined_at_top(compile(file.read(), path, "exec", _ast.PyCF_ONLY_AST, True))
+            except (OSError, SyntaxError, ValueError, RecursionError):
+                continue
+    return set()
+
+
+def _defined_at_top(tree):
+    names = set()
+    for node in tree.body:
+        if isinstance(node, (_ast.FunctionDef, _ast.AsyncFunctionDef, _ast.ClassDef)):
+            names.add(node.name)
+        elif isinstance(node, (_ast.Import, _ast.ImportFrom)):
+            names.update((alias.asname or alias.name).partition(".")[0] for alias in node.names)
+        elif isinstance(node, (_ast.Assign, _ast.AnnAssign)):
+            targets = node.targets if isinstance(node, _ast.Assign) else [node.target]
+            names.update(target.id for target in targets if isinstance(target, _ast.Name))
+    return names - {"*"}
+
+
+def _folders_of(package):
+    """Where modules of the package lie; of the top ones for ""."""
+    if not package:
+        return [folder or "." for folder in sys.path if type(folder) is str]
+    module = sys.modules.get(package)
+    if type(module) is types.ModuleType:
+        folders = module.__dict__.get("__path__")
+        return [folder for folder in folders if type(folder) is str] if type(folders) is list else []
+    parent, _, name = package.rpartition(".")
+    return [os.path.join(folder, name) for folder in _folders_of(parent)]
+
+
+def _modules_in(package):
+    names = set() if package else set(sys.builtin_module_names) | set(sys.stdlib_module_names) | _loaded_at_top()
+    for folder in _folders_of(package):
+        try:
+            with os.scandir(folder) as entries:
+                for entry in itertools.islice(entries, _MOST_FILES):
+                    name, dot, ending = entry.name.partition(".")
+                    if name.isidentifier() and ((not dot and entry.is_dir()) or ending in _MODULE_ENDINGS):
+                        names.add(name)
+        except OSError:
+            continue
+    return names - {"__pycache__", "__init__"}
+
+
+def _loaded_at_top():
+    return {name for name in list(sys.modules) if type(name) is str and "." not in name}
 
 
 def _matching(names, tail):
@@ -151,6 +275,8 @@ def _member(value, name):
             return found.__get__(value)
         except AttributeError:
             raise LookupError(name) from None
+    if found is _ABSENT and _is_frame(value) and name in value.columns[:_MOST_KEYS].tolist():
+        return sys.modules["pandas"].Series  # whose members a column has
     attributes = _dict_of(value)
     if found is _ABSENT or type(found) is types.FunctionType:
         try:

@@ -5,6 +5,7 @@ show in a traceback.
 """
 
 import _signal as signal  # signal itself takes long to load
+import builtins
 import functools
 import os
 import sys
@@ -61,6 +62,26 @@ def run_file(path):
     return run_source(code, path)
 
 
+def run_module(name):
+    if not sys.flags.safe_path:
+        sys.path.insert(0, os.getcwd())
+    return _foreground(lambda: library("runpy")._run_module_as_main(name))
+
+
+def run_startup():
+    """What the user wants to have at every prompt; an error in it is shown, and the prompt comes all the same."""
+    path = os.environ.get("PYTHONSTARTUP") if not sys.flags.ignore_environment else None
+    if not path:
+        return False, 0
+    try:
+        with open(path, "rb") as file:
+            code = file.read()
+    except OSError as error:
+        print(f"vendra: PYTHONSTARTUP: can't open file {path!r}: {error.strerror}", file=sys.stderr)
+        return False, 1
+    return run_source(code, path)
+
+
 def _is_archive(path):
     if not path.endswith((".zip", ".pyz")):
         return False
@@ -91,9 +112,20 @@ _compiler = None
 _compiled = None
 
 
+def _leaves(source):
+    """The word alone means what it says, unless it is somebody's name for something else."""
+    return source in ("exit", "quit") and source not in workspace and _is_quitter(builtins.__dict__.get(source))
+
+
+def _is_quitter(value):
+    return type(value).__module__ == "_sitebuiltins" and type(value).__name__ == "Quitter"
+
+
 def compile_line(source):
     """None: more lines are needed; True: run_line may run it; False: it is wrong, and that was shown."""
     global _compiler, _compiled
+    if _leaves(source):
+        source += "()"
     if _compiler is None:
         _compiler = library("codeop").CommandCompiler()
     try:
@@ -109,6 +141,24 @@ def run_line():
     global _compiled
     code, _compiled = _compiled, None
     return _foreground(lambda: exec(code, workspace))
+
+
+_DONT_WAIT = 2  # of Tcl_DoOneEvent
+_MOST_EVENTS = 1_000
+_tcl = None
+
+
+def serve_windows():
+    """Handles the events that wait for Tk, whose own hook would keep everybody else waiting until somebody types."""
+    global _tcl
+    if _tcl is None:
+        tkinter = sys.modules.get("_tkinter")
+        if tkinter is None:
+            return
+        _tcl = tkinter.create(None, "vendra", "Tk", False, False, False, False, None)  # its events are the thread's
+    for _ in range(_MOST_EVENTS):
+        if not _tcl.dooneevent(_DONT_WAIT):
+            break
 
 
 def start_connector():
