@@ -1,6 +1,9 @@
 """Evaluation over the bus: requests, and evaluations that outlive them."""
 
+import json
+import os
 import sys
+import time
 import unittest
 
 from bayeux import BayeuxSocket
@@ -63,7 +66,7 @@ class AsyncEval(unittest.TestCase):
         cls.host.__exit__(None, None, None)
 
     def tearDown(self):
-        self.host.ask("Interrupt")  # what a failed test left running
+        self.host.ask("Interrupt", everybody=True)  # what a failed test left running
 
     def run_code(self, code, **members):
         reader = Reader(self.host).start(code, **members)
@@ -87,8 +90,113 @@ class AsyncEval(unittest.TestCase):
         fault = client.call("eval", deadline=20, code="for _ in range(2):\n    try:\n        while True: pass\n"
                                                       "    except KeyboardInterrupt: pass\nwhile True: pass")["fault"]
         self.assertEqual(fault["code"], "deadline")
-        self.assertEqual(client.call("eval", code="'x' * 3_000_000")["fault"]["code"], "tooLarge")
         self.assertEqual(client.call("interrupt"), {"interrupted": False})
+
+    def test_large_answers_are_fetched(self):
+        client = BayeuxSocket(self.host)
+        self.addCleanup(client.close)
+        large = "x" * 3_000_000
+
+        def fetched(part):
+            whole = self.host.ask("FetchAnswer", answer=part["answer"])
+            self.assertEqual(whole.pop("type"), "FetchAnswerResponse")
+            return whole
+        part = client.call("eval", code="print('y')\n'x' * 3_000_000")
+        self.assertEqual((part["hasValue"], part["value"], part["output"]), (True, None, "y\n"))
+        self.assertIn("fetched", part["conversionError"])
+        for _ in range(2):  # as often as somebody asks
+            self.assertEqual(fetched(part), {"id": "1", "hasValue": True, "value": large, "text": part["text"],
+                                             "output": "y\n"})
+        part = client.call("feval", function="str.upper", arguments=[large[:900_000]])
+        self.assertEqual(part, {"results": ["X" * 900_000], "output": ""})
+        client.call("eval", code="def three(): return 'x' * 3_000_000")
+        part = client.call("feval", function="three")
+        self.assertEqual((part["results"], fetched(part)["results"]), (None, [large]))
+        # A small value with much output; quotes are two bytes of JSON each.
+        part = client.call("eval", code="print('\"' * 1_500_000)\n42")
+        self.assertEqual((part["value"], len(part["output"]) + part["omittedBytes"]), (42, 1_500_001))
+        self.assertEqual(fetched(part)["output"], '"' * 1_500_000 + "\n")
+        reader, outcome = self.run_code("'y' * 2_000_000")
+        self.assertEqual(fetched(outcome)["value"], "y" * 2_000_000)
+        self.assertEqual(self.host.ask("FetchAnswer", answer="none")["code"], "notFound")
+
+    def test_interrupts_are_for_ones_own(self):
+        host = Vendra(VENDRA, environment={"VENDRA_INTERPRETER_MAX_QUEUED": "2"})
+        self.enterContext(host)
+        mine, other = BayeuxSocket(host), BayeuxSocket(host)
+        self.addCleanup(mine.close)
+        self.addCleanup(other.close)
+        begun = os.path.join(host.home, "begun")
+        loop = f"open({begun!r}, 'x').close()\nwhile True: pass"
+
+        def answer_of(client, verb):
+            return client.event(lambda message: message["channel"] == "/service/interpreter/" + verb)["data"]
+
+        def begin():
+            mine.send("/service/interpreter/eval", data={"code": loop})
+            while not os.path.exists(begun):
+                pass
+            os.remove(begun)
+        begin()
+        self.assertEqual(other.call("interrupt"), {"interrupted": False})
+        self.assertFalse(host.ask("Interrupt")["interrupted"], "a program over HTTP is another client")
+        # What waits behind another's code is taken out; the queue has its limit for the bus, too.
+        for code in ("1", "2", "3"):
+            other.send("/service/interpreter/eval", data={"code": code})
+        self.assertEqual(answer_of(other, "eval")["fault"]["code"], "busy")
+        self.assertEqual(other.call("start", code="4")["fault"]["code"], "busy")
+        self.assertEqual(other.call("interrupt"), {"interrupted": True})
+        self.assertEqual([answer_of(other, "eval")["fault"]["code"] for _ in range(2)], ["cancelled"] * 2)
+        self.assertEqual(mine.call("interrupt"), {"interrupted": True})
+        self.assertEqual(answer_of(mine, "eval")["fault"]["code"], "interrupted")
+        begin()
+        self.assertEqual(other.call("interrupt", everybody=True), {"interrupted": True})
+        self.assertEqual(answer_of(mine, "eval")["fault"]["code"], "interrupted")
+        begin()
+        self.assertTrue(host.ask("Interrupt", everybody=True)["interrupted"])
+        self.assertEqual(answer_of(mine, "eval")["fault"]["code"], "interrupted")
+
+    def test_evaluations_of_clients_that_died_end(self):
+        host = Vendra(VENDRA, environment={"VENDRA_INTERPRETER_GRACE_SECONDS": "1"})
+        self.enterContext(host)
+        stays = BayeuxSocket(host)
+        self.addCleanup(stays.close)
+        begun = os.path.join(host.home, "begun")
+        loop = f"import time\nopen({begun!r}, 'x').close()\nended = False\n" \
+               "try:\n    while True: time.sleep(0.01)\nfinally: ended = True"
+
+        def wait_until_begun():
+            while not os.path.exists(begun):
+                pass
+            os.remove(begun)
+
+        def over_http():
+            connection = host.connection()
+            connection.request("POST", "/messageservice/container",
+                               json.dumps({"type": "Eval", "id": "1", "code": loop}), host.headers())
+            wait_until_begun()
+            connection.close()
+
+        def over_bus():
+            client = BayeuxSocket(host)
+            client.send("/service/interpreter/eval", data={"code": loop})
+            wait_until_begun()
+            client.ask("/meta/disconnect")
+            client.close()
+        for leave in (over_http, over_bus):
+            leave()
+            begin = time.monotonic()
+            self.assertEqual(stays.call("eval", code="ended")["value"], True)
+            self.assertGreater(time.monotonic() - begin, 0.5, "it has its time of grace")
+        # What is started is meant to go on.
+        client = BayeuxSocket(host)
+        started = client.call("start", code=loop)["id"]
+        wait_until_begun()
+        client.ask("/meta/disconnect")
+        client.close()
+        time.sleep(1.5)
+        self.assertEqual(stays.call("list")["evaluations"][-1]["state"], "running")
+        self.assertEqual(stays.call("cancel", id=started), {"cancelled": True})
 
     def test_what_makes_no_sense_is_refused(self):
         client = BayeuxSocket(self.host)

@@ -183,7 +183,7 @@ class Events(unittest.TestCase):
         with concurrent.futures.ThreadPoolExecutor() as pool:
             waiting = pool.submit(self.host.ask, "Eval", code="1")
             self.until("/interpreter/state", lambda data: data == {"state": "busy", "queued": 1})
-            self.assertTrue(self.host.ask("Interrupt")["interrupted"])
+            self.assertTrue(self.host.ask("Interrupt", everybody=True)["interrupted"])
             self.until("/interpreter/state", lambda data: data == {"state": "idle", "queued": 0})
             self.assertEqual(waiting.result(TIMEOUT)["value"], 1)
 

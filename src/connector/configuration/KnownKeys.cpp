@@ -68,6 +68,8 @@ std::vector<Key> otherKeys()
         {"http.spoolFolder", text("/var/tmp"), "Folder for the bodies of large requests"},
         {"http.tls", false, "Whether ports speak HTTPS"},
         {"http.unixSocket", text(""), "Path of a Unix-domain socket to listen on as well"},
+        {"interpreter.graceSeconds", integer(10), "Time that an evaluation goes on after its client left", 0,
+         kDaySeconds},
         {"interpreter.maxOutputBytes", integer(256 * kMiB), "Output kept of one evaluation", kMiB, kMaxBytes},
         {"interpreter.maxQueued", integer(1'000), "Requests that wait for the interpreter", 1, 1'000'000},
         {"log.clientLevel", text("info"), "Level from which on log records of clients are written"},

@@ -4,19 +4,22 @@
 #include <utility>
 
 #include "connector/core/ServiceFault.h"
+#include "connector/engine_tasks/Client.h"
 #include "connector/engine_tasks/EngineFault.h"
 
 namespace connector::desktop::v1 {
 namespace {
 
+using engine_tasks::Client;
 using MessagePtr = std::unique_ptr<Message>;
 
 /// The answer is kept until the interpreter's lock is released.
 class EngineCall final : public rqe::Task
 {
 public:
-    EngineCall(EngineWork work, const rqe::RQE& engine, std::shared_ptr<EngineAnswer> answer)
-        : work_(std::move(work)), engine_(engine), answer_(std::move(answer))
+    /// `client`: empty for a look, which no interrupt is for.
+    EngineCall(EngineWork work, const rqe::RQE& engine, std::shared_ptr<EngineAnswer> answer, Client client)
+        : work_(std::move(work)), engine_(engine), answer_(std::move(answer)), client_(std::move(client))
     {}
 
     void run(rqe::Interpreter& interpreter) override
@@ -29,10 +32,14 @@ public:
 
     void abandon(std::exception_ptr reason) noexcept override { answer_->fail(faultOf(reason)); }
 
+    const std::string& client() const noexcept override { return client_.name; }
+    std::string about() const override { return client_.kind; }
+
 private:
     const EngineWork work_;
     const rqe::RQE& engine_; ///< runs this, so it is there
     const std::shared_ptr<EngineAnswer> answer_;
+    const Client client_;
     MessagePtr message_;
 };
 
@@ -48,7 +55,8 @@ Begun begin(const boost::shared_ptr<rqe::RQE>& engine, const std::shared_ptr<Con
 
     auto answer = std::make_shared<EngineAnswer>();
     auto future = answer->future();
-    auto task = std::make_unique<EngineCall>(std::move(work), *engine, answer);
+    auto task = std::make_unique<EngineCall>(std::move(work), *engine, answer,
+                                             looks ? Client() : engine_tasks::clientOf(*context));
     try {
         answer->id = looks ? engine->look(std::move(task)) : engine->post(std::move(task));
     } catch (const rqe::EngineError& error) {

@@ -7,8 +7,10 @@
 #include <Poco/JSON/Object.h>
 
 #include "connector/common/Secret.h"
+#include "connector/configuration/ConfigurationImpl.h"
 #include "connector/interpreter/AsyncTask.h"
 #include "connector/interpreter/EngineTask.h"
+#include "connector/interpreter/EvaluationSettings.h"
 #include "connector/interpreter/InterpreterJson.h"
 #include "connector/json/JsonFields.h"
 #include "connector/json/JsonText.h"
@@ -54,6 +56,14 @@ void replyFault(const bayeux::SessionPtr& session, const std::string& channel, c
     reply(session, channel, tag, members);
 }
 
+/// A program is one client for as long as its session lasts; a browser is the same in all its tabs, and over HTTP.
+engine_tasks::Client clientOf(const bayeux::BayeuxSession& session)
+{
+    if (!session.httpSessionId().empty())
+        return engine_tasks::clientOfSession(session.httpSessionId());
+    return {"bus " + session.id(), "a program on the bus"};
+}
+
 const char* nameOf(Evaluation::State state)
 {
     switch (state) {
@@ -70,7 +80,9 @@ const char* nameOf(Evaluation::State state)
 } // namespace
 
 /// The service's work. Threads: any.
-class AsyncEvalService::Impl final : public http::HttpSessionListener, public std::enable_shared_from_this<Impl>
+class AsyncEvalService::Impl final : public http::HttpSessionListener,
+                                     public bayeux::BayeuxListener,
+                                     public std::enable_shared_from_this<Impl>
 {
 public:
     Impl(std::shared_ptr<shadow_files::v1::ShadowService> shadows, boost::shared_ptr<rqe::RQE> engine)
@@ -78,7 +90,10 @@ public:
     {}
 
     void handle(const bayeux::BayeuxMessage& message);
+    void configure(std::shared_ptr<configuration::Configuration> configuration);
+    const std::shared_ptr<KeptAnswers>& answers() const noexcept { return answers_; }
     void stop();
+    void sessionRemoved(const bayeux::SessionPtr& session, bool timedOut) override;
     void sessionEnded(const std::shared_ptr<http::HttpSession>& session) override;
 
 private:
@@ -100,9 +115,15 @@ private:
     Object::Ptr interrupt(const Request& request);
 
     void requireEngine() const;
+    std::shared_ptr<const EvaluationSettings> settings() const;
+    std::shared_ptr<CancellationToken> tokenOf(const bayeux::SessionPtr& session);
     template <class Call, class Response>
     Object::Ptr call(const Request& request, std::unique_ptr<Call> message,
                      Object::Ptr (*encode)(const Response& response));
+    template <class Response>
+    static std::string answerText(const Poco::Dynamic::Var& tag, const std::shared_ptr<const Response>& answer,
+                                  Object::Ptr (*encode)(const Response& response), KeptAnswers& answers,
+                                  const std::string& httpSession);
     std::shared_ptr<void> pathFor(const std::string& clientType) const;
     KeptPtr find(const Request& request) const;
     void add(const KeptPtr& kept);
@@ -113,8 +134,12 @@ private:
     const std::shared_ptr<shadow_files::v1::ShadowService> shadows_;
     const boost::shared_ptr<rqe::RQE> engine_;
     const std::shared_ptr<Pump> pump_ = std::make_shared<Pump>();
-    const std::shared_ptr<CancellationToken> uncancelled_ = std::make_shared<CancellationToken>();
+    const std::shared_ptr<KeptAnswers> answers_ = std::make_shared<KeptAnswers>();
     mutable std::mutex mutex_;
+    std::shared_ptr<const EvaluationSettings> settings_ =
+        std::make_shared<EvaluationSettings>(std::make_shared<configuration::ConfigurationImpl>());
+    /// Fire when the session is over; of sessions that have asked for something.
+    std::map<const bayeux::BayeuxSession*, std::shared_ptr<CancellationToken>> tokens_;
     std::vector<KeptPtr> kept_; ///< the oldest first
 };
 
@@ -162,9 +187,53 @@ void AsyncEvalService::Impl::stop()
     pump_->stop();
 }
 
+void AsyncEvalService::Impl::configure(std::shared_ptr<configuration::Configuration> configuration)
+{
+    auto settings = std::make_shared<const EvaluationSettings>(std::move(configuration));
+    std::lock_guard lock(mutex_);
+    settings_.swap(settings);
+}
+
+std::shared_ptr<const EvaluationSettings> AsyncEvalService::Impl::settings() const
+{
+    std::lock_guard lock(mutex_);
+    return settings_;
+}
+
+std::shared_ptr<CancellationToken> AsyncEvalService::Impl::tokenOf(const bayeux::SessionPtr& session)
+{
+    std::shared_ptr<CancellationToken> token;
+    {
+        std::lock_guard lock(mutex_);
+        auto& known = tokens_[session.get()];
+        if (!known)
+            known = std::make_shared<CancellationToken>();
+        token = known;
+    }
+    // It may have ended before the token was there.
+    if (session->isOver())
+        sessionRemoved(session, false);
+    return token;
+}
+
+void AsyncEvalService::Impl::sessionRemoved(const bayeux::SessionPtr& session, bool)
+{
+    std::shared_ptr<CancellationToken> token;
+    {
+        std::lock_guard lock(mutex_);
+        const auto found = tokens_.find(session.get());
+        if (found == tokens_.end())
+            return;
+        token = std::move(found->second);
+        tokens_.erase(found);
+    }
+    token->cancel();
+}
+
 /// Nobody comes back for what has ended.
 void AsyncEvalService::Impl::sessionEnded(const std::shared_ptr<http::HttpSession>& session)
 {
+    answers_->sessionEnded(session->id());
     std::lock_guard lock(mutex_);
     removeIf([&](const Kept& kept, const Evaluation::Summary& summary) {
         return kept.httpSession == session->id() && summary.state == Evaluation::State::ended;
@@ -193,28 +262,48 @@ std::shared_ptr<void> AsyncEvalService::Impl::pathFor(const std::string& clientT
     }
 }
 
+/// The answer, or, where it is too large for a message, what fits, the whole being kept.
+template <class Response>
+std::string AsyncEvalService::Impl::answerText(const Poco::Dynamic::Var& tag,
+                                               const std::shared_ptr<const Response>& answer,
+                                               Object::Ptr (*encode)(const Response& response), KeptAnswers& answers,
+                                               const std::string& httpSession)
+{
+    auto bytes = leastBytesOf(*answer);
+    if (bytes <= kMaxReplyBytes) {
+        auto text = textOf(tag, encode(*answer));
+        bytes = text.size();
+        if (bytes <= kMaxReplyBytes)
+            return text;
+    }
+    const auto id = answers.keep(answer, bytes, httpSession);
+    return textOf(tag, encodeLarge(*answer, id, bytes));
+}
+
 template <class Call, class Response>
 Object::Ptr AsyncEvalService::Impl::call(const Request& request, std::unique_ptr<Call> message,
                                          Object::Ptr (*encode)(const Response& response))
 {
-    requireEngine();
     const auto clientType = request.data.optionalString("clientType");
     request.data.refuseOthers();
+    const auto current = settings();
+    current->requirePlace(engine_.get());
     EngineTask::Terms terms;
-    terms.maxOutputBytes = kMaxOutputBytes;
+    terms.maxOutputBytes = current->maxOutputBytes();
+    terms.grace = current->grace();
+    terms.client = clientOf(*request.sender());
     if (!message->outputChannel.empty())
         terms.streamed = std::make_shared<StreamedOutput>(message->outputChannel, pump_);
     terms.isWanted = [sender = request.sender()] { return !sender->isOver(); };
     terms.keep = pathFor(clientType);
-    EngineTask::post(makeTask(engine_, std::move(message), std::move(terms)), *uncancelled_)
+    EngineTask::post(makeTask(engine_, std::move(message), std::move(terms)), *tokenOf(request.sender()))
         .then([sender = request.sender(), channel = request.message.channel, tag = request.tag, encode,
-               engine = engine_](MessageFuture settled) {
+               engine = engine_, answers = answers_](MessageFuture settled) {
             try {
-                const auto answer = settled.get();
-                const auto text = textOf(tag, encode(static_cast<const Response&>(*answer)));
-                if (text.size() > kMaxReplyBytes)
-                    throw ServiceFault("tooLarge", "The answer takes " + std::to_string(text.size()) + " bytes.");
-                auto event = bayeux::BayeuxEvent::ofText(channel, text);
+                auto event = bayeux::BayeuxEvent::ofText(
+                    channel,
+                    answerText(tag, std::shared_ptr<const Response>(static_cast<Response*>(settled.get().release())),
+                               encode, *answers, sender->httpSessionId()));
                 // While others wait for the interpreter its thread has better things to do than to send.
                 if (engine->queued() > 0)
                     sender->deliver(std::move(event));
@@ -243,13 +332,14 @@ Object::Ptr AsyncEvalService::Impl::start(const Request& request)
     auto message = decodeEval(request.data);
     const auto clientType = request.data.optionalString("clientType");
     request.data.refuseOthers();
-    requireEngine();
+    settings()->requirePlace(engine_.get());
     auto kept = std::make_shared<Kept>();
     kept->evaluation = std::make_shared<Evaluation>(common::randomHex(kIdBytes), pump_, Evaluation::Limits());
     kept->title = message->code.substr(0, kTitleBytes);
     kept->httpSession = request.sender()->httpSessionId();
+    kept->client = clientOf(*request.sender());
     add(kept);
-    auto task = std::make_unique<AsyncTask>(kept, std::move(message), engine_, pathFor(clientType));
+    auto task = std::make_unique<AsyncTask>(kept, std::move(message), engine_, answers_, pathFor(clientType));
 
     // The id has to be there before the first event.
     auto members = json::makeObject();
@@ -354,9 +444,12 @@ Object::Ptr AsyncEvalService::Impl::forget(const Request& request)
 
 Object::Ptr AsyncEvalService::Impl::interrupt(const Request& request)
 {
+    const auto message = decodeInterrupt(request.data);
     request.data.refuseOthers();
     auto members = json::makeObject();
-    members->set("interrupted", engine_ && engine_->interrupt());
+    members->set("interrupted",
+                 engine_ && (message->everybody ? engine_->interrupt()
+                                                : engine_->interruptClient(clientOf(*request.sender()).name)));
     return members;
 }
 
@@ -421,6 +514,7 @@ AsyncEvalService::AsyncEvalService(std::shared_ptr<bayeux::BayeuxServer> server,
     if (!server)
         return;
     reservation_ = server->reserve(kReserved);
+    listening_ = server->addListener(impl_);
     bayeux::ServiceOptions options;
     options.answersSoon = true;
     registration_ = server->handleService(
@@ -436,7 +530,15 @@ AsyncEvalService::AsyncEvalService(std::shared_ptr<bayeux::BayeuxServer> server,
 AsyncEvalService::~AsyncEvalService()
 {
     registration_.reset();
+    listening_.reset();
     impl_->stop();
+}
+
+std::shared_ptr<KeptAnswers> AsyncEvalService::answers() const { return impl_->answers(); }
+
+void AsyncEvalService::configure(std::shared_ptr<configuration::Configuration> configuration)
+{
+    impl_->configure(std::move(configuration));
 }
 
 } // namespace connector::interpreter::v1

@@ -6,7 +6,9 @@
 
 #include "connector/Export.h"
 #include "connector/bayeux/BayeuxServer.h"
+#include "connector/configuration/Configuration.h"
 #include "connector/http/HttpSession.h"
+#include "connector/interpreter/KeptAnswers.h"
 #include "connector/shadow_files/ShadowService.h"
 #include "platform/rqe/RQE.h"
 
@@ -24,14 +26,17 @@ public:
     static constexpr std::size_t kMaxEvaluations = 200;        ///< that did not end, and kept ones
     static constexpr std::uint64_t kMaxKeptBytes = 256u << 20; ///< of evaluations that ended, together
     static constexpr std::chrono::minutes kKeepTime{30};       ///< of one that ended
-    static constexpr std::size_t kMaxOutputBytes = 1u << 20;   ///< kept for an answer
-    static constexpr std::size_t kMaxReplyBytes = 2u << 20;
+    static constexpr std::size_t kMaxReplyBytes = 2u << 20;    ///< what takes more is kept to be fetched
 
     /// Without a server there is nothing to serve. `engine` may be empty: requests then fail with "unavailable".
     AsyncEvalService(std::shared_ptr<bayeux::BayeuxServer> server,
                      std::shared_ptr<http::HttpSessionManager> httpSessions,
                      std::shared_ptr<shadow_files::v1::ShadowService> shadows, boost::shared_ptr<rqe::RQE> engine);
     ~AsyncEvalService();
+    /// Whose settings hold from now on; until then those of an empty configuration.
+    void configure(std::shared_ptr<configuration::Configuration> configuration);
+    /// Those that were too large for a message.
+    std::shared_ptr<KeptAnswers> answers() const;
     AsyncEvalService(const AsyncEvalService&) = delete;
     AsyncEvalService& operator=(const AsyncEvalService&) = delete;
 
@@ -40,6 +45,7 @@ private:
     std::shared_ptr<Impl> impl_;
     bayeux::BayeuxServer::Registration reservation_;
     bayeux::BayeuxServer::Registration registration_;
+    bayeux::BayeuxServer::Registration listening_;
 };
 
 } // namespace connector::interpreter::v1

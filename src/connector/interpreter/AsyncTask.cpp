@@ -22,20 +22,13 @@ Object::Ptr membersOf(const Fault& fault)
 }
 
 /// The event of an evaluation that went well, as JSON without its number.
-std::string resultText(const EvalResponse& response)
+std::string resultOf(const Object& answer)
 {
     auto object = json::makeObject();
     object->set("kind", "result");
-    const auto answer = encodeEvalResponse(response);
-    for (const auto* member : json::membersInOrder(*answer))
-        if (member->first != "output")
+    for (const auto* member : json::membersInOrder(answer))
+        if (member->first != "output" && member->first != "omittedBytes")
             object->set(member->first, member->second);
-    auto text = json::write(object);
-    if (text.size() <= AsyncTask::kMaxValueBytes)
-        return text;
-    object->set("value", Poco::Dynamic::Var());
-    object->set("conversionError", "The value takes " + std::to_string(text.size()) + " bytes, at most " +
-                                       std::to_string(AsyncTask::kMaxValueBytes) + " are sent.");
     return json::write(object);
 }
 
@@ -66,12 +59,26 @@ void AsyncTask::run(rqe::Interpreter& interpreter)
     }
 }
 
+std::string AsyncTask::resultText()
+{
+    auto bytes = leastBytes(response_.value);
+    if (bytes <= kMaxValueBytes) {
+        auto text = resultOf(*encodeEvalResponse(response_));
+        bytes = text.size();
+        if (bytes <= kMaxValueBytes)
+            return text;
+    }
+    const auto whole = std::make_shared<EvalResponse>(std::move(response_));
+    const auto id = answers_->keep(whole, bytes, kept_->httpSession);
+    return resultOf(*encodeLarge(*whole, id, bytes));
+}
+
 void AsyncTask::end(const std::exception_ptr& failure) noexcept
 {
     keep_.reset();
     std::string outcome;
     try {
-        outcome = failure ? failureText(failure) : resultText(response_);
+        outcome = failure ? failureText(failure) : resultText();
     } catch (...) {
         outcome = failureText(std::current_exception());
     }

@@ -118,14 +118,41 @@ MessageFuture EngineTask::post(std::unique_ptr<EngineTask> task, CancellationTok
 {
     auto future = task->future();
     const auto posted = task->posted_;
+    const auto grace = task->terms_.grace;
     const boost::weak_ptr<rqe::RQE> weak(task->engine_);
     try {
         posted->number = weak.lock()->post(std::move(task));
     } catch (const rqe::EngineError& error) {
         throw faultOf(error);
     }
-    posted->registration = engine_tasks::takeOutWhenCancelled(cancellation, weak, posted->number);
+    posted->registration = cancellation.onCancel([weak, grace, held = std::weak_ptr(posted)] {
+        if (const auto known = held.lock())
+            known->end(weak, grace);
+    });
     return future;
+}
+
+void EngineTask::Posted::end(const boost::weak_ptr<rqe::RQE>& engine, std::chrono::milliseconds grace)
+{
+    const auto known = engine.lock();
+    if (!known || known->cancel(number))
+        return;
+    std::lock_guard lock(mutex);
+    interrupts = common::TickManager::instance()->every(std::max(grace, std::chrono::milliseconds(1)),
+                                                        [engine, task = number.load()] {
+                                                            if (const auto running = engine.lock())
+                                                                running->interrupt(task);
+                                                        });
+}
+
+std::string aboutWork(const engine_tasks::Client& client, const std::string& code)
+{
+    constexpr std::size_t kShown = 60;
+    const auto line = code.substr(0, code.find('\n'));
+    auto text = fl::i18n::toValidUtf8(line.substr(0, kShown));
+    // A terminal would obey them.
+    std::erase_if(text, [](unsigned char byte) { return byte < ' ' || byte == 0x7F; });
+    return client.kind + ": " + text + (text.size() < code.size() ? " …" : "");
 }
 
 namespace {
@@ -143,6 +170,7 @@ private:
         return std::make_unique<EvalResponse>(evaluate(interpreter, *request_, output));
     }
     Output* outputOf(Message& answer) override { return &static_cast<EvalResponse&>(answer).output; }
+    const std::string& what() const override { return request_->code; }
 
     const std::unique_ptr<Eval> request_;
 };
@@ -164,6 +192,7 @@ private:
         return answer;
     }
     Output* outputOf(Message& answer) override { return &static_cast<FEvalResponse&>(answer).output; }
+    const std::string& what() const override { return request_->function; }
 
     const std::unique_ptr<FEval> request_;
 };

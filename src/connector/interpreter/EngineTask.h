@@ -10,6 +10,7 @@
 
 #include "connector/common/TickManager.h"
 #include "connector/core/ServiceFault.h"
+#include "connector/engine_tasks/Client.h"
 #include "connector/engine_tasks/EngineFault.h"
 #include "connector/interpreter/InterpreterMessages.h"
 #include "connector/interpreter/StreamedOutput.h"
@@ -58,6 +59,9 @@ private:
     common::TickManager::Subscription ticks_;
 };
 
+/// For the terminal: whose code runs, and how it begins.
+std::string aboutWork(const engine_tasks::Client& client, const std::string& code);
+
 /// A request at the engine. What it answers is kept until the interpreter's lock is released.
 class EngineTask : public rqe::Task
 {
@@ -65,7 +69,9 @@ public:
     struct Terms
     {
         std::size_t maxOutputBytes = 0;
-        std::chrono::milliseconds deadline{0};    ///< none when zero
+        std::chrono::milliseconds deadline{0}; ///< none when zero
+        std::chrono::milliseconds grace{0};    ///< how long it goes on without its client
+        engine_tasks::Client client;
         std::shared_ptr<StreamedOutput> streamed; ///< takes the output; null to keep it for the answer
         std::function<bool()> isWanted;           ///< asked before it runs; empty for yes
         std::shared_ptr<void> keep;               ///< lives as long as the task
@@ -75,25 +81,34 @@ public:
 
     MessageFuture future() const { return promise_.future(); }
 
+    const std::string& client() const noexcept final { return terms_.client.name; }
+    std::string about() const final { return aboutWork(terms_.client, what()); }
     void run(rqe::Interpreter& interpreter) final;
     void finish() noexcept final;
     void abandon(std::exception_ptr reason) noexcept final;
 
-    /// Puts a task into the engine's queue, and takes it out again when `cancellation` asks for it before it begins.
-    /// Throws ServiceFault "busy" and "unavailable".
+    /// Puts a task into the engine's queue. When `cancellation` says that its client left, it is taken out again, or
+    /// interrupted, if it has begun, after the time of grace, and again after as much time while it goes on. Throws
+    /// ServiceFault "busy" and "unavailable".
     static MessageFuture post(std::unique_ptr<EngineTask> task, CancellationToken& cancellation);
 
 protected:
     virtual std::unique_ptr<Message> work(rqe::Interpreter& interpreter, rqe::OutputSink& output) = 0;
     /// Where the answer has it; null for an answer without one.
     virtual Output* outputOf(Message& answer) = 0;
+    /// Its code, or what it calls.
+    virtual const std::string& what() const = 0;
 
 private:
-    /// Shared with the thread that posts, which fills it when the task may have ended already.
+    /// Shared with the thread that posts, which fills it when the task may have ended already, and with who cancels.
     struct Posted
     {
+        void end(const boost::weak_ptr<rqe::RQE>& engine, std::chrono::milliseconds grace);
+
         std::atomic<rqe::TaskId> number{0};
         CancellationToken::Registration registration;
+        std::mutex mutex;
+        common::TickManager::Subscription interrupts; ///< once the client left
     };
 
     const boost::shared_ptr<rqe::RQE> engine_;

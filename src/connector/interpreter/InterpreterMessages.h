@@ -77,10 +77,29 @@ public:
     Output output;
 };
 
-/// Breaks what the interpreter runs.
+/// Asks for an answer that was too large for the bus.
+class CONNECTOR_API FetchAnswer final : public ServiceMessage<InterpreterServiceProvider>
+{
+public:
+    std::string answer; ///< its id
+
+    MessageFuture deliverTo(std::shared_ptr<InterpreterServiceProvider> provider, std::unique_ptr<Message>&& message,
+                            Address&& address, std::shared_ptr<Context>&& context) override;
+};
+
+class CONNECTOR_API FetchAnswerResponse final : public Message
+{
+public:
+    explicit FetchAnswerResponse(std::shared_ptr<const Message> kept) : answer(std::move(kept)) {}
+    std::shared_ptr<const Message> answer; ///< EvalResponse or FEvalResponse
+};
+
+/// Breaks what the interpreter runs for the client that sends it.
 class CONNECTOR_API Interrupt final : public ServiceMessage<InterpreterServiceProvider>
 {
 public:
+    bool everybody = false; ///< whatever runs, also the terminal's line
+
     MessageFuture deliverTo(std::shared_ptr<InterpreterServiceProvider> provider, std::unique_ptr<Message>&& message,
                             Address&& address, std::shared_ptr<Context>&& context) override;
 };
@@ -89,7 +108,7 @@ class CONNECTOR_API InterruptResponse final : public Message
 {
 public:
     explicit InterruptResponse(bool wasRunning) : interrupted(wasRunning) {}
-    bool interrupted; ///< false when nothing ran
+    bool interrupted; ///< false when nothing of the kind ran or waited
 };
 
 } // namespace connector::interpreter::v1

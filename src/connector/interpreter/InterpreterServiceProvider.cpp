@@ -30,6 +30,13 @@ MessageFuture FEval::deliverTo(std::shared_ptr<InterpreterServiceProvider> provi
     return provider->handleFEval(downcast<FEval>(std::move(message)), std::move(address), std::move(context));
 }
 
+MessageFuture FetchAnswer::deliverTo(std::shared_ptr<InterpreterServiceProvider> provider, MessagePtr&& message,
+                                     Address&& address, std::shared_ptr<Context>&& context)
+{
+    return provider->handleFetchAnswer(downcast<FetchAnswer>(std::move(message)), std::move(address),
+                                       std::move(context));
+}
+
 MessageFuture Interrupt::deliverTo(std::shared_ptr<InterpreterServiceProvider> provider, MessagePtr&& message,
                                    Address&& address, std::shared_ptr<Context>&& context)
 {
@@ -38,7 +45,7 @@ MessageFuture Interrupt::deliverTo(std::shared_ptr<InterpreterServiceProvider> p
 
 InterpreterServiceProviderImpl::InterpreterServiceProviderImpl(
     std::shared_ptr<configuration::Configuration> configuration, boost::shared_ptr<rqe::RQE> engine)
-    : configuration_(std::move(configuration)), engine_(std::move(engine)), pump_(std::make_shared<Pump>())
+    : settings_(std::move(configuration)), engine_(std::move(engine)), pump_(std::make_shared<Pump>())
 {}
 
 InterpreterServiceProviderImpl::~InterpreterServiceProviderImpl() { pump_->stop(); }
@@ -47,13 +54,11 @@ template <class Request>
 MessageFuture InterpreterServiceProviderImpl::post(std::unique_ptr<Request> request,
                                                    const std::shared_ptr<Context>& context)
 {
-    if (!engine_)
-        throw ServiceFault("unavailable", "There is no interpreter in this process.");
-    if (engine_->queued() >= static_cast<std::size_t>(configuration_->getInteger("interpreter.maxQueued")))
-        throw ServiceFault("busy", "Too many requests wait for the interpreter.");
-
+    settings_.requirePlace(engine_.get());
     EngineTask::Terms terms;
-    terms.maxOutputBytes = static_cast<std::size_t>(configuration_->getInteger("interpreter.maxOutputBytes"));
+    terms.maxOutputBytes = settings_.maxOutputBytes();
+    terms.grace = settings_.grace();
+    terms.client = engine_tasks::clientOf(*context);
     if (!request->outputChannel.empty())
         terms.streamed = std::make_shared<StreamedOutput>(request->outputChannel, pump_);
     return EngineTask::post(makeTask(engine_, std::move(request), std::move(terms)), *context->cancellation());
@@ -71,10 +76,19 @@ MessageFuture InterpreterServiceProviderImpl::handleFEval(std::unique_ptr<FEval>
     return post(std::move(message), context);
 }
 
-MessageFuture InterpreterServiceProviderImpl::handleInterrupt(std::unique_ptr<Interrupt>&&, Address&&,
-                                                              std::shared_ptr<Context>&&)
+MessageFuture InterpreterServiceProviderImpl::handleFetchAnswer(std::unique_ptr<FetchAnswer>&& message, Address&&,
+                                                                std::shared_ptr<Context>&&)
 {
-    return makeReadyFuture<MessagePtr>(std::make_unique<InterruptResponse>(engine_ && engine_->interrupt()));
+    return makeReadyFuture<MessagePtr>(std::make_unique<FetchAnswerResponse>(answers_->find(message->answer)));
+}
+
+MessageFuture InterpreterServiceProviderImpl::handleInterrupt(std::unique_ptr<Interrupt>&& message, Address&&,
+                                                              std::shared_ptr<Context>&& context)
+{
+    const bool interrupted =
+        engine_ &&
+        (message->everybody ? engine_->interrupt() : engine_->interruptClient(engine_tasks::clientOf(*context).name));
+    return makeReadyFuture<MessagePtr>(std::make_unique<InterruptResponse>(interrupted));
 }
 
 } // namespace connector::interpreter::v1

@@ -5,6 +5,7 @@
 
 #include "connector/interpreter/InterpreterJson.h"
 #include "connector/interpreter/InterpreterMessages.h"
+#include "connector/interpreter/KeptAnswers.h"
 #include "connector/json/ArrayJson.h"
 #include "connector/json/Members.h"
 
@@ -57,17 +58,47 @@ void setOutput(Object& object, const Output& output)
         object.set("outputMessages", static_cast<std::int64_t>(output.messages));
 }
 
-} // namespace
-
-Object::Ptr encodeEvalResponse(const EvalResponse& response)
+Object::Ptr encode(const EvalResponse& response, bool withValue)
 {
     Object::Ptr object = new Object;
     object->set("hasValue", response.hasValue);
-    object->set("value", response.value ? json::toJson(*response.value) : Poco::Dynamic::Var());
+    object->set("value", response.value && withValue ? json::toJson(*response.value) : Poco::Dynamic::Var());
     object->set("text", response.valueText);
     if (!response.conversionError.empty())
         object->set("conversionError", response.conversionError);
     setOutput(*object, response.output);
+    return object;
+}
+
+std::uint64_t leastBytesOf(const std::vector<matrix::ArrayPtr>& results)
+{
+    std::uint64_t bytes = 0;
+    for (const auto& result : results)
+        bytes += leastBytes(result);
+    return bytes;
+}
+
+} // namespace
+
+std::uint64_t leastBytesOf(const EvalResponse& response)
+{
+    return leastBytes(response.value) + response.output.text.size();
+}
+
+std::uint64_t leastBytesOf(const FEvalResponse& response)
+{
+    return leastBytesOf(response.results) + response.output.text.size();
+}
+
+Object::Ptr encodeEvalResponse(const EvalResponse& response) { return encode(response, true); }
+
+Object::Ptr encodeLarge(const EvalResponse& response, const std::string& id, std::uint64_t bytes)
+{
+    const bool small = leastBytes(response.value) <= kPartBytes;
+    auto object = encode(response, small);
+    if (leaveOutLarge(*object, id) || !small)
+        object->set("conversionError",
+                    "The answer takes " + std::to_string(bytes) + " bytes or more: it can be fetched.");
     return object;
 }
 
@@ -98,18 +129,53 @@ std::unique_ptr<FEval> decodeFEval(json::Members& members)
     return message;
 }
 
-Object::Ptr encodeFEvalResponse(const FEvalResponse& response)
+namespace {
+
+Object::Ptr encode(const FEvalResponse& response, bool withResults)
 {
     Object::Ptr object = new Object;
     Poco::JSON::Array::Ptr results = new Poco::JSON::Array;
-    for (const auto& result : response.results)
-        results->add(result ? json::toJson(*result) : Poco::Dynamic::Var());
-    object->set("results", results);
+    if (withResults)
+        for (const auto& result : response.results)
+            results->add(result ? json::toJson(*result) : Poco::Dynamic::Var());
+    object->set("results", withResults ? Poco::Dynamic::Var(results) : Poco::Dynamic::Var());
     setOutput(*object, response.output);
     return object;
 }
 
+} // namespace
+
+Object::Ptr encodeFEvalResponse(const FEvalResponse& response) { return encode(response, true); }
+
+Object::Ptr encodeLarge(const FEvalResponse& response, const std::string& id, std::uint64_t)
+{
+    auto object = encode(response, leastBytesOf(response.results) <= kPartBytes);
+    leaveOutLarge(*object, id);
+    return object;
+}
+
+std::unique_ptr<Interrupt> decodeInterrupt(json::Members& members)
+{
+    auto message = std::make_unique<Interrupt>();
+    message->everybody = members.optionalBool("everybody", false);
+    return message;
+}
+
 namespace {
+
+std::unique_ptr<FetchAnswer> decodeFetchAnswer(json::Members& members)
+{
+    auto message = std::make_unique<FetchAnswer>();
+    message->answer = members.requireString("answer");
+    return message;
+}
+
+Object::Ptr encodeFetchAnswerResponse(const FetchAnswerResponse& response)
+{
+    if (const auto* answer = dynamic_cast<const EvalResponse*>(response.answer.get()))
+        return encodeEvalResponse(*answer);
+    return encodeFEvalResponse(dynamic_cast<const FEvalResponse&>(*response.answer));
+}
 
 Object::Ptr encodeInterruptResponse(const InterruptResponse& response)
 {
@@ -127,7 +193,9 @@ InterpreterJsonSerialization::InterpreterJsonSerialization(std::shared_ptr<json:
     add<EvalResponse>("EvalResponse", encodeEvalResponse, nullptr);
     add<FEval>("FEval", nullptr, decodeFEval);
     add<FEvalResponse>("FEvalResponse", encodeFEvalResponse, nullptr);
-    add<Interrupt>("Interrupt", nullptr, [](json::Members&) { return std::make_unique<Interrupt>(); });
+    add<FetchAnswer>("FetchAnswer", nullptr, decodeFetchAnswer);
+    add<FetchAnswerResponse>("FetchAnswerResponse", encodeFetchAnswerResponse, nullptr);
+    add<Interrupt>("Interrupt", nullptr, decodeInterrupt);
     add<InterruptResponse>("InterruptResponse", encodeInterruptResponse, nullptr);
 }
 
@@ -135,7 +203,7 @@ InterpreterMessageMapProvider::InterpreterMessageMapProvider(
     std::shared_ptr<container::v1::ContainerDispatcher> dispatcher, Address interpreter, Address sequence)
     : MessageMapProvider(std::move(dispatcher))
 {
-    for (const char* type : {"Eval", "FEval", "Interrupt"})
+    for (const char* type : {"Eval", "FEval", "FetchAnswer", "Interrupt"})
         map(type, interpreter);
     map("SequenceContainer", sequence);
 }

@@ -14,9 +14,17 @@ bool OutputSink::tryWrite(Stream, std::string_view) { return false; }
 std::optional<std::string> OutputSink::readLine(std::chrono::milliseconds) { return std::string(); }
 Interpreter::~Interpreter() = default;
 Task::~Task() = default;
+const std::string& Task::client() const noexcept
+{
+    static const std::string nobody;
+    return nobody;
+}
+std::string Task::about() const { return {}; }
 EngineListener::~EngineListener() = default;
 RQE::~RQE() = default;
 
+bool RQE::interruptClient(const std::string&) { return false; }
+std::string RQE::aboutRunning() const { return {}; }
 TaskId RQE::look(std::unique_ptr<Task> task) { return post(std::move(task)); }
 
 LanguageHost::~LanguageHost() = default;

@@ -58,6 +58,8 @@ public:
     /// Breaks what runs if `wanted` says so of the running task's number (0: the host's own script).
     template <class Wanted>
     bool interruptIf(Wanted wanted);
+    bool interruptClient(const std::string& client);
+    std::string aboutRunning() const;
     bool runOne();
     void enterForeground();
     void leaveForeground() noexcept;
@@ -86,6 +88,7 @@ private:
     void requireOpen(const std::unique_ptr<Task>& task) const;
     TaskId enqueue(std::unique_ptr<Task> task, bool isLook);
     bool isFreeForLooks() const;
+    std::deque<Entry> takeOut(const std::string& client);
 
     Entry takeNext();
     /// From here on no interrupt reaches what ran; true when one was sent.
@@ -101,6 +104,7 @@ private:
     LookingThread looks_; ///< its own lock is taken after mutex_
     TaskId lastId_ = 0;
     TaskId running_ = 0; ///< 0: no task
+    const Task* runningTask_ = nullptr;
     bool runningLooks_ = false;
     unsigned foreground_ = 0;
     bool breakSent_ = false;
@@ -190,6 +194,44 @@ bool LocalRQE::Impl::interruptIf(Wanted wanted)
     return true;
 }
 
+bool LocalRQE::Impl::interruptClient(const std::string& client)
+{
+    std::deque<Entry> taken;
+    {
+        std::lock_guard lock(mutex_);
+        if (runningTask_ && runningTask_->client() == client) {
+            breakSent_ = true;
+            host_.breakRunning();
+            return true;
+        }
+        // What would begin at once anyway is left to be interrupted then.
+        if (running_ != 0 || foreground_ != 0)
+            taken = takeOut(client);
+    }
+    for (Entry& entry : taken)
+        entry.task->abandon(std::make_exception_ptr(
+            EngineError(EngineError::Reason::cancelled, "The task was interrupted before it began.")));
+    return !taken.empty();
+}
+
+std::deque<LocalRQE::Impl::Entry> LocalRQE::Impl::takeOut(const std::string& client)
+{
+    std::deque<Entry> taken;
+    std::deque<Entry> left;
+    for (Entry& entry : queue_)
+        (!entry.isLook && entry.task->client() == client ? taken : left).push_back(std::move(entry));
+    queue_.swap(left);
+    if (queue_.empty())
+        wake_.clear();
+    return taken;
+}
+
+std::string LocalRQE::Impl::aboutRunning() const
+{
+    std::lock_guard lock(mutex_);
+    return runningTask_ ? runningTask_->about() : std::string();
+}
+
 LocalRQE::Impl::Entry LocalRQE::Impl::takeNext()
 {
     std::lock_guard lock(mutex_);
@@ -203,6 +245,7 @@ LocalRQE::Impl::Entry LocalRQE::Impl::takeNext()
     if (queue_.empty())
         wake_.clear();
     running_ = next.id;
+    runningTask_ = next.task.get();
     runningLooks_ = next.isLook;
     return next;
 }
@@ -211,6 +254,7 @@ bool LocalRQE::Impl::endRunning()
 {
     std::lock_guard lock(mutex_);
     running_ = 0;
+    runningTask_ = nullptr;
     return std::exchange(breakSent_, false);
 }
 
@@ -393,6 +437,10 @@ bool LocalRQE::interrupt(TaskId task)
 {
     return impl_->interruptIf([task](TaskId running) { return task != 0 && running == task; });
 }
+
+bool LocalRQE::interruptClient(const std::string& client) { return impl_->interruptClient(client); }
+
+std::string LocalRQE::aboutRunning() const { return impl_->aboutRunning(); }
 
 RQE::State LocalRQE::state() const { return impl_->state(); }
 

@@ -43,6 +43,8 @@ public:
     bool cancel(TaskId task) override;
     bool interrupt() override;
     bool interrupt(TaskId task) override;
+    bool interruptClient(const std::string& client) override;
+    std::string aboutRunning() const override;
     State state() const override;
     std::size_t queued() const override;
     bool onInterpreterThread() const override;

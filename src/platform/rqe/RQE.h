@@ -26,6 +26,13 @@ public:
     virtual void finish() noexcept = 0;
     /// The task will not run (again): cancelled, engine closed, or `run` threw. Any thread, no engine lock held.
     virtual void abandon(std::exception_ptr reason) noexcept = 0;
+
+    // Asked by any thread, with engine locks held, from posting to the end of `run`: they change nothing and are quick.
+
+    /// Whose work it is, by a name that is the same for all work of one client; "" for nobody's.
+    virtual const std::string& client() const noexcept;
+    /// The same and what it does, for people at the terminal; "" when there is nothing to tell.
+    virtual std::string about() const;
 };
 
 using TaskId = std::uint64_t;
@@ -72,6 +79,12 @@ public:
     virtual bool interrupt() = 0;
     /// Breaks the task if it is the one running; false otherwise.
     virtual bool interrupt(TaskId task) = 0;
+    /// Breaks the running task if it is this client's. While something else runs, the client's tasks that wait, looks
+    /// aside, are taken out of the queue and abandoned (EngineError, cancelled). False when there was neither, and in
+    /// an engine that cannot tell clients apart.
+    virtual bool interruptClient(const std::string& client);
+    /// What the running task tells about itself; "" when none runs.
+    virtual std::string aboutRunning() const;
 
     virtual State state() const = 0;
     /// Tasks that wait, without the running one.

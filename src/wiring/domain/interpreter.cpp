@@ -26,7 +26,9 @@ void installInterpreterServices()
 {
     construct<AsyncEvalService>(slot<BayeuxServerImpl>, slot<HttpSessionManagerImpl>, slot<ShadowServiceImpl>,
                                 engineSlot);
+    slot<AsyncEvalService>->configure(slot<ConfigurationImpl>);
     construct<InterpreterServiceProviderImpl>(slot<ConfigurationImpl>, engineSlot);
+    slot<InterpreterServiceProviderImpl>->serveAnswers(slot<AsyncEvalService>->answers());
     construct<FEvalSequenceServiceProvider>();
     construct<InterpreterJsonSerialization>(slot<JsonSerializerImpl>);
     construct<InterpreterMessageMapProvider>(slot<ContainerDispatcherImpl>, Address{"connector/v1/interpreter"},

@@ -1,5 +1,6 @@
 #include "platform/rqe/LocalRQE.h"
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <mutex>
@@ -101,6 +102,8 @@ public:
         if (body_)
             body_();
     }
+    const std::string& client() const noexcept override { return name_; }
+    std::string about() const override { return "about " + name_; }
     void finish() noexcept override { log_.push_back(name_ + " finish"); }
     void abandon(std::exception_ptr reason) noexcept override { log_.push_back(name_ + " abandon: " + textOf(reason)); }
 
@@ -229,6 +232,38 @@ TEST_F(LocalRQETest, interruptsTheNamedTaskOnly)
     engine->runOne();
     EXPECT_FALSE(engine->interrupt(first));
     engine->runOne();
+    EXPECT_EQ(host.breaks, 0);
+}
+
+TEST_F(LocalRQETest, interruptsTheClientsOwn)
+{
+    post("mine", [&] {
+        EXPECT_FALSE(engine->interruptClient("nobody"));
+        EXPECT_EQ(host.breaks, 0);
+        EXPECT_EQ(engine->aboutRunning(), "about mine");
+        EXPECT_TRUE(engine->interruptClient("mine"));
+        EXPECT_EQ(host.breaks.exchange(0), 1);
+        // Waits behind: not run, wherever it stands. The one of the client itself stays.
+        EXPECT_TRUE(engine->interruptClient("other"));
+        EXPECT_FALSE(engine->interruptClient("other"));
+        EXPECT_EQ(engine->queued(), 1u);
+    });
+    post("other");
+    post("mine");
+    post("other");
+    EXPECT_FALSE(engine->interruptClient("other")) << "it would begin at once";
+    EXPECT_EQ(engine->aboutRunning(), "");
+    EXPECT_TRUE(engine->runOne());
+    EXPECT_TRUE(engine->runOne());
+    EXPECT_FALSE(engine->runOne());
+    EXPECT_FALSE(readable(engine->wakeFd()));
+    EXPECT_EQ(std::count(log.begin(), log.end(), "other abandon: engine 2: The task was interrupted before it began."),
+              2);
+    post("other");
+    LocalRQE::ForegroundScope scope(*engine);
+    EXPECT_FALSE(engine->interruptClient("mine"));
+    EXPECT_TRUE(engine->interruptClient("other"));
+    EXPECT_FALSE(readable(engine->wakeFd()));
     EXPECT_EQ(host.breaks, 0);
 }
 
