@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdio>
 #include <system_error>
+#include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -94,6 +95,8 @@ Wake HostLoop::wait(int input)
             runTasks();
             spin_.start(fl::AdaptiveSpin::kForNextTask);
         }
+        if (std::exchange(written_, false))
+            return Wake::redraw;
         if (waited[2].revents != 0 && !host_.leaveStatus())
             return Wake::input;
     }
@@ -117,6 +120,16 @@ void HostLoop::noteFolder()
     engine_.notifyFolderChanged(folder_);
 }
 
+/// Whose code the interrupt from the keyboard hit.
+void HostLoop::tellInterrupted()
+{
+    const std::string about = engine_.aboutRunning();
+    if (about.empty())
+        return;
+    std::fprintf(stderr, "\nInterrupted: %s\n", about.c_str());
+    written_ = true;
+}
+
 bool HostLoop::mayLeave(bool askedBefore)
 {
     if (askedBefore || ShutdownRegistry::isOkToExit())
@@ -127,6 +140,7 @@ bool HostLoop::mayLeave(bool askedBefore)
 
 int HostLoop::prompt(LineReader& reader)
 {
+    host_.onKeyboardInterrupt([this] { tellInterrupted(); });
     std::string source;
     bool continued = false;
     bool endSeen = false;

@@ -41,6 +41,7 @@ private:
     bool drainSignals();
     void runTasks();
     void noteFolder();
+    void tellInterrupted();
     bool mayLeave(bool askedBefore);
 
     python::PythonHost& host_;
@@ -48,6 +49,7 @@ private:
     int signalRead_ = -1;
     int signalWrite_ = -1;
     std::string folder_;
+    bool written_ = false; ///< below the prompt
     fl::AdaptiveSpin spin_;
 };
 

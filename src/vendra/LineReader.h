@@ -13,6 +13,7 @@ enum class Wake
 {
     input,     ///< the descriptor has something, or is at its end
     interrupt, ///< the keyboard's interrupt
+    redraw,    ///< something was written below the prompt
     leave      ///< the process is to exit
 };
 

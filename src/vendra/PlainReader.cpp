@@ -25,6 +25,10 @@ public:
             switch (wait_(STDIN_FILENO)) {
             case Wake::interrupt:
                 return {Line::Kind::interrupted, {}};
+            case Wake::redraw:
+                std::fputs(prompt.c_str(), stdout);
+                std::fflush(stdout);
+                continue;
             case Wake::leave:
                 return {Line::Kind::leave, {}};
             case Wake::input:

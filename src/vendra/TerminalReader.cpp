@@ -158,6 +158,10 @@ int TerminalReader::readCharacter(wchar_t& character)
     std::mbstate_t state{};
     for (;;) {
         Wake wake = wait_(STDIN_FILENO);
+        if (wake == Wake::redraw) {
+            ::el_set(editor_.get(), EL_REFRESH);
+            continue;
+        }
         if (wake != Wake::input) {
             end_ = wake == Wake::leave ? Line::Kind::leave : Line::Kind::interrupted;
             errno = EINTR;

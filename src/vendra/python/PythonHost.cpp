@@ -158,6 +158,7 @@ public:
     Outcome run(const char* name, std::initializer_list<PyObject*> arguments);
     void breakRunning();
     void discardBreak();
+    bool isBreakRequested() const noexcept { return breakRequested_; }
     Signal takeSignals();
     /// For errors in the host's own few lines, which only a signal can cause: keeps an interrupt for takeSignals, and
     /// says whether it was one. Other errors are reported.
@@ -515,6 +516,14 @@ PythonHost::Signal PythonHost::takeSignals()
 }
 
 std::optional<int> PythonHost::leaveStatus() const { return impl_->leaveStatus; }
+
+void PythonHost::onKeyboardInterrupt(std::function<void()> told)
+{
+    impl_->interpreter->onInterrupted([impl = impl_.get(), told = std::move(told)] {
+        if (!impl->isBreakRequested())
+            told();
+    });
+}
 
 bool PythonHost::signalNoted() const { return impl_->interruptNoted; }
 

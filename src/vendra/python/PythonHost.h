@@ -50,6 +50,9 @@ public:
     void breakRunning() override;
     void discardBreak() override;
 
+    /// Calls `told` when the keyboard, and no client, interrupted what a task ran; inside of the task.
+    void onKeyboardInterrupt(std::function<void()> told);
+
     Outcome runFile(const std::string& path);
     /// A module of the search path, or a package's __main__.
     Outcome runModule(const std::string& name);

@@ -54,6 +54,8 @@ void PythonInterpreter::throwScriptError()
     Ref error = takeError();
     if (!error)
         throw rqe::ScriptError("SystemError", "an error was announced without being set", "");
+    if (interrupted_ && PyErr_GivenExceptionMatches(error.get(), PyExc_KeyboardInterrupt))
+        interrupted_();
     std::string type = Py_TYPE(error.get())->tp_name;
     // Twice: the description itself may be interrupted, or out of stack.
     for (int attempt = 0; attempt < 2; ++attempt) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <initializer_list>
 #include <stdexcept>
 #include <string>
@@ -18,6 +19,9 @@ public:
     /// `support`: the module of support/. `capture` must outlive this; null when this is for looks only: what may run
     /// code of scripts then throws std::logic_error.
     PythonInterpreter(Ref support, OutputCapture* capture) : support_(std::move(support)), capture_(capture) {}
+
+    /// Called when what a task ran ends with the language's interrupt.
+    void onInterrupted(std::function<void()> told) { interrupted_ = std::move(told); }
 
     rqe::EvalResult evaluate(std::string_view code, const rqe::EvalOptions& options, rqe::OutputSink& output) override;
     std::vector<matrix::ArrayPtr> call(std::string_view name, rqe::Arguments arguments, std::size_t results,
@@ -60,6 +64,7 @@ private:
 
     Ref support_;
     OutputCapture* const capture_;
+    std::function<void()> interrupted_;
 };
 
 template <class Body>
