@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <future>
 #include <map>
 #include <thread>
@@ -281,9 +282,10 @@ TEST_F(EvaluationTest, NobodyWaitsForReadersThatAreNotThere)
     // The one is told by itself when it is back, the other when it asks.
     away->goAway(false);
     away->giveRoom(1'000);
-    const auto told = away->until("ended").size();
-    EXPECT_GT(away->missing(), 0u);
-    EXPECT_EQ(away->missing() + told - 1, 63u);
+    const auto told = away->until("ended");
+    const auto gaps = std::count_if(told.begin(), told.end(), [](const auto& one) { return one.ends_with(":gap"); });
+    EXPECT_GT(gaps, 0);
+    EXPECT_EQ(away->missing() + told.size() - static_cast<std::size_t>(gaps), 63u);
     const auto had = cut->output();
     cut->giveRoom(1'000);
     evaluation->attach(cut, 62, bayeux::BayeuxEvent::ofText("/hello", R"({"kind":"hello","seq":0})"));
