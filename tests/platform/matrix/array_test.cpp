@@ -161,6 +161,10 @@ TEST(Array, IdenticalComparesClassSizesAndElements)
         {"struct", structOf({"a", "b"}, 1), structOf({"a", "b"}, 1), true},
         {"struct value", structOf({"a", "b"}, 1), structOf({"a", "b"}, 2), false},
         {"struct field name", structOf({"a", "b"}, 1), structOf({"a", "c"}, 1), false},
+        {"typed", createTyped("date", create("2024")), createTyped("date", create("2024")), true},
+        {"typed value", createTyped("date", create("2024")), createTyped("date", create("2025")), false},
+        {"kind of a typed value", createTyped("date", create("2024")), createTyped("time", create("2024")), false},
+        {"typed nothing", createTyped("date", nullptr), createTyped("date", createEmpty()), true},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
