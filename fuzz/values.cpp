@@ -30,6 +30,8 @@ using vendra::python::Ref;
 // The language and its libraries keep much of their memory to the very end.
 extern "C" int __lsan_is_turned_off();
 extern "C" int __lsan_is_turned_off() { return 1; }
+extern "C" const char* __asan_default_options();
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; } // else no MemoryError comes
 #endif
 #endif
 

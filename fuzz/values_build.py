@@ -143,7 +143,9 @@ class _Maker:
             for _ in range(self.byte() % 4):
                 made[self.leaf(self.byte() % 14)] = self.value(depth + 1)
         elif way == 24:
-            made = _liars[self.byte() % len(_liars)](*([self.value(depth + 1)] if self.byte() % 2 else []))
+            base = _liars[self.byte() % len(_liars)]
+            content = [self.value(depth + 1)] if self.byte() % 2 else []
+            made = base(*content) if not content or type(content[0]) not in (int, range) or base.__base__ is int else base()
         else:
             items = [self.value(depth + 1) for _ in range(self.byte() % 4)]
             made = (list, tuple, set, frozenset, collections.deque, list, list)[way - 25](items)
