@@ -171,6 +171,7 @@ MessageFuture DesktopServiceProviderImpl::handleWorkspace(std::unique_ptr<Worksp
                                                           std::shared_ptr<Context>&& context)
 {
     const std::shared_ptr<Workspace> request = shared(message);
+    news_->listed();
     return look(*request, context, [request](rqe::Interpreter& interpreter) -> MessagePtr {
         auto answer = std::make_unique<WorkspaceResponse>();
         answer->page = interpreter.listVariables(request->pattern, request->offset, request->limit);

@@ -67,10 +67,35 @@ void StateNews::workBegins()
     {
         std::lock_guard lock(mutex_);
         ++work_;
-        if (!watched || stopped_ || std::exchange(ticking_, true))
+        if (!watched || !wantsTick())
             return;
-        lastWork_ = 0;
     }
+    tick();
+}
+
+void StateNews::listed()
+{
+    if (!engine_ || engine_->state() != rqe::RQE::State::busy || !rqe::ProcessBus::hasSubscribers(kStateChannel))
+        return;
+    {
+        std::lock_guard lock(mutex_);
+        tellAgain_ = true;
+        if (!wantsTick())
+            return;
+    }
+    tick();
+}
+
+bool StateNews::wantsTick()
+{
+    if (stopped_ || std::exchange(ticking_, true))
+        return false;
+    lastWork_ = 0;
+    return true;
+}
+
+void StateNews::tick()
+{
     auto tick = common::TickManager::instance()->every(kTick, [weak = weak_from_this()] {
         if (auto self = weak.lock())
             self->sample();
@@ -109,12 +134,13 @@ void StateNews::sample()
         std::lock_guard lock(mutex_);
         const bool lasts = busy && (toldBusy_ || lastWork_ == work_);
         lastWork_ = work_;
-        if (lasts && (!toldBusy_ || toldQueued_ != waiting))
+        if (lasts && (!toldBusy_ || toldQueued_ != waiting || tellAgain_))
             news = "busy";
         if (!busy && toldBusy_)
             news = "idle";
         toldBusy_ = lasts;
         toldQueued_ = waiting;
+        tellAgain_ = tellAgain_ && busy && !lasts;
         if (!busy) {
             ticking_ = false;
             std::swap(tick, tick_);

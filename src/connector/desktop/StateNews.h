@@ -31,11 +31,17 @@ public:
     void start();
     void stop();
 
+    /// Somebody lists the variables: who subscribed while work ran hears of it, too.
+    void listed();
+
     void workBegins() override;
     void variablesMayHaveChanged() override;
     void folderChanged(const std::string& folder) override;
 
 private:
+    /// With the lock; false when somebody does it already, or nobody is to.
+    bool wantsTick();
+    void tick();
     void sample();
     /// Without the watch's own.
     std::size_t queued() const;
@@ -48,6 +54,7 @@ private:
     std::uint64_t work_ = 0;     ///< counts what began
     std::uint64_t lastWork_ = 0; ///< at the tick before
     bool toldBusy_ = false;
+    bool tellAgain_ = false; ///< to somebody who was not told
     std::size_t toldQueued_ = 0;
     common::TickManager::Subscription tick_;
 };

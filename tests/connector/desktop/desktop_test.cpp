@@ -602,6 +602,22 @@ TEST_F(DesktopTest, SubscribersOfTheBusHearOfTheFolderAndOfLongWork)
     engine->busy = false;
     engine->runAll();
     EXPECT_EQ(bus->next(), R"(/interpreter/state {"state":"idle","queued":0})");
+
+    // Work that began before anybody listened, and somebody who comes while it goes on.
+    bus->unsubscribe("/interpreter/state");
+    engine->busy = true;
+    engine->tell(&rqe::EngineListener::workBegins);
+    bus->subscribe("/interpreter/state", {});
+    auto listed = send(std::make_unique<Workspace>());
+    EXPECT_EQ(bus->next().substr(0, 34), R"(/interpreter/state {"state":"busy")");
+    auto again = send(std::make_unique<Workspace>());
+    EXPECT_EQ(bus->next().substr(0, 34), R"(/interpreter/state {"state":"busy")");
+    engine->busy = false;
+    engine->runAll();
+    std::string last = bus->next();
+    while (last.find("busy") != std::string::npos)
+        last = bus->next();
+    EXPECT_EQ(last, R"(/interpreter/state {"state":"idle","queued":0})");
 }
 
 } // namespace
