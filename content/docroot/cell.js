@@ -6,6 +6,7 @@ export class Cell {
   /// `after`: the number of the last event that is not wanted.
   constructor(log, source, after = 0) {
     this.last = after; // number of the last event
+    this.running = false;
     this.ended = false;
     this.waiting = []; // output that is not shown yet
     this.shown = 0;
@@ -39,8 +40,9 @@ export class Cell {
       this.fail(event.traceback?.trimEnd() || event.message);
     else if (event.kind === "gap")
       this.print("note", `[${event.missing} earlier pieces of output are not kept any more]\n`);
-    else if (event.state === "ended")
-      this.ended = true;
+    else if (event.kind === "state")
+      this.ended = event.state === "ended";
+    this.running = !this.ended;
     return true;
   }
 

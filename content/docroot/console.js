@@ -8,8 +8,18 @@ const log = document.getElementById("log");
 const code = document.getElementById("code");
 const state = document.getElementById("state");
 const candidates = document.getElementById("candidates");
+const notice = document.getElementById("notice");
+const interrupt = document.getElementById("interrupt");
 const kPlaceholder = code.placeholder;
 const kReadBack = 100; // events of an evaluation that a new page asks for
+
+/// What is said while there is no connection.
+const kConnections = {
+  connecting: {state: "connecting", notice: ""},
+  gone: {state: "host gone", notice: "The host is gone: it has ended, or cannot be reached. This page keeps trying."},
+  out: {state: "not let in", notice: "The host does not let this page in. Run \"vendra --url\" on its machine and open " +
+                                     "the address that it prints."},
+};
 
 const cells = new Map(); // id -> Cell
 const history = [];
@@ -17,13 +27,40 @@ let leafed = 0; // index into history while the arrow keys leaf through it
 let asking = null; // id of the evaluation that waits for input
 
 const variables = new Variables(document.querySelector("#variables tbody"), document.querySelector("#variables h2"));
-const bus = new Bus((up) => up ? resume() : show());
+let others = {state: "idle", queued: 0}; // what the host told of all work
+
+const bus = new Bus({changed: connectionChanged, refused: report});
 bus.subscribe("/interpreter/variables", () => variables.refresh());
 bus.subscribe("/interpreter/folder", ({folder}) => showFolder(folder));
+bus.subscribe("/interpreter/state", (told) => {
+  others = told;
+  show();
+});
+
+function connectionChanged() {
+  others = {state: "idle", queued: 0};
+  if (bus.state === "up")
+    resume();
+  show();
+}
+
+function workState() {
+  if (asking)
+    return "waits for input";
+  const open = [...cells.values()].filter((cell) => !cell.ended);
+  if (open.some((cell) => cell.running))
+    return "busy";
+  if (others.state === "busy")
+    return open.length > 0 ? "waits for other work" : "busy with other work";
+  return open.length > 0 ? "busy" : "ready";
+}
 
 function show() {
-  const running = [...cells.values()].some((cell) => !cell.ended);
-  state.textContent = !bus.id ? "not connected" : asking ? "waits for input" : running ? "busy" : "ready";
+  const connection = kConnections[bus.state];
+  state.textContent = connection?.state ?? workState();
+  document.body.dataset.state = bus.state;
+  notice.textContent = connection?.notice ?? "";
+  interrupt.disabled = Boolean(connection);
   document.body.classList.toggle("asking", asking !== null);
   code.placeholder = asking ? "Input for the running code. Enter: send. Ctrl+D: end of input." : kPlaceholder;
 }
@@ -186,7 +223,7 @@ document.getElementById("form").addEventListener("submit", (event) => {
   submit();
 });
 
-document.getElementById("interrupt").addEventListener("click", () => {
+interrupt.addEventListener("click", () => {
   ask("Interrupt").catch(report);
   code.focus();
 });

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <stdexcept>
+#include <string_view>
 #include <strings.h>
 
 #include <openssl/evp.h>
@@ -23,13 +24,13 @@ namespace {
 
 const Poco::Timespan kPatience(5, 0);
 constexpr std::size_t kMostAnswerBytes = 65'536;
+constexpr const char* kHexadecimal = "0123456789abcdef";
 
 std::string hexadecimal(const unsigned char* bytes, unsigned count)
 {
-    constexpr char kDigits[] = "0123456789abcdef";
     std::string text;
     for (unsigned i = 0; i < count; ++i)
-        text += {kDigits[bytes[i] >> 4], kDigits[bytes[i] & 15]};
+        text += {kHexadecimal[bytes[i] >> 4], kHexadecimal[bytes[i] & 15]};
     return text;
 }
 
@@ -77,6 +78,30 @@ std::string readAnswer(std::istream& stream)
     return text;
 }
 
+/// What stands in `url` between `before` and `after`, if it is hexadecimal; an empty text otherwise.
+std::string_view hexadecimalBetween(std::string_view url, std::string_view before, std::string_view after)
+{
+    if (!url.starts_with(before))
+        return {};
+    url.remove_prefix(before.size());
+    const auto end = after.empty() ? url.size() : url.find(after);
+    if (end == std::string_view::npos || url.substr(0, end).find_first_not_of(kHexadecimal) != std::string_view::npos)
+        return {};
+    return url.substr(0, end);
+}
+
+/// Nothing but the announced address, or the name that the host has for browsers with the announced port, and a nonce.
+bool isEntryUrl(const Announcement& host, std::string_view url)
+{
+    const Poco::URI announced(host.url);
+    const std::string before = announced.getScheme() + "://vendra-";
+    const std::string after = ".localhost:" + std::to_string(announced.getPort()) + "/";
+    std::string base = host.url;
+    if (const auto name = hexadecimalBetween(url, before, after); name.size() == 32)
+        base = before + std::string(name) + after;
+    return !hexadecimalBetween(url, base + "?nonce=", "").empty();
+}
+
 std::string askFor(const Announcement& host)
 {
     const Poco::URI uri(host.url);
@@ -117,9 +142,7 @@ std::string fetchEntryUrl(const Announcement& host)
     } catch (const Poco::Exception& error) {
         throw std::runtime_error("the host at " + host.url + " cannot be asked: " + error.displayText());
     }
-    // It goes to a terminal and to a browser: nothing but the announced address and a nonce.
-    const std::string start = host.url + "?nonce=";
-    if (!url.starts_with(start) || url.find_first_not_of("0123456789abcdefABCDEF", start.size()) != std::string::npos)
+    if (!isEntryUrl(host, url)) // it goes to a terminal and to a browser
         throw std::runtime_error("the host at " + host.url + " answered with something else than an address");
     return url;
 }

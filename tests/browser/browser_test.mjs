@@ -1,84 +1,32 @@
-// A real browser at a real host, the executable that VENDRA names; CHROMIUM names another browser.
+// The page in a real browser, at a real host.
 
 import assert from "node:assert/strict";
-import {spawn} from "node:child_process";
-import {mkdtempSync, readFileSync, rmSync} from "node:fs";
 import http from "node:http";
-import {tmpdir} from "node:os";
-import {join} from "node:path";
-import {createInterface} from "node:readline";
 import {after, before, test} from "node:test";
-import {chromium} from "playwright-core";
-
-const executable = process.env.VENDRA;
-const folder = mkdtempSync(join(tmpdir(), "vendra-browser-"));
-const flags = ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
-               "--disable-component-update", "--disable-sync", "--host-resolver-rules=MAP rebound.example 127.0.0.1"];
+import {Host, inProfile, launchBrowser} from "./host.mjs";
 
 let host;
 let entry; // the printed address
 let origin;
-let discovery;
 let browser;
 
-async function startHost() {
-  const home = {HOME: folder, XDG_RUNTIME_DIR: folder, XDG_CONFIG_HOME: folder};
-  host = spawn(executable, ["--connector"], {env: {...process.env, ...home}, stdio: ["ignore", "pipe", "inherit"]});
-  for await (const line of createInterface({input: host.stdout})) {
-    if (line.startsWith("Connector: "))
-      entry = line.slice("Connector: ".length);
-    if (line.startsWith("Token file: ")) {
-      discovery = JSON.parse(readFileSync(line.slice("Token file: ".length), "utf8"));
-      break;
-    }
-  }
-  origin = new URL(entry).origin;
-}
-
-/// What a program with the token is answered.
-async function ask(message) {
-  const response = await fetch(origin + "/messageservice/container", {
-    method: "POST",
-    headers: {"Content-Type": "application/json", "Authorization": "Bearer " + discovery.token},
-    body: JSON.stringify({id: "1", ...message}),
-  });
-  return response.json();
-}
-
-async function freshEntry() {
-  const response = await fetch(origin + "/messageservice/nonce",
-                               {method: "POST", headers: {Authorization: "Bearer " + discovery.token}});
-  return (await response.json()).url;
-}
-
-async function profile(use) {
-  const context = await browser.newContext();
-  try {
-    const page = await context.newPage();
-    const complaints = [];
-    page.on("console", (message) => message.type() === "error" && complaints.push(message.text()));
-    page.on("pageerror", (error) => complaints.push(String(error)));
-    await use(page, context, complaints);
-  } finally {
-    await context.close();
-  }
-}
+const ask = (message) => host.ask(message);
+const freshEntry = () => host.freshEntry();
+const profile = (use) => inProfile(browser, use);
 
 before(async () => {
-  await startHost();
-  browser = await chromium.launch({executablePath: process.env.CHROMIUM ?? "/usr/bin/chromium", args: flags});
+  host = await Host.start();
+  ({entry, origin} = host);
+  browser = await launchBrowser();
 });
 
 after(async () => {
   await browser?.close();
-  const ended = new Promise((resolve) => host.once("exit", resolve));
-  host.kill("SIGTERM");
-  await ended;
-  rmSync(folder, {recursive: true});
+  await host?.stop();
 });
 
 test("the printed address lets one browser in, once", async () => {
-  assert.match(entry, /\/\?nonce=[0-9a-f]{64}$/);
+  assert.match(entry, /^http:\/\/vendra-[0-9a-f]{32}\.localhost:\d+\/\?nonce=[0-9a-f]{64}$/);
   await profile(async (page, context, complaints) => {
     await page.goto(entry);
     assert.equal(page.url(), origin + "/");
@@ -129,8 +77,12 @@ test("the printed address lets one browser in, once", async () => {
 test("a page counts every message of a script's loop", async () => {
   await profile(async (page) => {
     await page.goto(await freshEntry());
+    await page.evaluate(async () => {
+      const {ticket} = await import("/access.js");
+      window.ticket = await ticket();
+    });
     await page.evaluate(() => new Promise((resolve, reject) => {
-      const socket = new WebSocket(location.origin.replace("http", "ws") + "/messageservice/async");
+      const socket = new WebSocket(`${location.origin.replace("http", "ws")}/messageservice/async?ticket=${window.ticket}`);
       const send = (message) => socket.send(JSON.stringify([{...message, clientId: window.clientId}]));
       window.next = 0;
       socket.onopen = () => send({channel: "/meta/handshake", version: "1.0", supportedConnectionTypes: ["websocket"]});
@@ -227,7 +179,7 @@ test("pages of another port neither read nor post nor open a socket", async () =
 
 test("a name that somebody leads to this machine is refused", async () => {
   await profile(async (page) => {
-    const foreign = (await freshEntry()).replace("127.0.0.1", "rebound.example");
+    const foreign = (await freshEntry()).replace(host.name, "rebound.example");
     assert.equal((await page.goto(foreign)).status(), 421);
   });
 });

@@ -220,10 +220,14 @@ class Secrets(unittest.TestCase):
             nonces = [urllib.parse.urlsplit(host.entry_url).query.partition("=")[2]]
             nonces.append(self.ask(port, "POST /messageservice/nonce", f"Authorization: Bearer {token}")[1]
                           .partition('"nonce":"')[2][:64])
-            entered, _ = self.ask(port, f"GET /?nonce={nonces[0]}")
+            name = urllib.parse.urlsplit(host.entry_url).netloc
+            entered, _ = self.ask(port, f"GET /?nonce={nonces[0]}", name=name)
             self.assertIn(" 303 ", entered)
             cookie = re.search(r"Set-Cookie: (\w+)=(\w+)", entered)
-            secrets = [token, key, cookie[2], *nonces]
+            code = re.search(r"#entry=(\w+)", entered)[1]
+            page_key = json.loads(self.ask(port, "POST /messageservice/entry", f"Vendra-Entry: {code}")[1])["key"]
+            ticket = json.loads(self.ask(port, "POST /messageservice/ticket", f"Vendra-Page: {page_key}")[1])["ticket"]
+            secrets = [token, key, cookie[2], *nonces, code, page_key, ticket, name.partition(".")[0]]
             for secret in secrets:
                 self.assertGreaterEqual(len(secret), 32)
                 self.ask(port, f"POST /messageservice/async?nonce={secret}", f"Authorization: Bearer {token}\r\n"
@@ -246,9 +250,9 @@ class Secrets(unittest.TestCase):
         self.assertIn(" TRACE connector::", written)
 
     @staticmethod
-    def ask(port, line, fields=""):
+    def ask(port, line, fields="", name=None):
         with socket.create_connection(("127.0.0.1", port), 5) as client:
-            client.sendall(f"{line} HTTP/1.1\r\nHost: 127.0.0.1:{port}\r\nConnection: close\r\n{fields}\r\n\r\n"
+            client.sendall(f"{line} HTTP/1.1\r\nHost: {name or f'127.0.0.1:{port}'}\r\nConnection: close\r\n{fields}\r\n\r\n"
                            .replace("\r\n\r\n\r\n", "\r\n\r\n").encode())
             received = b""
             while piece := client.recv(1 << 16):

@@ -29,9 +29,11 @@ class Browser:
 
     def open(self, url, method="GET", headers=None, body=None):
         where = urllib.parse.urlsplit(url)
-        connection = http.client.HTTPConnection(where.hostname, where.port, timeout=TIMEOUT)
+        # As browsers do without asking anybody: names below "localhost" are this machine.
+        local = "127.0.0.1" if where.hostname.endswith(".localhost") else where.hostname
+        connection = http.client.HTTPConnection(local, where.port, timeout=TIMEOUT)
         try:
-            sent = dict(headers or {})
+            sent = {"Host": where.netloc, **(headers or {})}
             if self.cookies:
                 sent["Cookie"] = "; ".join(f"{name}={value}" for name, value in self.cookies.items())
             target = urllib.parse.urlunsplit(("", "", where.path, where.query, ""))
@@ -68,14 +70,16 @@ class Entry(unittest.TestCase):
         return result.stdout.strip()
 
     def test_printed_address_lets_one_browser_in(self):
-        self.assertRegex(self.host.entry_url, rf"^http://127\.0\.0\.1:{self.port}/\?nonce=[0-9a-f]{{64}}$")
+        self.assertRegex(self.host.entry_url,
+                         rf"^http://vendra-[0-9a-f]{{32}}\.localhost:{self.port}/\?nonce=[0-9a-f]{{64}}$")
         browser = Browser()
         entered = browser.open(self.host.entry_url)
-        self.assertEqual((entered.status, entered.getheader("Location")), (303, "/"))
+        self.assertEqual(entered.status, 303)
+        self.assertRegex(entered.getheader("Location"), "^/#entry=[0-9a-f]{64}$")
         self.assertEqual(entered.getheader("Cache-Control"), "no-store")
         self.assertEqual(list(browser.cookies), [f"VENDRAACCESS_{self.port}"])
 
-        clean = urllib.parse.urljoin(self.host.url, entered.getheader("Location"))
+        clean = urllib.parse.urljoin(self.host.entry_url, "/")
         for _ in range(2):  # and reloaded
             self.assertNotIn(browser.open(clean).status, (401, 403))
         self.assertEqual(browser.open(self.host.entry_url).status, 303, "the same browser goes back")
@@ -85,23 +89,32 @@ class Entry(unittest.TestCase):
         self.assertEqual((refused.status, used.status), (401, 401))
         self.assertEqual(refused.text, used.text)
         self.assertEqual(other.cookies, {})
+        self.assertIn("vendra --url", refused.text)
 
-    def test_cookie_lets_the_page_talk(self):
+    def test_key_lets_the_page_talk(self):
         browser = Browser()
-        browser.open(self.fresh())
-        container = self.host.url + "messageservice/container"
+        entry = self.fresh()
+        code = browser.open(entry).getheader("Location").partition("#entry=")[2]
+        page = urllib.parse.urljoin(entry, "/")
+        claimed = browser.open(page + "messageservice/entry", "POST", {"Vendra-Entry": code})
+        key = {"Vendra-Page": json.loads(claimed.text)["key"]}
+        self.assertEqual(browser.open(page + "messageservice/entry", "POST", {"Vendra-Entry": code}).status, 401)
+        container = page + "messageservice/container"
         message = '{"type": "Eval", "id": "1", "code": "6 * 7"}'
         as_json = {"Content-Type": "application/json"}
-        origin = self.host.url.rstrip("/")
-        for headers, status in [({}, 403), ({"Origin": origin}, 200), ({"Sec-Fetch-Site": "same-origin"}, 200),
-                                ({"Origin": "http://evil.example"}, 403), ({"Origin": "null"}, 403),
-                                ({"Origin": "http://127.0.0.1:1"}, 403), ({"Sec-Fetch-Site": "same-site"}, 403)]:
+        origin = page.rstrip("/")
+        for headers, status in [({}, 401), ({"Origin": origin}, 401), (key, 200), ({**key, "Origin": origin}, 200),
+                                ({**key, "Origin": "http://evil.example"}, 403), ({**key, "Origin": "null"}, 403),
+                                ({**key, "Origin": "http://127.0.0.1:1"}, 403),
+                                ({**key, "Sec-Fetch-Site": "same-site"}, 403)]:
             answer = browser.open(container, "POST", {**as_json, **headers}, message)
             self.assertEqual(answer.status, status, headers)
             self.assertEqual('"value":42' in answer.text, status == 200, answer.text)
         for secret in browser.cookies.values():
-            answer = Browser().open(container, "POST", {**as_json, "Authorization": "Bearer " + secret}, message)
-            self.assertEqual(answer.status, 401)
+            for field in ("Authorization: Bearer ", "Vendra-Page: ", "Vendra-Entry: "):
+                name, _, start = field.partition(": ")
+                answer = Browser().open(container, "POST", {**as_json, name: start + secret}, message)
+                self.assertEqual(answer.status, 401)
 
     def test_access_key(self):
         headers = {"Content-Type": "application/json", "Authorization": "Bearer " + self.key}
@@ -123,14 +136,16 @@ class Entry(unittest.TestCase):
             self.assertEqual([row[:2] for row in rows[1:]],
                              [[str(host.process.pid), host.url] for host in (self.host, second)])
             self.assertRegex(" ".join(rows[1][2:]), r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d$")
-            self.assertTrue(self.fresh().startswith(second.url), "the newest")
-            self.assertTrue(self.fresh(str(self.host.process.pid)).startswith(self.host.url))
+            first_page, second_page = (host.entry_url.partition("?")[0] for host in (self.host, second))
+            self.assertTrue(self.fresh().startswith(second_page), "the newest")
+            self.assertTrue(self.fresh(str(self.host.process.pid)).startswith(first_page))
+            self.assertNotEqual(first_page.partition(".")[0], second_page.partition(".")[0])
 
             second.process.kill()  # without a chance to clean up
             second.process.wait(TIMEOUT)
             self.assertTrue(os.path.exists(second.token_file))
             self.assertEqual(len(self.host.command("--list").stdout.splitlines()), 2)
-            self.assertTrue(self.fresh().startswith(self.host.url))
+            self.assertTrue(self.fresh().startswith(first_page))
             gone = self.host.command("--url", str(second.process.pid))
             self.assertEqual((gone.returncode, gone.stdout), (1, ""))
 
@@ -172,7 +187,8 @@ class TlsHost:
         self._context.load_cert_chain(names[1], names[0])
         self._socket = socket.create_server(("127.0.0.1", 0))
         self._socket.settimeout(TIMEOUT)
-        self.url = f"https://127.0.0.1:{self._socket.getsockname()[1]}/"
+        self.port = str(self._socket.getsockname()[1])
+        self.url = f"https://127.0.0.1:{self.port}/"
         os.makedirs(os.path.join(self._folder, "vendra"), exist_ok=True)
         with open(os.path.join(self._folder, "vendra", f"{os.getpid()}.json"), "w", encoding="utf-8") as file:
             json.dump({"url": self.url, "token": "a" * 64,
@@ -192,7 +208,7 @@ class TlsHost:
             with self._context.wrap_socket(plain, server_side=True) as connection:
                 self.received = connection.recv(65536)
                 if self.received:
-                    body = self._answer.replace("URL", self.url).encode()
+                    body = self._answer.replace("URL", self.url).replace("PORT", self.port).encode()
                     head = f"HTTP/1.1 200 OK\r\nContent-Length: {len(body)}\r\nConnection: close\r\n\r\n"
                     connection.sendall(head.encode() + body)
         except OSError:
@@ -210,6 +226,9 @@ class OverTls(unittest.TestCase):
     def test_announced_certificate(self):
         host, result = self.ask('{"url": "URL?nonce=0123abcd"}')
         self.assertEqual((result.stdout, result.stderr), (host.url + "?nonce=0123abcd\n", ""))
+        named = "https://vendra-" + "0a" * 16 + ".localhost:PORT/?nonce=0123abcd"
+        host2, result = self.ask('{"url": "%s"}' % named)
+        self.assertEqual((result.stdout, result.stderr), (named.replace("PORT", host2.port) + "\n", ""))
         self.assertTrue(host.received.startswith(b"POST /messageservice/nonce HTTP/1.1\r\n"), host.received)
         self.assertIn(b"Authorization: Bearer " + b"a" * 64 + b"\r\n", host.received)
         self.assertIn(b"Host: " + host.url[8:-1].encode() + b"\r\n", host.received)
@@ -221,7 +240,13 @@ class OverTls(unittest.TestCase):
             self.assertRegex(result.stderr, "is not the host that announced itself|announces no certificate")
 
     def test_answers_that_are_no_address(self):
-        for answer in ['{"url": "https://evil.example/?nonce=01"}', '{"url": "URL?nonce=01\\u001b[2J"}', '{"url": 3}',
+        name = "vendra-" + "0" * 32
+        for answer in [f'{{"url": "https://{name}.localhost:1/?nonce=01"}}', f'{{"url": "http://{name}.localhost:PORT/?nonce=01"}}',
+                       f'{{"url": "https://{name}x.localhost:PORT/?nonce=01"}}',
+                       f'{{"url": "https://{name}.localhost:PORT/?nonce="}}',
+                       f'{{"url": "https://{name}.localhost:PORT/x?nonce=01"}}',
+                       f'{{"url": "https://{name}.evil.example:PORT/?nonce=01"}}',
+                       '{"url": "https://evil.example/?nonce=01"}', '{"url": "URL?nonce=01\\u001b[2J"}', '{"url": 3}',
                        "[]", "", "{" * 70_000]:
             _, result = self.ask(answer)
             self.assertEqual((result.returncode, result.stdout), (1, ""), answer[:50])

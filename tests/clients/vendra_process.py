@@ -33,9 +33,9 @@ class Vendra:
             env=self.environment)
         try:
             self.entry_url = self._announced("Connector: ")
-            self.url = self.entry_url.partition("?")[0]
             self.token_file = self._announced("Token file: ")
             self.discovery = self._discovered()
+            self.url = self.discovery["url"]  # for programs; the printed one is for browsers
         except BaseException:
             self.process.kill()  # nobody else will end it
             raise

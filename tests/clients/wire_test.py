@@ -8,6 +8,7 @@ import socket
 import struct
 import sys
 import unittest
+import urllib.parse
 
 from wire import EVAL, HIDDEN, WireTest, answers
 
@@ -209,8 +210,10 @@ class Guards(WireTest):
                                                         for coding in ("gzip", "br", "deflate", "identity, gzip", "x")])
 
     def test_a_nonce_lets_one_of_many_in(self):
-        made = self.send(self.get("/messageservice/nonce", line="POST {} HTTP/1.1"))[0][2].decode()
-        request = self.fill(self.get("/?nonce=" + json.loads(made)["nonce"]).replace("{auth}\r\n", ""))
+        made = json.loads(self.send(self.get("/messageservice/nonce", line="POST {} HTTP/1.1"))[0][2])
+        where = urllib.parse.urlsplit(made["url"])
+        request = self.fill(self.get("/?nonce=" + made["nonce"], host="Host: " + where.netloc)
+                            .replace("{auth}\r\n", ""))
         clients = [self.connect() for _ in range(100)]
         for client in clients:
             client.sendall(request[:-1])

@@ -6,13 +6,12 @@ namespace connector::http {
 
 std::vector<std::string_view> cookieValues(const Headers& headers, std::string_view name)
 {
-    constexpr std::size_t kMaxValues = 4;
     std::vector<std::string_view> values;
     for (const auto& [fieldName, fieldValue] : headers.fields()) {
         if (!equalsIgnoringCase(fieldName, "Cookie"))
             continue;
         std::string_view left = fieldValue;
-        while (!left.empty() && values.size() < kMaxValues) {
+        while (!left.empty()) {
             const auto end = left.find(';');
             const std::string_view pair = left.substr(0, end);
             left.remove_prefix(end == std::string_view::npos ? left.size() : end + 1);

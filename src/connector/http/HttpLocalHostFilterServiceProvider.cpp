@@ -4,6 +4,7 @@
 
 #include "connector/common/Log.h"
 #include "connector/core/Connector.h"
+#include "connector/http/BrowserHost.h"
 #include "connector/http/HttpText.h"
 #include "connector/http/PeerList.h"
 #include "connector/http/WholeMatch.h"
@@ -163,7 +164,7 @@ MessageFuture HttpLocalHostFilterServiceProvider::handleHttp(std::unique_ptr<Htt
     return connector->handle(std::move(request), std::move(rest), std::move(context));
 }
 
-std::unique_ptr<HttpResponse> HttpLocalHostFilterServiceProvider::check(const HttpRequest& request) const
+std::unique_ptr<HttpResponse> HttpLocalHostFilterServiceProvider::check(HttpRequest& request) const
 {
     if (!isThisMachine(request.peerAddress) && !allowed_->hasPeer(request.peerAddress))
         return refusal(request, status_, body_);
@@ -172,11 +173,15 @@ std::unique_ptr<HttpResponse> HttpLocalHostFilterServiceProvider::check(const Ht
     if (!Authority::parse(request.authority, asked))
         return refusal(request, 421, "The request names no host.");
     const bool configured = allowed_->hasHost(asked);
-    const bool whiteListed = namesOwnPort(request, asked) &&
-                             std::any_of(whiteList_.begin(), whiteList_.end(),
+    // Whoever knows the process's own name was told it by us. Its port may be that of the near end of a tunnel.
+    const bool own = isBrowserHost(asked.host);
+    const bool whiteListed = std::any_of(whiteList_.begin(), whiteList_.end(),
                                          [&asked](const auto& host) { return matchesWhole(asked.host, host); });
-    if (!configured && !whiteListed)
-        return refusal(request, 421, "This server does not answer for the host " + printable(request.authority) + ".");
+    if (!configured && !own && !(whiteListed && namesOwnPort(request, asked)))
+        return refusal(request, 421,
+                       "This server does not answer for the host " + printable(request.authority) + "." +
+                           (whiteListed ? " Through a tunnel, use the same port at both ends." : ""));
+    request.sharedHost = whiteListed && !configured;
 
     if (const std::string* origin = request.headers.find("Origin")) {
         const std::string text = toLower(*origin);

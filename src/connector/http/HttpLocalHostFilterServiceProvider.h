@@ -12,8 +12,8 @@ namespace connector::http {
 /// Lets through what comes from this machine or a peer of http.allowedPeers, was meant for this server, and was not
 /// sent by a foreign web page; see docs/http.md for the rules. Everything else is answered here:
 ///   another peer                                               the constructor's status and body
-///   a Host that is neither in the white list, with the port    421
-///   in use, nor allowed
+///   a Host that is neither the browsers' name of this process, 421
+///   nor in the white list, with the port in use, nor allowed
 ///   a foreign or "null" Origin, or a request that another      403
 ///   site's page makes, other than by leading to an entry page
 class CONNECTOR_API HttpLocalHostFilterServiceProvider final : public HttpServiceProvider
@@ -34,7 +34,8 @@ public:
 private:
     class Allowed;
 
-    std::unique_ptr<HttpResponse> check(const HttpRequest& request) const;
+    /// The answer, or null to let the request on.
+    std::unique_ptr<HttpResponse> check(HttpRequest& request) const;
 
     const std::shared_ptr<configuration::Configuration> configuration_;
     const std::vector<boost::regex> whiteList_;

@@ -67,6 +67,12 @@ public:
     std::uint16_t localPort = 0;              ///< the port it came in on; 0 when it came from no socket
     bool secure = false;                      ///< came over TLS
     bool keepAlive = true;
+    /// Asked for by a name that servers of this machine have in turn (localhost, 127.0.0.1, [::1]): what a browser
+    /// keeps for such a name may be another server's. The localhost filter says it.
+    bool sharedHost = false;
+    /// Let in by a cookie alone, which browsers send to other ports as well: what the user keeps to himself is not for
+    /// it. The guard says it.
+    bool cookieOnly = false;
     std::shared_ptr<Admission> admission; ///< of its connection; null when it came from no socket
 
     /// For the guard that lets the client in: until then its connection ends with the first refusal, and is the first

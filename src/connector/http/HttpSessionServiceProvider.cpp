@@ -4,6 +4,7 @@
 #include "connector/http/Cookies.h"
 #include "connector/http/HttpConfiguration.h"
 #include "connector/http/HttpText.h"
+#include "connector/http/WebSocket.h"
 
 namespace connector::http {
 
@@ -13,6 +14,12 @@ bool hasBearerToken(const HttpRequest& request)
 {
     const std::string* authorization = request.headers.find("Authorization");
     return authorization && equalsIgnoringCase(std::string_view(*authorization).substr(0, 7), "Bearer ");
+}
+
+/// A request for a file is none of a conversation, and the guard lets it in for less.
+bool asksForFile(const HttpRequest& request)
+{
+    return (request.method == "GET" || request.method == "HEAD") && !asksForWebSocket(request);
 }
 
 std::string cookieName(const HttpRequest& request)
@@ -38,7 +45,7 @@ MessageFuture HttpSessionServiceProvider::handleHttp(std::unique_ptr<HttpRequest
         context->setHttpSession(std::move(session));
         return connector->handle(std::move(request), std::move(rest), std::move(context));
     }
-    auto created = hasBearerToken(*request) ? std::nullopt : sessions_->create();
+    auto created = hasBearerToken(*request) || asksForFile(*request) ? std::nullopt : sessions_->create();
     if (!created)
         return connector->handle(std::move(request), std::move(rest), std::move(context));
 

@@ -217,10 +217,9 @@ FoundContent StaticContentServiceImpl::find(std::string_view path, content::Codi
     const Entry* entry = current->match(path);
     if (!entry)
         return {};
-    const auto folder = entry->folder->descriptor();
-    if (!folder)
-        return {};
-    auto found = findBeneath(folder->number(), path, accepted);
+    FoundContent found;
+    if (const auto folder = entry->folder->descriptor())
+        found = findBeneath(folder->number(), path, accepted);
     found.userFiles = entry->userFiles;
     return found;
 }

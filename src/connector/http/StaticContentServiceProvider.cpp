@@ -47,6 +47,9 @@ MessageFuture StaticContentServiceProvider::get(Request&& request, Address&&, st
 std::unique_ptr<HttpResponse> StaticContentServiceProvider::answer(const HttpRequest& request) const
 {
     auto found = service_->find(request.path, content::acceptedCodings(request.headers));
+    // Whether there is such a file is not told either.
+    if (found.userFiles && request.cookieOnly)
+        return refusal(request, 401, "Files of the user's own are not for a cookie alone.");
     switch (found.kind) {
     case content::FoundContent::Kind::file:
         return content::answerWithFile(request, std::move(found));

@@ -44,14 +44,4 @@ bool Credentials::areIn(const http::HttpRequest& request) const
     return http::AccessToken::ofProcess().matches(token) || (key_ && key_->matches(token));
 }
 
-std::unique_ptr<http::HttpResponse> unauthorized(const http::HttpRequest& request)
-{
-    auto answer =
-        http::refusal(request, 401,
-                      "Open this server with the address that its program printed; each such address works once. "
-                      "Programs send the token of the server's discovery file.");
-    answer->headers.set("WWW-Authenticate", "Bearer");
-    return answer;
-}
-
 } // namespace connector::security::v1

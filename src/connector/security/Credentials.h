@@ -25,7 +25,4 @@ private:
     std::optional<AccessKey> key_;
 };
 
-/// The one answer (401) for whoever shows nothing that lets in, whatever was wrong with what was shown.
-CONNECTOR_API std::unique_ptr<http::HttpResponse> unauthorized(const http::HttpRequest& request);
-
 } // namespace connector::security::v1

@@ -19,10 +19,9 @@ void forEachParameter(std::string_view query, Visit visit)
     }
 }
 
-bool isNonceParameter(std::string_view parameter)
+bool isParameter(std::string_view parameter, std::string_view name)
 {
-    return parameter.size() > kNonceParameter.size() && parameter.starts_with(kNonceParameter) &&
-           parameter[kNonceParameter.size()] == '=';
+    return parameter.size() > name.size() && parameter.starts_with(name) && parameter[name.size()] == '=';
 }
 
 /// Browsers drop tabs, take backslashes for slashes, and end the URL at "#".
@@ -45,15 +44,15 @@ void appendEncoded(std::string& text, std::string_view raw)
 
 } // namespace
 
-std::string_view entryNonce(std::string_view query)
+std::string_view oneParameter(std::string_view query, std::string_view name)
 {
     std::string_view found;
     int count = 0;
     forEachParameter(query, [&](std::string_view parameter) {
-        if (!isNonceParameter(parameter))
+        if (!isParameter(parameter, name))
             return;
         ++count;
-        found = parameter.substr(kNonceParameter.size() + 1);
+        found = parameter.substr(name.size() + 1);
     });
     return count == 1 ? found : std::string_view();
 }
@@ -76,7 +75,7 @@ std::string cleanLocation(std::string_view target, std::string_view query)
 
     char separator = '?';
     forEachParameter(query, [&](std::string_view parameter) {
-        if (isNonceParameter(parameter))
+        if (isParameter(parameter, kNonceParameter))
             return;
         location += separator;
         appendEncoded(location, parameter);

@@ -10,8 +10,10 @@ namespace connector::security::v1 {
 /// The query parameter that carries an entry nonce.
 inline constexpr std::string_view kNonceParameter = "nonce";
 
-/// The value of the query's one parameter "nonce"; an empty text when there is none, or several.
-CONNECTOR_API std::string_view entryNonce(std::string_view query);
+/// The value of the query's one parameter of this name, as sent; an empty text when there is none, or several.
+CONNECTOR_API std::string_view oneParameter(std::string_view query, std::string_view name);
+/// The same for "nonce".
+inline std::string_view entryNonce(std::string_view query) { return oneParameter(query, kNonceParameter); }
 
 /// Whether a text has the form of a nonce, and of a cookie's secret: 64 hexadecimal digits.
 CONNECTOR_API bool isSecretText(std::string_view text) noexcept;

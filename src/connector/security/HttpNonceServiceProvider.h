@@ -7,13 +7,15 @@
 #include "connector/security/AccessGrants.h"
 #include "connector/security/Credentials.h"
 #include "connector/security/NonceService.h"
+#include "connector/security/PageAccess.h"
 
 namespace connector::security::v1 {
 
-/// The guard: lets a request on only with a bearer token or a browser's cookie. The first request of a browser brings
-/// a nonce in its query instead; it is answered with the cookie and the way to the same URL without the nonce.
-/// Everything else gets the one 401; see docs/http.md for the rules. The localhost filter has to stand before it: it
-/// looks at whether Origin is there, not whose it is.
+/// The guard: lets a request on only with a bearer token, a page's key or a ticket; with a browser's cookie alone only
+/// to files. The first request of a browser brings a nonce in its query instead; it is answered with the cookie, the
+/// way to the same URL without the nonce, and in its fragment a code that is worth a page's key. Everything else gets
+/// the one 401; see docs/http.md for the rules. The localhost filter has to stand before it: it refuses foreign pages,
+/// and says under what kind of name the request came.
 class CONNECTOR_API HttpNonceServiceProvider final : public http::HttpServiceProvider
 {
 public:
@@ -29,13 +31,15 @@ public:
 
 private:
     /// The answer, or null to let the request on.
-    std::unique_ptr<http::HttpResponse> check(const http::HttpRequest& request);
-    std::unique_ptr<http::HttpResponse> enter(const http::HttpRequest& request, std::string_view nonce, bool known);
+    std::unique_ptr<http::HttpResponse> check(http::HttpRequest& request, bool forFile);
+    std::unique_ptr<http::HttpResponse> enter(const http::HttpRequest& request, std::string_view nonce, bool byToken);
     bool hasCookie(const http::HttpRequest& request);
+    std::string newCookie(const http::HttpRequest& request);
 
     const std::shared_ptr<NonceService> nonces_;
     const Credentials credentials_;
-    AccessGrants grants_;
+    AccessGrants browsers_;
+    PageAccess pages_;
 };
 
 } // namespace connector::security::v1

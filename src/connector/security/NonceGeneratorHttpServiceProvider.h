@@ -13,7 +13,7 @@ namespace connector::security {
 namespace v1 {
 
 /// Gives programs one-time addresses for browsers: POST with a bearer token, answered with
-/// {"nonce": …, "url": "http://127.0.0.1:8080/?nonce=…", "expiresInSeconds": 600}. No guard stands before it.
+/// {"nonce": …, "url": "http://vendra-….localhost:8080/?nonce=…", "expiresInSeconds": 600}. No guard stands before it.
 class CONNECTOR_API NonceGeneratorHttpServiceProvider final : public http::RestServiceProvider
 {
 public:

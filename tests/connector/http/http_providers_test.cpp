@@ -14,6 +14,7 @@
 #include "connector/configuration/ConfigurationServiceProviderImpl.h"
 #include "connector/core/ConnectorImpl2.h"
 #include "connector/http/AccessToken.h"
+#include "connector/http/BrowserHost.h"
 #include "connector/http/Cookies.h"
 #include "connector/http/DiscoveryFile.h"
 #include "connector/http/HttpCommandProvider.h"
@@ -42,10 +43,15 @@ class End final : public RestServiceProvider
 {
 public:
     unsigned status = 200;
+    bool sharedHost = false; ///< of the last GET
 
 protected:
     std::vector<std::string> methods() const override { return {"GET", "POST"}; }
-    MessageFuture get(Request&&, Address&&, std::shared_ptr<Context>&& context) override { return serve(*context); }
+    MessageFuture get(Request&& request, Address&&, std::shared_ptr<Context>&& context) override
+    {
+        sharedHost = request->sharedHost;
+        return serve(*context);
+    }
     MessageFuture post(Request&&, Address&&, std::shared_ptr<Context>&& context) override { return serve(*context); }
 
 private:
@@ -247,6 +253,42 @@ TEST_F(LocalHostFilter, answersForItsOwnNamesOnly)
     EXPECT_EQ(statusOfHost("lab.example"), 421u);
 }
 
+TEST_F(LocalHostFilter, answersForTheNameThatBrowsersKnowTheProcessBy)
+{
+    const auto& name = browserHost();
+    EXPECT_EQ(name.size(), std::string("vendra-.localhost").size() + 32);
+    for (const std::string& host : {name, name + ":8080", name + ":1", "V" + name.substr(1) + ":8080"})
+        EXPECT_EQ(statusOfHost(host), 200u) << host;
+    std::string another = name;
+    another[10] = another[10] == '0' ? '1' : '0';
+    for (const std::string& host : {another, name + ".", "x" + name, "x." + name, name.substr(0, name.size() - 10)})
+        EXPECT_EQ(statusOfHost(host), 421u) << host;
+
+    configuration->set("http.allowedHosts", std::vector<std::string>{"lab.example", "localhost:9000"});
+    const auto isShared = [&](const std::string& host) {
+        auto asked = request("GET", "/");
+        asked->authority = host;
+        EXPECT_EQ(chain.send(std::move(asked), Address("filter", "end"))->status, 200u) << host;
+        return chain.end->sharedHost;
+    };
+    for (const char* host : {"localhost:8080", "127.0.0.1:8080", "[::1]:8080"})
+        EXPECT_TRUE(isShared(host)) << host;
+    for (const std::string& host : {name + ":8080", std::string("lab.example"), std::string("localhost:9000")})
+        EXPECT_FALSE(isShared(host)) << host;
+}
+
+TEST_F(LocalHostFilter, tellsWhoComesThroughATunnelWhatToDo)
+{
+    const auto textFor = [&](const std::string& host) {
+        auto asked = request("GET", "/");
+        asked->authority = host;
+        return chain.send(std::move(asked), Address("filter", "end"))->body;
+    };
+    EXPECT_EQ(textFor("localhost:9000"), "This server does not answer for the host localhost:9000. "
+                                         "Through a tunnel, use the same port at both ends.");
+    EXPECT_EQ(textFor("evil.example"), "This server does not answer for the host evil.example.");
+}
+
 TEST_F(LocalHostFilter, wantsThePortUnlessItGoesWithoutSaying)
 {
     struct Case
@@ -369,7 +411,7 @@ protected:
 
     std::unique_ptr<HttpResponse> send(const Fields& fields)
     {
-        return chain.send(request("GET", "/", fields), Address("session", "end"));
+        return chain.send(request("POST", "/", fields), Address("session", "end"));
     }
 
     Chain chain;
@@ -399,8 +441,10 @@ TEST_F(Sessions, knowsAClientByItsCookie)
     EXPECT_NE(send({{"Cookie", pair}})->headers.get("Session"), first->headers.get("Session"));
 }
 
-TEST_F(Sessions, makesNoneForProgramsAndRefusals)
+TEST_F(Sessions, makesNoneForProgramsFilesAndRefusals)
 {
+    for (const char* method : {"GET", "HEAD"})
+        EXPECT_EQ(chain.send(request(method, "/", {}), Address("session", "end"))->headers.count("Set-Cookie"), 0u);
     EXPECT_EQ(send({{"Authorization", "bearer x"}})->headers.count("Session"), 0u);
     chain.end->status = 401;
     EXPECT_EQ(send({})->headers.count("Set-Cookie"), 0u);
@@ -458,7 +502,7 @@ TEST(Cookies, areReadAsBrowsersWriteThem)
     Headers headers;
     headers.add("Cookie", "a=1; ab=2;a = \"3\" ; b; =4;a=;A=5");
     headers.add("cookie", "a=6; a=7");
-    const std::vector<std::string_view> expected{"1", "3", "", "6"};
+    const std::vector<std::string_view> expected{"1", "3", "", "6", "7"};
     EXPECT_EQ(cookieValues(headers, "a"), expected);
 }
 

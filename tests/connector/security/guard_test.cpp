@@ -25,9 +25,16 @@ protected:
         connector->addServiceProvider("guard", std::make_shared<HttpNonceServiceProvider>(nonces, configuration));
     }
 
+    /// Behind the guard are messages.
     std::unique_ptr<http::HttpResponse> ask(std::unique_ptr<http::HttpRequest> asked)
     {
         return send(std::move(asked), Address("guard", "behind"));
+    }
+    /// Behind the guard are files.
+    std::unique_ptr<http::HttpResponse> askFile(const std::string& method, const std::string& target,
+                                                const Fields& fields = {})
+    {
+        return send(request(method, target, fields), Address("guard", "connector/http/staticContent"));
     }
     std::unique_ptr<http::HttpResponse> ask(const std::string& method, const std::string& target,
                                             const Fields& fields = {})
@@ -37,12 +44,34 @@ protected:
 
     std::string nonce() { return nonces->issue(kEntryPurpose, 60s); }
 
-    /// Enters; the "name=value" of the cookie.
-    std::string enter()
+    /// What a browser has that entered.
+    struct Entered
+    {
+        std::string cookie; ///< "name=value"
+        std::string code;
+    };
+    Entered enterWithCode()
     {
         const auto answer = ask("GET", "/?nonce=" + nonce());
         const auto cookie = answer->headers.get("Set-Cookie");
-        return cookie.substr(0, cookie.find(';'));
+        const auto location = answer->headers.get("Location");
+        const std::string start = "/#entry=";
+        EXPECT_TRUE(location.starts_with(start) && location.size() == start.size() + 64) << location;
+        return {cookie.substr(0, cookie.find(';')), location.substr(start.size())};
+    }
+    std::string enter() { return enterWithCode().cookie; }
+    /// The page's key of a browser that entered, "" when the code is worth none.
+    std::string claim(const std::string& code)
+    {
+        return memberOf(*ask("POST", "/messageservice/entry", {{"Vendra-Entry", code}}), R"({"key":")");
+    }
+    std::string ticket(const std::string& key)
+    {
+        return memberOf(*ask("POST", "/messageservice/ticket", {{"Vendra-Page", key}}), R"({"ticket":")");
+    }
+    static std::string memberOf(const http::HttpResponse& answer, const std::string& start)
+    {
+        return answer.status == 200 && answer.body.starts_with(start) ? answer.body.substr(start.size(), 64) : "";
     }
 
     std::shared_ptr<NonceService> nonces = std::make_shared<NonceServiceImpl>();
@@ -54,7 +83,7 @@ TEST_F(Guard, LetsABrowserInOnce)
     const std::string entry = "/ui/?a=1&nonce=" + nonce() + "&b=2";
     const auto first = ask("GET", entry);
     EXPECT_EQ(first->status, 303u);
-    EXPECT_EQ(first->headers.get("Location"), "/ui/?a=1&b=2");
+    EXPECT_TRUE(first->headers.get("Location").starts_with("/ui/?a=1&b=2#entry=")) << first->headers.get("Location");
     EXPECT_EQ(first->headers.get("Cache-Control"), "no-store");
     EXPECT_EQ(first->headers.get("Referrer-Policy"), "no-referrer");
     const auto cookie = first->headers.get("Set-Cookie");
@@ -63,14 +92,17 @@ TEST_F(Guard, LetsABrowserInOnce)
     EXPECT_EQ(cookie.substr(start.size() + 64), "; Path=/; HttpOnly; SameSite=Strict");
     const std::string pair = cookie.substr(0, start.size() + 64);
 
-    EXPECT_EQ(ask("GET", "/ui/?a=1&b=2", {{"Cookie", "x=y; " + pair}})->status, 200u);
+    EXPECT_EQ(askFile("GET", "/ui/?a=1&b=2", {{"Cookie", "x=y; " + pair}})->status, 200u);
     EXPECT_EQ(ask("GET", entry)->status, 401u) << "used up";
     const auto again = ask("GET", entry, {{"Cookie", pair}});
     EXPECT_EQ(again->status, 303u) << "going back in the same browser";
     EXPECT_EQ(again->headers.count("Set-Cookie"), 0u);
+    EXPECT_EQ(again->headers.get("Location"), "/ui/?a=1&b=2") << "a cookie alone gets no code";
 
     const auto other = nonce();
-    EXPECT_EQ(ask("GET", "/?nonce=" + other, {{"Cookie", pair}})->status, 303u);
+    const auto anew = ask("GET", "/?nonce=" + other, {{"Cookie", pair}});
+    EXPECT_EQ(anew->status, 303u);
+    EXPECT_TRUE(anew->headers.get("Location").starts_with("/#entry=")) << "the page may have lost its key";
     EXPECT_EQ(ask("GET", "/?nonce=" + other)->status, 401u) << "an address works once, whoever opens it";
 }
 
@@ -90,7 +122,7 @@ TEST_F(Guard, BindsTheCookieToItsPort)
     const auto statusAt = [&](std::uint16_t port, const std::string& name) {
         auto asked = request("GET", "/", {{"Cookie", name + "=" + secret}});
         asked->localPort = port;
-        return ask(std::move(asked))->status;
+        return send(std::move(asked), Address("guard", "connector/http/staticContent"))->status;
     };
     EXPECT_EQ(statusAt(8443, "VENDRAACCESS_8443"), 200u);
     EXPECT_EQ(statusAt(8080, "VENDRAACCESS_8443"), 401u);
@@ -141,6 +173,16 @@ TEST_F(Guard, AnswersAllButProofTheSame)
         {"GET", "/", {{"Authorization", "Bearer " + text + "0"}}},
         {"GET", "/", {{"Authorization", "Bearer  " + text}}},
         {"GET", "/", {{"Authorization", token}, {"Authorization", token}}},
+        {"POST", "/", {{"Vendra-Page", secret}}},
+        {"POST", "/", {{"Vendra-Page", text}}},
+        {"POST", "/", {{"Vendra-Page", good}}},
+        {"POST", "/", {{"Vendra-Page", ""}}},
+        {"POST", "/messageservice/ticket", {{"Cookie", cookie}}},
+        {"POST", "/messageservice/entry", {{"Cookie", cookie}}},
+        {"POST", "/messageservice/entry", {{"Vendra-Entry", good}}},
+        {"POST", "/messageservice/entry", {{"Vendra-Entry", secret}}},
+        {"GET", "/?ticket=" + good, {{"Upgrade", "websocket"}}},
+        {"GET", "/?ticket=" + secret, {}},
     };
     for (const auto& [method, target, fields] : cases) {
         const auto answer = ask(method, target, fields);
@@ -155,41 +197,109 @@ TEST_F(Guard, AnswersAllButProofTheSame)
     EXPECT_EQ(json->body, "{\"error\":\"" + reference->body + "\"}");
 }
 
-TEST_F(Guard, TakesACookieOnlyWhenTheBrowserSaysWhoAsks)
+TEST_F(Guard, LeadsACookieToFilesOnly)
 {
     const auto cookie = enter();
     struct Case
     {
-        unsigned status;
+        unsigned file;
+        unsigned message;
         std::string method;
         Fields fields;
     };
     const std::pair<std::string, std::string> origin{"Origin", "http://localhost:8080"};
-    const std::pair<std::string, std::string> site{"Sec-Fetch-Site", "same-origin"};
     const std::pair<std::string, std::string> upgrade{"Upgrade", "websocket"};
     const std::vector<Case> cases{
-        {200, "GET", {}},
-        {200, "HEAD", {}},
-        {200, "OPTIONS", {}},
-        {403, "POST", {}},
-        {403, "PUT", {}},
-        {403, "DELETE", {}},
-        {403, "PATCH", {}},
-        {403, "get", {}},
-        {200, "POST", {origin}},
-        {200, "DELETE", {site}},
-        {403, "GET", {upgrade}},
-        {403, "GET", {upgrade, site}},
-        {403, "GET", {{"Upgrade", "h2c, WebSocket"}}},
-        {200, "GET", {upgrade, origin}},
+        {200, 401, "GET", {}},        {200, 401, "HEAD", {}},
+        {401, 401, "OPTIONS", {}},    {401, 401, "POST", {}},
+        {401, 401, "POST", {origin}}, {401, 401, "PUT", {origin}},
+        {401, 401, "get", {}},        {401, 401, "DELETE", {origin}},
+        {200, 401, "GET", {origin}},  {200, 401, "GET", {upgrade, origin}},
     };
-    for (auto [status, method, fields] : cases) {
+    for (auto [file, message, method, fields] : cases) {
         fields.emplace_back("Cookie", cookie);
         const std::string shown = method + (fields.size() > 1 ? " " + fields[0].first : "");
-        EXPECT_EQ(ask(method, "/", fields)->status, status) << shown;
+        EXPECT_EQ(askFile(method, "/", fields)->status, file) << shown;
+        EXPECT_EQ(behind->cookieOnly, file == 200) << shown;
+        EXPECT_EQ(ask(method, "/", fields)->status, message) << shown;
         fields.back() = {"Authorization", token};
         EXPECT_EQ(ask(method, "/", fields)->status, 200u) << shown << " with the token";
+        EXPECT_FALSE(behind->cookieOnly);
+        behind->cookieOnly = false;
     }
+
+    std::string junk = cookie;
+    for (int i = 0; i < 300; ++i)
+        junk.insert(0, "VENDRAACCESS_8080=" + std::string(64, 'f') + "; ");
+    EXPECT_EQ(askFile("GET", "/", {{"Cookie", junk}})->status, 200u) << "others may set cookies of the name";
+}
+
+TEST_F(Guard, TakesThePagesKeyForEverything)
+{
+    const auto [cookie, code] = enterWithCode();
+    EXPECT_EQ(claim(cookie.substr(cookie.find('=') + 1)), "");
+    auto elsewhere = request("POST", "/messageservice/entry", {{"Vendra-Entry", code}});
+    elsewhere->localPort = 8081;
+    EXPECT_EQ(ask(std::move(elsewhere))->status, 401u) << "of another port";
+    const auto key = claim(code);
+    ASSERT_EQ(key.size(), 64u);
+    EXPECT_EQ(claim(code), "") << "a code is worth one key";
+    EXPECT_EQ(claim(enterWithCode().code).size(), 64u);
+    for (const char* method : {"GET", "POST", "PUT"})
+        EXPECT_EQ(ask(method, "/", {{"Vendra-Page", key}})->status, 200u) << method << ", without a cookie";
+    EXPECT_EQ(ask("POST", "/", {{"Vendra-Page", key}, {"Vendra-Page", key}})->status, 401u);
+    auto other = request("POST", "/", {{"Vendra-Page", key}});
+    other->localPort = 8081;
+    EXPECT_EQ(ask(std::move(other))->status, 401u);
+
+    const Fields upgrade{{"Upgrade", "websocket"}, {"Origin", "http://localhost:8080"}, {"Cookie", cookie}};
+    const auto first = ticket(key);
+    ASSERT_EQ(first.size(), 64u);
+    EXPECT_EQ(ask("POST", "/?ticket=" + first)->status, 401u);
+    EXPECT_EQ(ask("HEAD", "/?ticket=" + first)->status, 401u);
+    EXPECT_EQ(ask("GET", "/?x=1&ticket=" + first, upgrade)->status, 200u);
+    EXPECT_EQ(ask("GET", "/?ticket=" + first, upgrade)->status, 401u) << "used up";
+    EXPECT_EQ(ask("POST", "/messageservice/ticket", {{"Authorization", token}})->status, 200u);
+    while (nonces->issue("upload", 60s).size() == 64)
+        if (ask("POST", "/messageservice/ticket", {{"Vendra-Page", key}})->status == 503)
+            break;
+}
+
+TEST_F(Guard, HelpsABrowserWhosePageHoldsAKey)
+{
+    const std::pair<std::string, std::string> shown{"Accept", "text/html,application/xhtml+xml,*/*;q=0.8"};
+    const auto page = askFile("GET", "/", {shown});
+    EXPECT_EQ(page->status, 401u);
+    EXPECT_EQ(page->headers.get("Content-Type"), "text/html; charset=utf-8");
+    EXPECT_NE(page->headers.get("Content-Security-Policy").find("default-src 'none'; script-src 'sha256-"),
+              std::string::npos);
+    EXPECT_NE(page->body.find("vendra --url"), std::string::npos);
+    EXPECT_NE(askFile("GET", "/")->body.find("vendra --url"), std::string::npos);
+
+    const auto cookie = enter();
+    behind->status = 401; // files of the user's
+    EXPECT_EQ(askFile("GET", "/mine/x.html", {shown, {"Cookie", cookie}})->body, page->body);
+    EXPECT_EQ(askFile("GET", "/mine/x.png", {{"Cookie", cookie}})->body, askFile("GET", "/")->body);
+    behind->status = 200;
+
+    const auto key = claim(enterWithCode().code);
+    const auto served = askFile("GET", "/?ticket=" + ticket(key), {shown});
+    EXPECT_EQ(served->status, 200u);
+    const auto made = served->headers.get("Set-Cookie");
+    EXPECT_EQ(askFile("GET", "/x.js", {{"Cookie", made.substr(0, made.find(';'))}})->status, 200u)
+        << "what the page loads";
+    EXPECT_EQ(askFile("GET", "/?ticket=" + ticket(key), {shown, {"Cookie", cookie}})->headers.count("Set-Cookie"), 0u);
+}
+
+TEST_F(Guard, LetsNobodyEnterByANameThatOthersHad)
+{
+    const auto target = "/?nonce=" + nonce();
+    auto asked = request("GET", target, {{"Accept", "text/html"}});
+    asked->sharedHost = true;
+    const auto refused = ask(std::move(asked));
+    EXPECT_EQ(refused->status, 401u);
+    EXPECT_EQ(refused->headers.get("Content-Type"), "text/plain; charset=utf-8");
+    EXPECT_EQ(ask("GET", target)->status, 303u) << "it is not used up";
 }
 
 TEST_F(Guard, LetsProgramsGoOnToTheCleanUrl)
@@ -226,11 +336,11 @@ TEST_F(Guard, KeepsSoManyBrowsers)
     addGuard();
     const auto first = enter();
     const auto second = enter();
-    EXPECT_EQ(ask("GET", "/", {{"Cookie", first}})->status, 200u);
+    EXPECT_EQ(askFile("GET", "/", {{"Cookie", first}})->status, 200u);
     const auto third = enter();
-    EXPECT_EQ(ask("GET", "/", {{"Cookie", second}})->status, 401u) << "the longest unused went";
+    EXPECT_EQ(askFile("GET", "/", {{"Cookie", second}})->status, 401u) << "the longest unused went";
     for (const auto& cookie : {first, third})
-        EXPECT_EQ(ask("GET", "/", {{"Cookie", cookie}})->status, 200u);
+        EXPECT_EQ(askFile("GET", "/", {{"Cookie", cookie}})->status, 200u);
 }
 
 TEST(AccessGrants, EndWhenTheyAreNotUsed)

@@ -1,6 +1,7 @@
 #include <Poco/JSON/Object.h>
 
 #include "connector/http/AccessToken.h"
+#include "connector/http/BrowserHost.h"
 #include "connector/http/HttpRouterImpl.h"
 #include "connector/json/JsonSerializerImpl.h"
 #include "connector/json/JsonText.h"
@@ -66,9 +67,21 @@ TEST_F(NonceProviders, GiveProgramsOneTimeAddresses)
                                 "\",\"expiresInSeconds\":77}");
     EXPECT_TRUE(nonces->redeem(nonce, "entry"));
     EXPECT_NE(post(false, "localhost:1", token)->body.find("\"http://localhost:1/?nonce="), std::string::npos);
+    const auto urlUnderAnySharedName = [&](const std::string& authority, bool secure) {
+        auto asked = request("POST", "/messageservice/nonce", token);
+        asked->sharedHost = true;
+        asked->secure = secure;
+        asked->authority = authority;
+        const auto url = member(send(std::move(asked), Address{"generator"})->body, "url");
+        return url.substr(0, url.find('?'));
+    };
+    EXPECT_EQ(urlUnderAnySharedName("127.0.0.1:8080", false), "http://" + http::browserHost() + ":8080/");
+    EXPECT_EQ(urlUnderAnySharedName("[::1]:9000", true), "https://" + http::browserHost() + ":9000/");
+    EXPECT_EQ(urlUnderAnySharedName("localhost", false), "http://" + http::browserHost() + ":8080/")
+        << "over a Unix-domain socket";
 
     const auto refused = post(false, "localhost:1", {{"Authorization", "Bearer x"}});
-    for (std::size_t i = 2; i <= NonceServiceImpl::kMaxOutstanding; ++i)
+    for (std::size_t i = 5; i <= NonceServiceImpl::kMaxOutstanding; ++i)
         nonces->issue("upload", 60s);
     EXPECT_EQ(post(false, "localhost:1", token)->status, 503u) << "too many are out";
     EXPECT_EQ(refused->status, 401u);

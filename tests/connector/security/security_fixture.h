@@ -19,14 +19,19 @@ namespace connector::security::v1::test {
 
 using Fields = std::vector<std::pair<std::string, std::string>>;
 
-/// What lies behind the guard: answers everything with 200 "served".
+/// What lies behind the guard: answers everything with "served".
 class Behind final : public http::HttpServiceProvider
 {
 public:
-    MessageFuture handleHttp(std::unique_ptr<http::HttpRequest>&&, Address&&, std::shared_ptr<Context>&&) override
+    unsigned status = 200;
+    bool cookieOnly = false; ///< of the last request
+
+    MessageFuture handleHttp(std::unique_ptr<http::HttpRequest>&& request, Address&&,
+                             std::shared_ptr<Context>&&) override
     {
+        cookieOnly = request->cookieOnly;
         return makeReadyFuture<std::unique_ptr<Message>>(
-            std::make_unique<http::HttpResponse>(200, "text/plain", "served"));
+            std::make_unique<http::HttpResponse>(status, "text/plain", "served"));
     }
 };
 
@@ -56,7 +61,8 @@ protected:
     {
         std::string name = std::filesystem::temp_directory_path() / "security-test-XXXXXX";
         folder = ::mkdtemp(name.data());
-        connector->addServiceProvider("behind", std::make_shared<Behind>());
+        connector->addServiceProvider("behind", behind);
+        connector->addServiceProvider("connector/http/staticContent", behind);
     }
     ~SecurityTest() override { std::filesystem::remove_all(folder); }
 
@@ -75,6 +81,7 @@ protected:
     }
 
     std::filesystem::path folder;
+    std::shared_ptr<Behind> behind = std::make_shared<Behind>();
     std::shared_ptr<ConnectorImpl2> connector = std::make_shared<ConnectorImpl2>("test");
     std::shared_ptr<configuration::ConfigurationImpl> configuration =
         std::make_shared<configuration::ConfigurationImpl>();

@@ -16,7 +16,7 @@ struct FoundContent
         file
     };
     Kind kind = Kind::nothing;
-    bool userFiles = false; ///< of the root
+    bool userFiles = false; ///< of the root that covers the path, also when nothing is there
 
     // Of a file:
     OpenFile file; ///< the representation to send
