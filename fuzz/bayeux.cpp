@@ -28,7 +28,9 @@ void require(bool condition)
 /// An array of at least one object.
 json::Array::Ptr readReplies(const std::string& text)
 {
-    const auto array = json::asArray(json::parse(text));
+    json::Limits limits;
+    limits.loneSurrogates = true; // of an id, say, which comes back as it came
+    const auto array = json::asArray(json::parse(text, limits));
     require(array->size() > 0);
     for (const auto& reply : *array)
         json::asObject(reply);
