@@ -2,6 +2,7 @@
 // bytes and however they come in pieces: each request gets one answer, and nothing of its body is served.
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -31,6 +32,10 @@ namespace {
 using Answer = std::unique_ptr<Message>;
 
 constexpr const char* kPath = "/wanted";
+constexpr const char* kPathBehind = "/behind";
+/// Behind the body.
+constexpr std::string_view kBehind = "GET /behind HTTP/1.1\r\nHost: localhost\r\n\r\n";
+constexpr unsigned kBehindStatus = 202;
 /// At the end of each body.
 constexpr std::string_view kSmuggled = "GET /smuggled HTTP/1.1\r\nHost: localhost\r\n\r\n";
 
@@ -86,6 +91,9 @@ const std::vector<Ending> kEndings{
      }},
 };
 
+/// Of the request at work: its body was whole when it was served, so that no answer leaves any of it unread.
+std::atomic<bool> cameWhole{false};
+
 class Servers
 {
 public:
@@ -97,10 +105,14 @@ public:
             settings.unixSocket = path(i);
             kEndings[i].set(settings);
             servers_.push_back(std::make_shared<PocoHttpsServer>(settings, [i](std::unique_ptr<HttpRequest> request) {
-                require(request->path == kPath);
+                const bool isBehind = request->path == kPathBehind;
+                require(isBehind || request->path == kPath);
+                if (!isBehind)
+                    cameWhole = !request->pendingBody;
                 request->admit();
                 PocoHttpsServer::Exchange exchange;
-                exchange.answer = kEndings[i].serve(std::move(request));
+                exchange.answer =
+                    isBehind ? makeReadyFuture(answerOf(kBehindStatus)) : kEndings[i].serve(std::move(request));
                 return exchange;
             }));
             servers_.back()->open();
@@ -169,12 +181,23 @@ std::string framed(const std::string& body, bool chunked, std::size_t step)
     return wire.str();
 }
 
-void check(const Ending& ending, const std::string& answered)
+unsigned statusOf(std::string_view answer)
 {
     constexpr std::string_view kStart = "HTTP/1.1 ";
-    require(answered.starts_with(kStart) && answered.rfind(kStart) == 0);
-    const unsigned status = static_cast<unsigned>(std::stoul(answered.substr(kStart.size(), 3)));
+    require(answer.starts_with(kStart) && answer.rfind(kStart) == 0);
+    return static_cast<unsigned>(std::stoul(std::string(answer.substr(kStart.size(), 3))));
+}
+
+void check(const Ending& ending, std::string_view answered)
+{
+    const auto second = std::min(answered.find("HTTP/1.1 ", 1), answered.size());
+    const std::string_view first = answered.substr(0, second);
+    const unsigned status = statusOf(first);
     require(std::find(ending.statuses.begin(), ending.statuses.end(), status) != ending.statuses.end());
+    const bool ends = first.find("\r\nConnection: close\r\n") != std::string_view::npos;
+    require(ends == (second == answered.size()));
+    require(ends || statusOf(answered.substr(second)) == kBehindStatus);
+    require(ends || status < 400 || cameWhole);
 }
 
 } // namespace
@@ -187,9 +210,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::size_t which = data[0] % kEndings.size();
     const std::size_t step = data[2] == 0 ? 1'000'000 : data[2];
     const std::string body = std::string(reinterpret_cast<const char*>(data) + 4, size - 4) + std::string(kSmuggled);
-    const std::string wire = framed(body, data[1] % 2 == 1, step);
+    const std::string wire = framed(body, data[1] % 2 == 1, step) + std::string(kBehind);
     const std::size_t cut = wire.size() * data[3] / 256;
     for (const std::size_t first : {wire.size(), cut}) {
+        cameWhole = false;
         const auto client = servers.connect(which);
         send(client, std::string_view(wire).substr(0, first));
         if (first < wire.size())
