@@ -28,42 +28,70 @@ void logFailure(const std::string& what)
 class ConnectorImpl2::Change
 {
 public:
-    Change(ConnectorImpl2& registry, const ProviderPtr& provider) : registry_(registry), provider_(provider.get())
+    /// Waits until no other thread is at it.
+    Change(ConnectorImpl2& registry, const ProviderPtr& provider) : registry_(registry), provider_(provider)
     {
-        const auto self = std::this_thread::get_id();
         std::unique_lock lock(registry_.mutex_);
-        registry_.changed_.wait(lock, [&] {
-            const auto changer = registry_.uses_[provider_].changer;
-            return changer == std::thread::id() || changer == self;
-        });
-        nested_ = std::exchange(registry_.uses_[provider_].changer, self) == self;
+        registry_.changed_.wait(lock, [this] { return !isOthers(); });
+        begin();
+    }
+
+    /// Where another thread is at it, leaves the step to that one, which may well be waiting for this one.
+    Change(ConnectorImpl2& registry, const ProviderPtr& provider, Step step) : registry_(registry), provider_(provider)
+    {
+        std::unique_lock lock(registry_.mutex_);
+        if (isOthers())
+            use().next = step;
+        else
+            begin();
     }
 
     ~Change()
     {
-        if (nested_)
+        if (!isMine_ || nested_)
             return;
         std::unique_lock lock(registry_.mutex_);
-        const auto use = registry_.uses_.find(provider_);
-        use->second.changer = {};
-        if (use->second.names == 0)
-            registry_.uses_.erase(use);
+        for (Step step; (step = std::exchange(use().next, Step::none)) != Step::none;) {
+            lock.unlock();
+            takeQuietly(step);
+            lock.lock();
+        }
+        use().changer = {};
+        if (use().names == 0)
+            registry_.uses_.erase(provider_.get());
         registry_.changed_.notify_all();
     }
 
     Change(const Change&) = delete;
     Change& operator=(const Change&) = delete;
 
-    /// Names lead to the provider, or are about to.
-    bool isUsed() const
-    {
-        std::shared_lock lock(registry_.mutex_);
-        return registry_.uses_.at(provider_).names > 0;
-    }
+    bool isMine() const noexcept { return isMine_; }
 
 private:
+    Use& use() const { return registry_.uses_[provider_.get()]; }
+    bool isOthers() const
+    {
+        const auto changer = use().changer;
+        return changer != std::thread::id() && changer != std::this_thread::get_id();
+    }
+    void begin()
+    {
+        const auto self = std::this_thread::get_id();
+        nested_ = std::exchange(use().changer, self) == self;
+        isMine_ = true;
+    }
+    void takeQuietly(Step step) const noexcept
+    {
+        try {
+            registry_.take(step, provider_);
+        } catch (...) {
+            logFailure("A provider failed to start or stop for another thread");
+        }
+    }
+
     ConnectorImpl2& registry_;
-    const ServiceProvider* const provider_;
+    const ProviderPtr provider_;
+    bool isMine_ = false;
     bool nested_ = false;
 };
 
@@ -95,15 +123,13 @@ ConnectorImpl2::Providers ConnectorImpl2::providers() const
 void ConnectorImpl2::start()
 {
     for (auto& [name, provider] : providers())
-        start(provider);
+        take(Step::start, provider);
 }
 
 void ConnectorImpl2::stop()
 {
-    for (auto& [name, provider] : providers()) {
-        const Change change(*this, provider);
-        provider->stop();
-    }
+    for (auto& [name, provider] : providers())
+        take(Step::stop, provider);
 }
 
 void ConnectorImpl2::claim(const ProviderPtr& provider)
@@ -120,18 +146,23 @@ void ConnectorImpl2::unclaim(const ProviderPtr& provider)
         uses_.erase(use);
 }
 
-void ConnectorImpl2::start(const ProviderPtr& provider)
+bool ConnectorImpl2::isUsed(const ProviderPtr& provider) const
 {
-    const Change change(*this, provider);
-    provider->start();
+    std::shared_lock lock(mutex_);
+    const auto use = uses_.find(provider.get());
+    return use != uses_.end() && use->second.names > 0;
 }
 
-/// Asks within the change: another thread may have given it a name since, and relies on it.
-void ConnectorImpl2::stopIfUnused(const ProviderPtr& provider)
+/// Asks for names within the change: another thread may have given it one since, and relies on it.
+void ConnectorImpl2::take(Step step, const ProviderPtr& provider)
 {
-    const Change change(*this, provider);
-    if (!change.isUsed())
+    const Change change(*this, provider, step);
+    if (!change.isMine())
+        return;
+    if (step == Step::stop || !isUsed(provider))
         provider->stop();
+    else if (step == Step::start)
+        provider->start();
 }
 
 /// Null when there is none, or when it goes on under another name.
@@ -154,7 +185,7 @@ void ConnectorImpl2::restartFormer(const std::string& name, const ProviderPtr& f
 {
     try {
         const Change change(*this, former);
-        if (change.isUsed())
+        if (isUsed(former))
             former->start();
     } catch (...) {
         logFailure("The former provider of \"" + name + "\" does not start again");
@@ -172,7 +203,8 @@ void ConnectorImpl2::addServiceProvider(const std::string& name, std::shared_ptr
     ProviderPtr former;
     try {
         former = stopFormer(name, provider);
-        start(provider);
+        const Change change(*this, provider);
+        provider->start();
     } catch (...) {
         unclaim(provider);
         if (former)
@@ -185,7 +217,7 @@ void ConnectorImpl2::addServiceProvider(const std::string& name, std::shared_ptr
     }
     if (former) {
         unclaim(former);
-        stopIfUnused(former);
+        take(Step::stopIfUnused, former);
     }
 }
 
@@ -201,7 +233,7 @@ void ConnectorImpl2::removeServiceProvider(const std::string& name)
         providers_.erase(found);
     }
     unclaim(provider);
-    stopIfUnused(provider);
+    take(Step::stopIfUnused, provider);
 }
 
 std::set<std::string> ConnectorImpl2::listServiceProviders()

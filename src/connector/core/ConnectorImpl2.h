@@ -36,11 +36,20 @@ private:
     using ProviderPtr = std::shared_ptr<ServiceProvider>;
     using Providers = std::map<std::string, ProviderPtr, std::less<>>;
 
+    enum class Step
+    {
+        none,
+        start, ///< if names lead to it
+        stop,
+        stopIfUnused ///< by names
+    };
+
     /// How a provider stands: it is to run while names lead to it.
     struct Use
     {
         std::size_t names = 0;   ///< that lead to it or are about to
         std::thread::id changer; ///< the thread that starts or stops it at the moment
+        Step next = Step::none;  ///< what another thread wanted meanwhile, for the changer to do
     };
     class Change;
 
@@ -48,8 +57,8 @@ private:
     Providers providers() const;
     void claim(const ProviderPtr& provider);
     void unclaim(const ProviderPtr& provider);
-    void start(const ProviderPtr& provider);
-    void stopIfUnused(const ProviderPtr& provider);
+    bool isUsed(const ProviderPtr& provider) const;
+    void take(Step step, const ProviderPtr& provider);
     ProviderPtr stopFormer(const std::string& name, const ProviderPtr& next);
     void restartFormer(const std::string& name, const ProviderPtr& former) noexcept;
 

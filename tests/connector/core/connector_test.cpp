@@ -195,6 +195,28 @@ TEST_F(ConnectorTest, RemovalOfOneNameLeavesTheOtherServed)
     EXPECT_EQ(provider.use_count(), 1);
 }
 
+// As the manager of ports does, whose threads run whatever was asked for over HTTP.
+TEST_F(ConnectorTest, ProviderMayWaitInItsStopForWhoStopsItToo)
+{
+    auto provider = add("x");
+    bool asked = false;
+    provider->onStop = [&] {
+        if (std::exchange(asked, true))
+            return;
+        std::thread([&] {
+            connector->start();
+            connector->stop();
+            connector->removeServiceProvider("x");
+        }).join();
+    };
+    connector->stop();
+    EXPECT_FALSE(provider->running);
+    EXPECT_TRUE(connector->listServiceProviders().empty());
+    EXPECT_EQ(provider.use_count(), 1);
+    add("x");
+    EXPECT_EQ(send(Address{"x"}), "hello.x");
+}
+
 TEST_F(ConnectorTest, EndOfTheRegistrySurvivesProvidersThatFailToStop)
 {
     add("a")->onStop = [] { throw std::runtime_error("a bad end"); };
