@@ -160,6 +160,12 @@ DiscoveryFile::DiscoveryFile(const DiscoveryContent& content, const std::filesys
         if (!file)
             failWithErrno(temporary, "cannot be made");
         writeAll(file.number(), contentText(content), temporary);
+        struct stat status
+        {};
+        if (::fstat(file.number(), &status) != 0)
+            failWithErrno(temporary, "cannot be looked at");
+        device_ = status.st_dev;
+        inode_ = status.st_ino;
     }
     if (::rename(temporary.c_str(), target.c_str()) != 0) {
         const int code = errno;
@@ -172,8 +178,10 @@ DiscoveryFile::DiscoveryFile(const DiscoveryContent& content, const std::filesys
 
 DiscoveryFile::~DiscoveryFile()
 {
-    std::error_code ignored;
-    std::filesystem::remove(path_, ignored);
+    struct stat status
+    {};
+    if (::lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_)
+        ::unlink(path_.c_str());
 }
 
 } // namespace connector::http

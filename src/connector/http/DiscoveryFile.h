@@ -3,6 +3,8 @@
 #include <filesystem>
 #include <string>
 
+#include <sys/types.h>
+
 #include "connector/Export.h"
 
 namespace connector::http {
@@ -19,7 +21,7 @@ struct DiscoveryContent
 /// Tells programs of the same user where this process listens and what lets them in: `<folder>/<pid>.json`, mode 0600,
 /// with {"url": …, "pid": …, "started": …, "startTicks": …, "token": …, "fingerprint": …}. `started` is in seconds
 /// since the epoch; `startTicks` is the start time of /proc/PID/stat, by which a process that got the same number later
-/// is told apart. Removed when this dies.
+/// is told apart. Removed when this dies, unless a later one has taken its place.
 class CONNECTOR_API DiscoveryFile
 {
 public:
@@ -39,6 +41,8 @@ public:
 
 private:
     std::filesystem::path path_;
+    dev_t device_ = 0;
+    ino_t inode_ = 0;
 };
 
 } // namespace connector::http

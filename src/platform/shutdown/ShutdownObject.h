@@ -21,8 +21,8 @@ public:
     virtual bool isOkToExit() const;
     /// Asks for windows to be closed; the default has none.
     virtual void closeAllWindows() const;
-    /// The host goes down: stop what runs. Called once per shutdown, in reverse order of registration, before the
-    /// interpreter ends. An exception is reported and the next object is notified.
+    /// The host goes down: stop what runs. Called in reverse order of registration, before the interpreter ends; again
+    /// when the host goes down in two steps. An exception is reported and the next object is notified.
     virtual void shutdown();
     /// The last word, after every object's `shutdown`.
     virtual void terminate() const;

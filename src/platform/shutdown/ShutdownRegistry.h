@@ -8,7 +8,8 @@
 #include "platform/Export.h"
 #include "platform/shutdown/ShutdownObject.h"
 
-/// The process's list of shutdown objects. Threads: `RegisterObject` any; the rest the interpreter thread.
+/// The process's list of shutdown objects. The library that an object's class belongs to stays loaded as long as the
+/// object is in the list, whoever else lets go of it. Threads: `RegisterObject` any; the rest the interpreter thread.
 class VENDRA_PLATFORM_API ShutdownRegistry
 {
 public:
@@ -18,11 +19,15 @@ public:
     /// False when any object is not ready to exit.
     static bool isOkToExit();
 
-    /// Notifies all objects (see ShutdownObject::shutdown), then calls `terminate` on each in the same order, then
-    /// deletes them. A second call does nothing unless objects were registered since. Failures go to `report`, one text
-    /// each that names the object; an empty `report` drops them. Objects registered meanwhile wait for the next call.
-    /// An exception of `report` ends the call: what is left is deleted without being notified.
+    /// Notifies all objects (see ShutdownObject::shutdown), then calls `terminate` on each in the same order. They stay
+    /// in the list: a second call notifies them again, of what was started since. Failures go to `report`, one text
+    /// each that names the object; an empty `report` drops them. Objects registered meanwhile wait for the next call,
+    /// and a call out of an object's notification does nothing. An exception of `report` ends the call: what is left is
+    /// not notified.
     static void notifyAll(const std::function<void(std::string_view)>& report);
+
+    /// Deletes all objects, last registered first, without a notification: for a host that goes on without them.
+    static void clear();
 
     /// The names in registration order, "(null)" for a null object.
     static std::vector<std::string> names();

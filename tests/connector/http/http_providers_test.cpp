@@ -589,6 +589,18 @@ TEST(DiscoveryFile, tellsItsOwnerOnly)
     EXPECT_EQ(refusal(), "Discovery file: " + folder + " is not a folder");
 }
 
+TEST(DiscoveryFile, outlivesTheOneThatItReplaced)
+{
+    const RuntimeFolder runtime;
+    auto first = std::make_unique<DiscoveryFile>(DiscoveryContent{"u", "t", ""});
+    auto second = std::make_unique<DiscoveryFile>(DiscoveryContent{"v", "t", ""});
+    first.reset();
+    EXPECT_TRUE(contentOf(second->path()).starts_with("{\"url\":\"v\""));
+    const fs::path path = second->path();
+    second.reset();
+    EXPECT_FALSE(fs::exists(path));
+}
+
 TEST(DiscoveryFile, removesWhatOthersLeftBehind)
 {
     const RuntimeFolder runtime;
