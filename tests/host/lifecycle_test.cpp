@@ -206,6 +206,27 @@ TEST_F(LifecycleTest, StartThatThrowsIsTriedAgain)
     EXPECT_TRUE(registeredNames().empty());
 }
 
+TEST_F(LifecycleTest, HostMayEndItsMicroServicesFirst)
+{
+    const auto framework = foundation::cppmicroservices::getFramework();
+    module.call(Module::start);
+    framework->Stop();
+    EXPECT_EQ(lifecycleLog([&] { EXPECT_EQ(module.failure(Module::stop), ""); }), stopLines);
+    EXPECT_EQ(module.failure(Module::start), "Invalid CppMicroServices framework") << "a stopped one has no context";
+    framework->Start();
+    EXPECT_EQ(module.failure(Module::start), "");
+    EXPECT_EQ(registeredNames().size(), 1u);
+}
+
+TEST_F(LifecycleTest, HostMayNotifyOfItsEndMoreThanOnce)
+{
+    for (int time = 0; time < 2; ++time) {
+        module.call(Module::start);
+        EXPECT_EQ(lifecycleLog([] { ShutdownRegistry::notifyAll({}); }), stopLines) << time;
+        EXPECT_EQ(lifecycleLog([] { ShutdownRegistry::notifyAll({}); }), "");
+    }
+}
+
 TEST_F(LifecycleTest, TakenPortFailsTheStartAndNamesIt)
 {
     const int taken = socket(AF_INET, SOCK_STREAM, 0);

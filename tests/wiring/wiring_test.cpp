@@ -16,11 +16,13 @@
 #include "connector/json/JsonSerializerImpl.h"
 #include "connector/shadow_files/ShadowService.h"
 #include "platform/us/BundleContext.h"
+#include "platform/us/ProcessFramework.h"
 #include "platform/us/ServiceTracker.h"
 #include "wiring/core/Drivers.h"
 #include "wiring/core/Installers.h"
 #include "wiring/core/Module.h"
 #include "wiring/core/Slot.h"
+#include "wiring/runtime_folder.h"
 
 namespace wiring {
 namespace {
@@ -38,6 +40,8 @@ protected:
         if (slot<ConnectorImpl2>)
             stopServicesManually();
     }
+
+    test::RuntimeFolder runtime;
 
     static std::vector<std::string> commandNames()
     {
@@ -98,6 +102,7 @@ TEST_F(WiringTest, InstallersMayRunAgain)
     EXPECT_EQ(slot<ConnectorImpl2>->listServiceProviders(), names);
     EXPECT_EQ(commandNames(), commands);
     EXPECT_EQ(slot<HttpRouterImpl>->listRoutes().size(), 6u);
+    EXPECT_TRUE(runtime.isAnnounced()) << "the former manager goes before its successor announces itself";
     EXPECT_TRUE(slot<connector::json::JsonSerializerImpl>->knows("Eval"));
     EXPECT_TRUE(slot<connector::json::JsonSerializerImpl>->knows("ContainerRequest"));
     EXPECT_EQ(ask("Interrupt"), "answered");
@@ -152,6 +157,21 @@ TEST_F(WiringTest, TeardownRemovesWhatOthersRegisteredAndEmptiesEverySlot)
     EXPECT_TRUE(dispatcher.expired());
     EXPECT_TRUE(router.expired());
     EXPECT_TRUE(bus.expired());
+}
+
+TEST_F(WiringTest, TeardownMayBeRepeatedAndOutlivesTheHostsFramework)
+{
+    stopServicesManually();
+    stopServicesManually();
+    EXPECT_FALSE(slot<ConnectorImpl2>);
+
+    const auto framework = foundation::cppmicroservices::getFramework();
+    startServicesManually();
+    framework->Stop();
+    EXPECT_THROW(frameworkContext(), std::runtime_error);
+    stopServicesManually();
+    EXPECT_FALSE(slot<ConnectorImpl2>);
+    framework->Start();
 }
 
 TEST(WiringTables, NameEveryStepOnce)

@@ -25,8 +25,8 @@ struct ServerCounters
     std::uint64_t failedRequests = 0;   ///< answered with "Internal error."
 };
 
-/// Listens on one port and turns requests into messages and back. Threads: any. To be owned by a std::shared_ptr.
-class CONNECTOR_API PocoHttpsServer final : public std::enable_shared_from_this<PocoHttpsServer>
+/// Listens on one port and turns requests into messages and back. Threads: any.
+class CONNECTOR_API PocoHttpsServer final
 {
 public:
     /// A request at work: its answer, an HttpResponse, and who is told when the client goes away (may be null).
@@ -39,8 +39,7 @@ public:
     /// future is.
     using Handler = std::function<Exchange(std::unique_ptr<HttpRequest>)>;
 
-    /// Prepares the network and TLS libraries, and closes servers that are still open: what a start that failed half
-    /// way left behind. May be called again.
+    /// Prepares the network and TLS libraries. May be called again; servers that are open stay so.
     static void initializeConnectorSSL();
 
     PocoHttpsServer(ServerSettings settings, Handler handler);

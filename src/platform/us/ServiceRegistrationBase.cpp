@@ -33,10 +33,12 @@ detail::ServiceRecord& ServiceRegistrationBase::record() const
     return *record_;
 }
 
+bool ServiceRegistrationBase::IsRegistered() const { return record_ && record_->core->isPresent(*record_); }
+
 ServiceReferenceU ServiceRegistrationBase::GetReference() const
 {
-    const detail::ServiceRecord& mine = record();
-    if (!mine.core->isPresent(mine))
+    record();
+    if (!IsRegistered())
         throw std::logic_error("Service is unregistered");
     return ServiceReferenceU(record_);
 }

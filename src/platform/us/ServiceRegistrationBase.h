@@ -16,8 +16,9 @@ namespace us {
 /// The provider's handle to its service. Copies share one state; destroying or nulling a handle leaves the service
 /// registered. An ordinary value as to threads; `Unregister` and `SetProperties` of different copies may run at once.
 ///
-/// All members but the comparisons throw std::logic_error "ServiceRegistrationBase object invalid" on an empty handle
-/// and "Service is unregistered" on one whose service is gone, by hand or because its bundle or framework stopped.
+/// All members but the comparisons and the questions throw std::logic_error "ServiceRegistrationBase object invalid" on
+/// an empty handle and "Service is unregistered" on one whose service is gone, by hand or because its bundle or
+/// framework stopped.
 class VENDRA_PLATFORM_API ServiceRegistrationBase
 {
 public:
@@ -26,6 +27,9 @@ public:
 
     /// The handle was bound to a service once. Says nothing about whether the service is still registered.
     explicit operator bool() const noexcept { return record_ != nullptr; }
+
+    /// The service can be found. Still true while listeners hear that it goes; false for an empty handle.
+    bool IsRegistered() const;
 
     ServiceReferenceU GetReference() const;
 

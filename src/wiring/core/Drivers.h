@@ -20,8 +20,12 @@ extern const std::array<Step, 29> teardownGroups;
 /// happened; nothing is rolled back. Interpreter thread, under the module lock.
 void startServicesManually();
 
-/// Removes every provider, unregisters the registry and empties the slots group by group; the engine's last.
-/// Interpreter thread.
+/// Removes every provider, unregisters the registry and empties the slots group by group; the engine's last. What was
+/// done is not done again: a stop that an exception ended is repeated from there, and one is possible after the host
+/// has ended its micro-services framework. Interpreter thread.
 void stopServicesManually();
+
+/// The same without a word, and without letting the engine go: for what a start left that failed half way.
+void discardServices();
 
 } // namespace wiring

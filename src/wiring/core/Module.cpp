@@ -24,9 +24,10 @@ void logLifecycle(std::string_view text)
 us::BundleContext* frameworkContext()
 {
     const auto framework = foundation::cppmicroservices::getFramework();
-    if (!framework)
+    us::BundleContext* context = framework ? framework->GetBundleContext() : nullptr;
+    if (!context) // a framework that was stopped has none
         throw std::runtime_error("Invalid CppMicroServices framework");
-    return framework->GetBundleContext();
+    return context;
 }
 
 } // namespace wiring

@@ -18,7 +18,7 @@ inline constexpr unsigned kModuleLevel = 8;
 void logLifecycle(std::string_view text);
 
 /// The bundle context of the host's micro-services framework, owned by the host. Throws std::runtime_error "Invalid
-/// CppMicroServices framework" when the host has none.
+/// CppMicroServices framework" when the host has none, or has stopped it.
 us::BundleContext* frameworkContext();
 
 } // namespace wiring

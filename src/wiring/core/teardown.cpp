@@ -125,18 +125,33 @@ constexpr std::array<Step, 29> teardownGroups{{
     {"worker"},
 }};
 
-void stopServicesManually()
-{
-    logLifecycle("Stopping services manually");
+namespace {
 
+void removeProviders()
+{
     const auto& registry = slot<ConnectorImpl2>;
+    if (!registry)
+        return;
     for (const auto& name : registry->listServiceProviders()) {
         registry->removeServiceProvider(name);
         trace("remove", name);
     }
+}
 
-    registryRegistrationSlot.Unregister();
+/// A framework that the host has ended took the registration with it.
+void unregisterRegistry()
+{
+    if (registryRegistrationSlot.IsRegistered())
+        registryRegistrationSlot.Unregister();
     registryRegistrationSlot = us::ServiceRegistration<Connector>();
+}
+
+} // namespace
+
+void discardServices()
+{
+    removeProviders();
+    unregisterRegistry();
 
     // The Java bridge's process-wide connector and converter are cleared here once that bridge is built.
 
@@ -145,6 +160,12 @@ void stopServicesManually()
             group.run();
 
     common::TickManager::destructInstance();
+}
+
+void stopServicesManually()
+{
+    logLifecycle("Stopping services manually");
+    discardServices();
     engineSlot.reset();
     logLifecycle("Done stopping services manually");
 }

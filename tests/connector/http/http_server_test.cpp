@@ -472,14 +472,12 @@ TEST(HttpServer, namesAPortThatIsTaken)
     }
 }
 
-TEST(HttpServer, closesWhatAFailedStartLeftOpen)
+TEST(HttpServer, staysOpenWhenTheLibrariesArePreparedAgain)
 {
-    Server left;
-    const auto port = left->port();
-    PocoHttpsServer::initializeConnectorSSL();
-    EXPECT_EQ(left->port(), 0u);
-    EXPECT_THROW(WireClient{port}, std::runtime_error);
-    PocoHttpsServer::initializeConnectorSSL();
+    Server server;
+    for (int time = 0; time < 2; ++time)
+        PocoHttpsServer::initializeConnectorSSL();
+    EXPECT_EQ(server.client().ask(get("/echo")).status, 200u);
 }
 
 TEST(HttpServer, keepsNoThreadAndNoDescriptor)

@@ -33,43 +33,6 @@ struct NetworkLibraries
     }
 };
 
-/// The servers that are open, for `initializeConnectorSSL`.
-class OpenServers
-{
-public:
-    static OpenServers& instance()
-    {
-        static OpenServers servers;
-        return servers;
-    }
-
-    void add(std::weak_ptr<PocoHttpsServer> server)
-    {
-        std::lock_guard lock(mutex_);
-        std::erase_if(servers_, [](const auto& known) { return known.expired(); });
-        servers_.push_back(std::move(server));
-    }
-
-    std::vector<std::shared_ptr<PocoHttpsServer>> take()
-    {
-        std::vector<std::weak_ptr<PocoHttpsServer>> known;
-        {
-            std::lock_guard lock(mutex_);
-            known.swap(servers_);
-        }
-        std::vector<std::shared_ptr<PocoHttpsServer>> alive;
-        for (const auto& server : known) {
-            if (auto strong = server.lock())
-                alive.push_back(std::move(strong));
-        }
-        return alive;
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<std::weak_ptr<PocoHttpsServer>> servers_;
-};
-
 } // namespace
 
 /// One time of being open.
@@ -98,12 +61,7 @@ struct PocoHttpsServer::Run
     }
 };
 
-void PocoHttpsServer::initializeConnectorSSL()
-{
-    static const NetworkLibraries initialized;
-    for (const auto& server : OpenServers::instance().take())
-        server->close();
-}
+void PocoHttpsServer::initializeConnectorSSL() { static const NetworkLibraries initialized; }
 
 PocoHttpsServer::PocoHttpsServer(ServerSettings settings, Handler handler)
     : settings_(std::move(settings)), handler_(std::move(handler))
@@ -134,7 +92,6 @@ void PocoHttpsServer::open()
     for (const auto& acceptor : run->acceptors)
         asio::post(run->loops.front()->context(), [acceptor] { acceptor->start(); });
     run_ = std::move(run);
-    OpenServers::instance().add(weak_from_this());
 }
 
 std::uint16_t PocoHttpsServer::port() const
