@@ -144,9 +144,13 @@ int run(PythonHost& host, rqe::LocalRQE& engine, const Options& options)
 
 void shutDown(PythonHost& host, rqe::LocalRQE& engine)
 {
+    engine.close("The host is going down.");
+    // A program that ends has its threads to the end; one that a signal ends gives ports and files back before.
+    if (!host.leaveStatus())
+        host.endScripts();
     if (host.leaveStatus())
         host.letNextSignalKill();
-    engine.close("The host is going down.");
+    host.closeConnector();
     ShutdownRegistry::notifyAll([](std::string_view failure) {
         std::fprintf(stderr, "vendra: %.*s\n", static_cast<int>(failure.size()), failure.data());
     });
@@ -177,7 +181,7 @@ try {
     const bool isChild = ::getpid() != self;
     if (!isChild)
         shutDown(host, *engine);
-    status = host.finish(status);
+    status = host.finish(host.leaveStatus().value_or(status));
     if (isChild) {
         std::fflush(nullptr);
         ::_exit(status);

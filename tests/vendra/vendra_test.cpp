@@ -377,6 +377,34 @@ TEST_F(VendraTest, saysWhereTheConnectorIsAndServes)
     EXPECT_EQ(ended.errors, "vendra: the connector has announced no address.\nhook ran\n");
 }
 
+// What its threads start is stopped, too: they are part of the program, and nothing starts after the hooks.
+TEST_F(VendraTest, threadsHaveTheConnectorToTheirEnd)
+{
+    const std::string program = "import atexit, connector, threading\n"
+                                "def work():\n"
+                                "  threading.main_thread().join()\n"
+                                "  connector.start()\n"
+                                "  print('started late')\n"
+                                "threading.Thread(target=work).start()\n"
+                                "atexit.register(lambda: print('at exit', connector.stop()))\n";
+    Ended ended = run({"-c", program});
+    EXPECT_EQ(ended.output, "started late\nat exit None\n");
+    EXPECT_EQ(ended.errors, "hook ran\n");
+
+    auto child = begin({"--connector", "-c",
+                        "import atexit, connector\n"
+                        "def end():\n"
+                        "  print('stopped', connector.stop())\n"
+                        "  connector.start()\n"
+                        "atexit.register(end)\nprint('ready', flush=True)"});
+    ASSERT_TRUE(child->expect("ready\n"));
+    child->signal(SIGTERM);
+    EXPECT_EQ(child->wait(), 143);
+    EXPECT_TRUE(child->output().ends_with("stopped None\n")) << child->output();
+    EXPECT_NE(child->errors().find("\nhook ran\n"), std::string::npos) << child->errors();
+    EXPECT_TRUE(child->errors().ends_with("RuntimeError: The host is going down.\n")) << child->errors();
+}
+
 TEST_F(VendraTest, listsTheHostsThatRun)
 {
     const std::string head = "PID  URL  STARTED\n";

@@ -1,9 +1,12 @@
 #include "vendra/python/ConnectorModule.h"
 
 #include <array>
+#include <condition_variable>
 #include <csignal>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -49,8 +52,61 @@ private:
     sigset_t mask_;
 };
 
+/// The way into the builtins: the host goes down while none runs, and none comes after.
+class Gate
+{
+public:
+    class Pass
+    {
+    public:
+        explicit Pass(Gate& gate) : gate_(gate)
+        {
+            std::lock_guard lock(gate_.mutex_);
+            if (gate_.closed_)
+                throw std::runtime_error("The host is going down.");
+            ++gate_.inside_;
+        }
+        ~Pass()
+        {
+            std::lock_guard lock(gate_.mutex_);
+            --gate_.inside_;
+            gate_.left_.notify_all();
+        }
+        Pass(const Pass&) = delete;
+        Pass& operator=(const Pass&) = delete;
+
+    private:
+        Gate& gate_;
+    };
+
+    void close()
+    {
+        std::unique_lock lock(mutex_);
+        closed_ = true;
+        left_.wait(lock, [this] { return inside_ == 0; });
+    }
+
+    bool isClosed() const
+    {
+        std::lock_guard lock(mutex_);
+        return closed_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::condition_variable left_;
+    int inside_ = 0;
+    bool closed_ = false;
+};
+
+Gate gate;
+
+constexpr std::size_t kStop = 1;
+
 Ref callBuiltin(const BuiltinTable& table, std::size_t index, PyObject* const* values, std::size_t count)
 {
+    if (index == kStop && gate.isClosed())
+        return Ref::share(Py_None);
     std::vector<matrix::ArrayPtr> arguments;
     for (std::size_t i = 0; i < count; ++i)
         arguments.push_back(toArray(values[i]));
@@ -62,6 +118,7 @@ Ref callBuiltin(const BuiltinTable& table, std::size_t index, PyObject* const* v
     matrix::ArrayPtr result;
     {
         NativeCode native;
+        const Gate::Pass pass(gate);
         vxArray* slots[1] = {nullptr};
         try {
             table.gateway(index)(1, slots, static_cast<int>(count), pointers.data());
@@ -143,6 +200,8 @@ PyObject* initialize()
 }
 
 } // namespace
+
+void closeConnectorModule() { gate.close(); }
 
 void registerConnectorModule()
 {

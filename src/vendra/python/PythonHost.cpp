@@ -551,6 +551,20 @@ void PythonHost::letNextSignalKill()
     }
 }
 
+void PythonHost::endScripts()
+{
+    Running running(*impl_);
+    for (const char* step : {"end_threads", "run_exit_functions"}) {
+        try {
+            impl_->callSupport(step, {});
+        } catch (const ErrorSet&) {
+            impl_->clearError(); // a signal cuts the wait short
+        }
+    }
+}
+
+void PythonHost::closeConnector() { closeConnectorModule(); }
+
 int PythonHost::finish(int status)
 {
     PyEval_RestoreThread(impl_->mainThread);

@@ -93,7 +93,13 @@ public:
 
     /// From here on a signal ends the process at once.
     void letNextSignalKill();
-    /// Ends the language: exit functions run, streams are flushed. Returns `status`, or 120 when the flush failed.
+    /// Waits for the threads of scripts and runs exit functions, as the language does before its end: the connector is
+    /// theirs to the last.
+    void endScripts();
+    /// From here on scripts cannot use the connector; what they are at is waited for.
+    void closeConnector();
+    /// Ends the language: what endScripts has left runs, streams are flushed. Returns `status`, or 120 when the flush
+    /// failed.
     int finish(int status);
 
 private:

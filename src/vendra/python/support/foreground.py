@@ -187,3 +187,15 @@ def install_signals(terminate, break_signal, break_requested):
 def let_next_signal_kill():
     for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGINT):
         signal.signal(number, signal.SIG_DFL)
+
+
+def end_threads():
+    threading = sys.modules.get("threading")
+    if threading is not None:
+        threading._shutdown()
+
+
+def run_exit_functions():
+    import atexit
+
+    atexit._run_exitfuncs()
