@@ -224,7 +224,7 @@ document.getElementById("form").addEventListener("submit", (event) => {
 });
 
 interrupt.addEventListener("click", () => {
-  ask("Interrupt").catch(report);
+  bus.call("interrupt").catch(report); // on the bus, where it was started: no cookie tells whose it is
   code.focus();
 });
 

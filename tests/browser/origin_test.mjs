@@ -213,6 +213,23 @@ test("files of the user's open in a browser that is in, also from a link elsewhe
   }), {answer: (request, response) => response.end(`<!doctype html><a href="${host.origin}/">in</a>`)});
 });
 
+test("an address that another page leads to lets in", async () => {
+  const entry = await host.freshEntry(); // browsers keep the new cookie back on such a way
+  await strange((port) => profile(async (page) => {
+    await page.goto(`http://127.0.0.1:${port}/`);
+    await page.click("a");
+    await waitForState(page, "ready");
+    assert.equal(page.url(), host.origin + "/");
+    assert.equal(await page.evaluate(() => history.length), 3, "a blank page, the other one, ours");
+  }), {answer: (request, response) => response.end(`<!doctype html><a href="${entry}">in</a>`)});
+  const left = join(folder, "open.html");
+  writeFileSync(left, `<!doctype html><meta http-equiv="refresh" content="0; url=${await host.freshEntry()}">`);
+  await profile(async (page) => {
+    await page.goto("file://" + left);
+    await waitForState(page, "ready");
+  });
+});
+
 test("a service worker of an earlier server on the port cannot use an address", async () => {
   const worker = `
     const seen = [];
