@@ -144,3 +144,28 @@ for (const transport of kTransports) {
     }
   });
 }
+
+for (const transport of kTransports) {
+  test(`a script serves cometd and faye over ${transport}`, options, async () => {
+    await host.type("exec('import connector\\n@connector.serve(\\'/service/half\\')\\n" +
+                    "def half(channel, data, session): return 1 / data')");
+    const near = await openCometd(host, transport);
+    const far = openFaye(host, transport);
+    try {
+      const call = (data) => new Promise((resolve) => near.remoteCall("half", data, 20_000, resolve));
+      assert.equal((await call(4)).data, 0.25);
+      const failed = await call(0);
+      assert.deepEqual([failed.successful, failed.error], [false, "500:ZeroDivisionError:division by zero"]);
+      const inbox = new Inbox();
+      await far.subscribe("/service/half", (data) => inbox.take(data));
+      await far.publish("/service/half", 8);
+      await inbox.has(1);
+      await Promise.resolve(far.publish("/service/half", 0)).catch(() => {}); // as the answer or its acknowledgement comes first
+      await inbox.has(2);
+      assert.deepEqual(inbox.messages, [0.125, {error: "ZeroDivisionError", message: "division by zero"}]);
+    } finally {
+      await replied((done) => near.disconnect(done));
+      await far.disconnect();
+    }
+  });
+}

@@ -7,6 +7,7 @@ import time
 import unittest
 
 from bayeux import BayeuxSocket
+from long_polling import Client
 from vendra_process import TIMEOUT, Vendra
 
 VENDRA = sys.argv.pop(1)
@@ -48,41 +49,6 @@ def publish_until_it_waits(channel, interrupt=False):
         return -(time.monotonic() - begun[1])
     return took
 """
-
-
-class Client:
-    """A Bayeux client over long polling."""
-
-    def __init__(self, host):
-        self.host = host
-        self.id = self.ask({"channel": "/meta/handshake", "version": "1.0",
-                            "supportedConnectionTypes": ["long-polling"]})[0]["clientId"]
-        self.connect()
-
-    def ask(self, *messages):
-        headers = {"Authorization": "Bearer " + self.host.discovery["token"], "Content-Type": "application/json"}
-        connection = self.host.connection()
-        try:
-            connection.request("POST", "/messageservice/async", json.dumps(messages), headers)
-            response = connection.getresponse()
-            assert response.status == 200, response.status
-            return json.loads(response.read())
-        finally:
-            connection.close()
-
-    def send(self, channel, **members):
-        return self.ask({"channel": channel, "clientId": self.id, **members})[0]
-
-    def connect(self):
-        """The events that came with the reply."""
-        replies = self.ask({"channel": "/meta/connect", "clientId": self.id, "connectionType": "long-polling"})
-        return [reply for reply in replies if "successful" not in reply]
-
-    def collect(self, count):
-        events = []
-        while len(events) < count:
-            events += self.connect()
-        return events
 
 
 class Bus(unittest.TestCase):

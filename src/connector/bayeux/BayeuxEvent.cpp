@@ -30,6 +30,23 @@ EventPtr BayeuxEvent::ofText(std::string channel, std::string_view json, bool la
     return EventPtr(new BayeuxEvent(Written(), std::move(channel), json, lazy));
 }
 
+BayeuxEvent::BayeuxEvent(Whole, std::string channel, std::string_view message)
+    : channel_(std::move(channel)), dataAt_(message.size() - 1), lazy_(false)
+{
+    std::string text;
+    text.reserve(message.size() + 2);
+    text.append("[").append(message).append("]");
+    frame_ = std::make_shared<const std::string>(std::move(text));
+}
+
+EventPtr BayeuxEvent::ofMessage(std::string channel, std::string_view message)
+{
+    return EventPtr(new BayeuxEvent(Whole(), std::move(channel), message));
+}
+
+ServiceRefusal::ServiceRefusal(unsigned code, const std::string& text) : std::runtime_error(text), code_(code) {}
+ServiceRefusal::~ServiceRefusal() = default;
+
 const BayeuxMessage& Publication::message() const
 {
     if (!message_) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -28,11 +29,13 @@ public:
     BayeuxEvent(std::string channel, const Poco::Dynamic::Var& data, bool lazy = false);
     /// `json`: one JSON value, taken as it is.
     static std::shared_ptr<const BayeuxEvent> ofText(std::string channel, std::string_view json, bool lazy = false);
+    /// `message`: the text of a whole message, with a channel.
+    static std::shared_ptr<const BayeuxEvent> ofMessage(std::string channel, std::string_view message);
 
     const std::string& channel() const noexcept { return channel_; }
-    /// {"channel":…,"data":…}
+    /// As a rule {"channel":…,"data":…}.
     std::string_view text() const noexcept { return std::string_view(*frame_).substr(1, frame_->size() - 2); }
-    /// The data as it is written.
+    /// The data as it is written; "" for `ofMessage`.
     std::string_view data() const noexcept { return text().substr(dataAt_, text().size() - dataAt_ - 1); }
     /// The text as an array of one, which all WebSocket receivers share.
     const std::shared_ptr<const std::string>& frame() const noexcept { return frame_; }
@@ -41,7 +44,10 @@ public:
 private:
     struct Written
     {};
+    struct Whole
+    {};
     BayeuxEvent(Written, std::string channel, std::string_view json, bool lazy);
+    BayeuxEvent(Whole, std::string channel, std::string_view message);
 
     std::string channel_;
     std::shared_ptr<const std::string> frame_;
@@ -108,6 +114,20 @@ struct BayeuxMessage
     Poco::JSON::Object::Ptr ext; ///< null for none
     SessionPtr sender;           ///< null when it came from `publish`
     EventPtr event;              ///< with the data as it was written; null for a message to a service
+    std::string_view json = {};  ///< of a message to a service: `data` as it was written, during the call; "" for none
+    std::string_view id = {};    ///< of a message to a service: JSON text, during the call; "" for none
+};
+
+/// Thrown by a service's handler: its sender gets an error with this code and text in place of the acknowledgement.
+class CONNECTOR_API ServiceRefusal : public std::runtime_error
+{
+public:
+    ServiceRefusal(unsigned code, const std::string& text);
+    ~ServiceRefusal() override;
+    unsigned code() const noexcept { return code_; }
+
+private:
+    unsigned code_;
 };
 
 /// Who may do what. Answers "" for yes, else the reason, which goes to the client ("403:…:reason"). Threads: any; must
@@ -245,6 +265,8 @@ struct ServiceOptions
     /// The handler answers by `BayeuxSession::answer`, as a rule within a millisecond: on a WebSocket the
     /// acknowledgement waits that long, so that both arrive together.
     bool answersSoon = false;
+    /// Serves only what no service without this serves, be it by a pattern.
+    bool stepsBack = false;
 };
 
 /// A Bayeux 1.0 server: channels, sessions, and the protocol between. Threads: any; callbacks (handlers, listeners,

@@ -431,10 +431,12 @@ void MessageHandler::callService(const Incoming& message, const std::shared_ptr<
         return refuse(message, {400, "data", error.what()});
     }
     try {
-        const auto answer =
-            service->handler({message.channel, value, objectOf(message.raw.member("ext")), session, nullptr});
+        const auto answer = service->handler(
+            {message.channel, value, objectOf(message.raw.member("ext")), session, nullptr, data, message.id});
         if (!answer.isEmpty())
             session->receive(Publication(std::make_shared<const BayeuxEvent>(message.channel, answer)), burst_);
+    } catch (const ServiceRefusal& refusal) {
+        return refuse(message, {refusal.code(), message.channel, refusal.what()});
     } catch (const std::exception& error) {
         common::log("connector.bayeux", common::LogLevel::error,
                     "The service of " + message.channel + " failed: " + error.what());

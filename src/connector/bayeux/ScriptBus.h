@@ -22,6 +22,10 @@ public:
     bool hasSubscribers(const std::string& channel) const override;
     bool isReserved(const std::string& channel) const override;
     std::function<void()> subscribe(const std::string& channel, Receiver receiver) override;
+    std::function<void()> serve(const std::string& channel, Server server) override;
+    std::function<void()> rule(const std::string& channel, const rqe::ChannelRule& rule) override;
+    std::vector<rqe::BusSession> sessions() const override;
+    bool endSession(const std::string& id) override;
 
 private:
     const std::shared_ptr<BayeuxServer> server_;

@@ -1,5 +1,6 @@
 #include "platform/rqe/MessageBus.h"
 
+#include <cstdio>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -9,10 +10,14 @@
 namespace rqe {
 namespace {
 
-/// What is subscribed, and where. The bus is never called with the lock held.
+/// What stays while buses come and go, and where it is. The bus is never called with the lock held.
 class Switchboard
 {
 public:
+    using Undo = std::function<void()>;
+    /// Puts an entry on a bus.
+    using Attach = std::function<Undo(MessageBus& bus)>;
+
     static Switchboard& instance()
     {
         static Switchboard switchboard;
@@ -22,14 +27,14 @@ public:
     void setBus(std::shared_ptr<MessageBus> bus)
     {
         std::lock_guard changing(changes_);
-        std::vector<std::function<void()>> ended;
-        std::vector<std::pair<std::uint64_t, Entry>> known;
+        std::vector<Undo> ended;
+        std::vector<std::pair<std::uint64_t, Attach>> known;
         {
             std::lock_guard lock(mutex_);
             bus_ = bus;
             for (auto& [id, entry] : entries_) {
                 ended.push_back(std::exchange(entry.undo, nullptr));
-                known.emplace_back(id, entry);
+                known.emplace_back(id, entry.attach);
             }
         }
         for (const auto& undo : ended)
@@ -37,8 +42,8 @@ public:
                 undo();
         if (!bus)
             return;
-        for (const auto& [id, entry] : known)
-            attach(id, bus->subscribe(entry.channel, entry.receiver));
+        for (const auto& [id, attach] : known)
+            attachAgain(id, attach, *bus);
     }
 
     void clearBus(const MessageBus* bus)
@@ -53,13 +58,13 @@ public:
         return bus_;
     }
 
-    std::uint64_t add(const std::string& channel, MessageBus::Receiver receiver)
+    std::uint64_t add(Attach attach)
     {
         std::lock_guard changing(changes_);
         const auto current = bus();
-        auto undo = current ? current->subscribe(channel, receiver) : nullptr;
+        auto undo = current ? attach(*current) : nullptr;
         std::lock_guard lock(mutex_);
-        entries_[++lastId_] = {channel, std::move(receiver), std::move(undo)};
+        entries_[++lastId_] = {std::move(attach), std::move(undo)};
         return lastId_;
     }
 
@@ -81,14 +86,21 @@ public:
 private:
     struct Entry
     {
-        std::string channel;
-        MessageBus::Receiver receiver;
-        std::function<void()> undo;
+        Attach attach;
+        Undo undo;
     };
 
-    /// An entry that was removed meanwhile has nobody left to end its subscription.
-    void attach(std::uint64_t id, std::function<void()> undo)
+    /// What was added while there was no bus has not been looked at before; one bad name takes nothing from the others.
+    void attachAgain(std::uint64_t id, const Attach& attach, MessageBus& bus)
     {
+        Undo undo;
+        try {
+            undo = attach(bus);
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "connector: left out: %s\n", error.what());
+            return;
+        }
+        // An entry that was removed meanwhile has nobody left to end it.
         {
             std::lock_guard lock(mutex_);
             const auto found = entries_.find(id);
@@ -117,8 +129,14 @@ private:
     const std::uint64_t id_;
 };
 
+std::unique_ptr<ProcessBus::Subscription> list(Switchboard::Attach attach)
+{
+    return std::make_unique<Listed>(Switchboard::instance().add(std::move(attach)));
+}
+
 } // namespace
 
+ServiceCall::~ServiceCall() = default;
 MessageBus::~MessageBus() = default;
 ProcessBus::Subscription::~Subscription() = default;
 
@@ -155,7 +173,30 @@ bool ProcessBus::isReserved(const std::string& channel)
 std::unique_ptr<ProcessBus::Subscription> ProcessBus::subscribe(const std::string& channel,
                                                                 MessageBus::Receiver receiver)
 {
-    return std::make_unique<Listed>(Switchboard::instance().add(channel, std::move(receiver)));
+    return list(
+        [channel, receiver = std::move(receiver)](MessageBus& bus) { return bus.subscribe(channel, receiver); });
+}
+
+std::unique_ptr<ProcessBus::Subscription> ProcessBus::serve(const std::string& channel, MessageBus::Server server)
+{
+    return list([channel, server = std::move(server)](MessageBus& bus) { return bus.serve(channel, server); });
+}
+
+std::unique_ptr<ProcessBus::Subscription> ProcessBus::rule(const std::string& channel, const ChannelRule& rule)
+{
+    return list([channel, rule](MessageBus& bus) { return bus.rule(channel, rule); });
+}
+
+std::vector<BusSession> ProcessBus::sessions()
+{
+    const auto bus = Switchboard::instance().bus();
+    return bus ? bus->sessions() : std::vector<BusSession>();
+}
+
+bool ProcessBus::endSession(const std::string& id)
+{
+    const auto bus = Switchboard::instance().bus();
+    return bus && bus->endSession(id);
 }
 
 } // namespace rqe

@@ -1,150 +1,38 @@
 #include "vendra/python/Bus.h"
 
-#include <deque>
-#include <memory>
-#include <mutex>
+#include <optional>
 
 #include "platform/rqe/MessageBus.h"
 #include "platform/rqe/ProcessSession.h"
+#include "vendra/python/BusInbox.h"
+#include "vendra/python/ServiceDesk.h"
 #include "vendra/python/Support.h"
 
 namespace vendra::python {
 namespace {
 
-constexpr std::size_t kMaxWaiting = 10'000;
 constexpr const char* kHandleName = "connector.subscription";
 
-/// Messages of one subscription on their way from any thread to the interpreter's.
-class Inbox final : public std::enable_shared_from_this<Inbox>
-{
-public:
-    /// Takes a reference to `deliver`, which `close` gives back.
-    explicit Inbox(PyObject* deliver) : deliver_(Ref::share(deliver)) {}
-
-    void receive(const std::string& channel, const std::string& json)
-    {
-        {
-            std::lock_guard lock(mutex_);
-            if (closed_)
-                return;
-            if (waiting_.size() >= kMaxWaiting) {
-                ++lost_;
-                return;
-            }
-            waiting_.emplace_back(channel, json);
-            if (std::exchange(posted_, true))
-                return;
-        }
-        post();
-    }
-
-    /// With the language's lock.
-    void drain()
-    {
-        const auto self = shared_from_this();
-        {
-            std::lock_guard lock(mutex_);
-            posted_ = false;
-        }
-        for (;;) {
-            std::pair<std::string, std::string> message;
-            std::size_t lost = 0;
-            {
-                std::lock_guard lock(mutex_);
-                if (closed_ || waiting_.empty())
-                    return;
-                message = std::move(waiting_.front());
-                waiting_.pop_front();
-                lost = std::exchange(lost_, 0);
-            }
-            if (lost > 0)
-                PySys_WriteStderr("connector: %zu messages were lost before one of %.200s\n", lost,
-                                  message.first.c_str());
-            const Ref channel = makeText(message.first);
-            const Ref json = makeText(message.second);
-            const Ref target = Ref::share(deliver_.get());
-            const Ref result = Ref::own(PyObject_CallFunctionObjArgs(target.get(), channel.get(), json.get(), nullptr));
-        }
-    }
-
-    /// With the language's lock.
-    void close()
-    {
-        {
-            std::lock_guard lock(mutex_);
-            closed_ = true;
-            waiting_.clear();
-        }
-        deliver_ = Ref();
-    }
-
-    void postAgainIfLeft()
-    {
-        {
-            std::lock_guard lock(mutex_);
-            if (closed_ || waiting_.empty() || std::exchange(posted_, true))
-                return;
-        }
-        post();
-    }
-
-private:
-    class Drain final : public rqe::Task
-    {
-    public:
-        explicit Drain(std::shared_ptr<Inbox> inbox) : inbox_(std::move(inbox)) {}
-        void run(rqe::Interpreter&) override
-        {
-            try {
-                inbox_->drain();
-            } catch (const ErrorSet&) {
-                // An interrupt: it ends what runs, not what waits.
-                PyErr_Print();
-            }
-        }
-        void finish() noexcept override { inbox_->postAgainIfLeft(); }
-        void abandon(std::exception_ptr) noexcept override {}
-
-    private:
-        std::shared_ptr<Inbox> inbox_;
-    };
-
-    void post()
-    {
-        if (const auto engine = rqe::Factory::getCurrentLocalRQE()) {
-            try {
-                engine->post(std::make_unique<Drain>(shared_from_this()));
-                return;
-            } catch (const std::exception&) {
-                // Full: the next message tries again.
-            }
-        }
-        std::lock_guard lock(mutex_);
-        posted_ = false;
-    }
-
-    std::mutex mutex_;
-    std::deque<std::pair<std::string, std::string>> waiting_;
-    std::size_t lost_ = 0;
-    bool posted_ = false;
-    bool closed_ = false;
-    Ref deliver_; ///< the language's lock guards it
-};
-
-/// What a capsule holds: it ends with the script's object.
+/// What a capsule holds: a subscription, service or rule that ends with the script's object.
 struct Handle
 {
-    std::shared_ptr<Inbox> inbox;
+    std::shared_ptr<BusInbox> inbox;
+    std::shared_ptr<ServiceDesk> desk;
     std::unique_ptr<rqe::ProcessBus::Subscription> subscription;
 
     void end()
     {
+        ServiceDesk::Calls left;
         if (inbox)
             inbox->close();
+        if (desk)
+            left = desk->close();
         inbox.reset();
+        desk.reset();
         // Ending it may wait for a thread that wants the language's lock.
         Py_BEGIN_ALLOW_THREADS;
         subscription.reset();
+        left.clear();
         Py_END_ALLOW_THREADS;
     }
 };
@@ -154,6 +42,13 @@ void destroyHandle(PyObject* capsule)
     std::unique_ptr<Handle> handle(static_cast<Handle*>(PyCapsule_GetPointer(capsule, kHandleName)));
     if (handle)
         handle->end();
+}
+
+PyObject* capsuleOf(std::unique_ptr<Handle> handle)
+{
+    Ref capsule = Ref::own(PyCapsule_New(handle.get(), kHandleName, destroyHandle));
+    handle.release();
+    return capsule.release();
 }
 
 template <class Work>
@@ -184,12 +79,17 @@ rqe::MessageBus::GoOn goOnUntilInterrupted()
     };
 }
 
+void requireCount(Py_ssize_t count, Py_ssize_t expected)
+{
+    if (count == expected)
+        return;
+    PyErr_Format(PyExc_TypeError, "%zd arguments expected, not %zd", expected, count);
+    throw ErrorSet{};
+}
+
 PyObject* publish(PyObject*, PyObject* const* values, Py_ssize_t count)
 try {
-    if (count != 2) {
-        PyErr_SetString(PyExc_TypeError, "channel and text expected");
-        return nullptr;
-    }
+    requireCount(count, 2);
     const std::string channel = textOf(values[0]);
     const std::string json = textOf(values[1]);
     withoutLock([&] { rqe::ProcessBus::publish(channel, json, goOnUntilInterrupted()); });
@@ -203,27 +103,60 @@ try {
 
 PyObject* subscribe(PyObject*, PyObject* const* values, Py_ssize_t count)
 try {
-    if (count != 2) {
-        PyErr_SetString(PyExc_TypeError, "channel and callback expected");
-        return nullptr;
-    }
+    requireCount(count, 2);
     const std::string channel = textOf(values[0]);
     auto handle = std::make_unique<Handle>();
-    handle->inbox = std::make_shared<Inbox>(values[1]);
+    handle->inbox = std::make_shared<BusInbox>(values[1]);
     withoutLock([&] {
         handle->subscription = rqe::ProcessBus::subscribe(
             channel,
             [inbox = handle->inbox](const std::string& name, const std::string& json) { inbox->receive(name, json); });
     });
-    Ref capsule = Ref::own(PyCapsule_New(handle.get(), kHandleName, destroyHandle));
-    handle.release();
-    return capsule.release();
+    return capsuleOf(std::move(handle));
 } catch (...) {
     setErrorFromCurrentException();
     return nullptr;
 }
 
-PyObject* unsubscribe(PyObject*, PyObject* capsule)
+PyObject* serve(PyObject*, PyObject* const* values, Py_ssize_t count)
+try {
+    requireCount(count, 2);
+    const std::string channel = textOf(values[0]);
+    auto handle = std::make_unique<Handle>();
+    handle->desk = std::make_shared<ServiceDesk>(values[1]);
+    withoutLock([&] {
+        handle->subscription =
+            rqe::ProcessBus::serve(channel, [desk = handle->desk](std::shared_ptr<rqe::ServiceCall> call) {
+                return desk->take(std::move(call));
+            });
+    });
+    return capsuleOf(std::move(handle));
+} catch (...) {
+    setErrorFromCurrentException();
+    return nullptr;
+}
+
+/// channel, retain, presence, lazy, publishers, subscribers; the last two None for everybody, or a list of str.
+PyObject* setRule(PyObject*, PyObject* const* values, Py_ssize_t count)
+try {
+    requireCount(count, 6);
+    const auto sessions = [](PyObject* list) { return list == Py_None ? std::nullopt : std::optional(textsOf(list)); };
+    const std::string channel = textOf(values[0]);
+    rqe::ChannelRule rule;
+    rule.retain = values[1] == Py_True;
+    rule.presence = values[2] == Py_True;
+    rule.lazy = values[3] == Py_True;
+    rule.publishers = sessions(values[4]);
+    rule.subscribers = sessions(values[5]);
+    auto handle = std::make_unique<Handle>();
+    withoutLock([&] { handle->subscription = rqe::ProcessBus::rule(channel, rule); });
+    return capsuleOf(std::move(handle));
+} catch (...) {
+    setErrorFromCurrentException();
+    return nullptr;
+}
+
+PyObject* end(PyObject*, PyObject* capsule)
 {
     auto* handle = static_cast<Handle*>(PyCapsule_GetPointer(capsule, kHandleName));
     if (!handle)
@@ -232,10 +165,51 @@ PyObject* unsubscribe(PyObject*, PyObject* capsule)
     Py_RETURN_NONE;
 }
 
+/// Tuples of id, address, whether it has a WebSocket, messages that wait, and its subscriptions.
+PyObject* sessions(PyObject*, PyObject*)
+try {
+    std::vector<rqe::BusSession> found;
+    withoutLock([&] { found = rqe::ProcessBus::sessions(); });
+    Ref list = Ref::own(PyList_New(0));
+    for (const auto& session : found) {
+        const Ref subscriptions = Ref::own(PyList_New(0));
+        for (const auto& channel : session.subscriptions)
+            check(PyList_Append(subscriptions.get(), makeText(channel).get()));
+        const Ref row = Ref::own(Py_BuildValue("(NNNnO)", makeText(session.id).release(),
+                                               makeText(session.address).release(), PyBool_FromLong(session.webSocket),
+                                               static_cast<Py_ssize_t>(session.queued), subscriptions.get()));
+        check(PyList_Append(list.get(), row.get()));
+    }
+    return list.release();
+} catch (...) {
+    setErrorFromCurrentException();
+    return nullptr;
+}
+
+PyObject* endSession(PyObject*, PyObject* id)
+try {
+    const std::string name = textOf(id);
+    bool found = false;
+    withoutLock([&] { found = rqe::ProcessBus::endSession(name); });
+    return PyBool_FromLong(found);
+} catch (...) {
+    setErrorFromCurrentException();
+    return nullptr;
+}
+
+PyCFunction fast(PyObject* (*function)(PyObject*, PyObject* const*, Py_ssize_t))
+{
+    return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function));
+}
+
 PyMethodDef busMethods[] = {
-    {"_bus_publish", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&publish)), METH_FASTCALL, nullptr},
-    {"_bus_subscribe", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&subscribe)), METH_FASTCALL, nullptr},
-    {"_bus_unsubscribe", &unsubscribe, METH_O, nullptr},
+    {"_bus_publish", fast(&publish), METH_FASTCALL, nullptr},
+    {"_bus_subscribe", fast(&subscribe), METH_FASTCALL, nullptr},
+    {"_bus_serve", fast(&serve), METH_FASTCALL, nullptr},
+    {"_bus_rule", fast(&setRule), METH_FASTCALL, nullptr},
+    {"_bus_end", &end, METH_O, nullptr},
+    {"_bus_sessions", &sessions, METH_NOARGS, nullptr},
+    {"_bus_end_session", &endSession, METH_O, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -4,8 +4,8 @@
 
 namespace vendra::python {
 
-/// Adds `publish`, `subscribe` and `unsubscribe` to the module `connector`: the message bus for scripts. With the
-/// language's lock; throws ErrorSet.
+/// Adds the functions of support/bus.py to the module `connector`: the message bus for scripts. With the language's
+/// lock; throws ErrorSet.
 void addBusFunctions(PyObject* module);
 
 } // namespace vendra::python

@@ -208,6 +208,10 @@ public:
         subscribed_.insert(channel);
         return [] {};
     }
+    std::function<void()> serve(const std::string&, Server) override { return unused(); }
+    std::function<void()> rule(const std::string&, const rqe::ChannelRule&) override { return unused(); }
+    std::vector<rqe::BusSession> sessions() const override { return {}; }
+    bool endSession(const std::string&) override { return false; }
     void unsubscribe(const std::string& channel)
     {
         std::lock_guard lock(mutex_);
@@ -230,6 +234,12 @@ public:
     }
 
 private:
+    static std::function<void()> unused()
+    {
+        ADD_FAILURE() << "The desktop serves clients in another way.";
+        return [] {};
+    }
+
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::set<std::string> subscribed_;
