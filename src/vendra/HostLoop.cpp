@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <iostream>
 #include <system_error>
 #include <utility>
 
@@ -62,6 +63,13 @@ bool HostLoop::drainSignals()
 
 Wake HostLoop::wait(int input)
 {
+    const Wake wake = waitServing(input);
+    host_.giveBackDescriptors();
+    return wake;
+}
+
+Wake HostLoop::waitServing(int input)
+{
     bool signalled = true; // maybe, before this
     int patience = kQuietMilliseconds;
     for (;;) {
@@ -76,6 +84,8 @@ Wake HostLoop::wait(int input)
 
         std::array<pollfd, 3> waited = {{{signalRead_, POLLIN, 0}, {engine_.wakeFd(), POLLIN, 0}, {input, POLLIN, 0}}};
         const bool looks = spin_.isActive();
+        if (!looks)
+            host_.giveBackDescriptors();
         const bool windows = host_.hasWindows();
         const int ready = ::poll(waited.data(), waited.size(), looks ? 0 : windows ? kWindowMilliseconds : patience);
         if (ready == 0 && !looks && windows)
@@ -126,7 +136,8 @@ void HostLoop::tellInterrupted()
     const std::string about = engine_.aboutRunning();
     if (about.empty())
         return;
-    std::fprintf(stderr, "\nInterrupted: %s\n", about.c_str());
+    // Where a client's code runs, stderr is that code's (see python/Descriptors.h).
+    std::clog << "\nInterrupted: " << about << std::endl;
     written_ = true;
 }
 

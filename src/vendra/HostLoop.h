@@ -38,6 +38,7 @@ public:
     }
 
 private:
+    Wake waitServing(int input);
     bool drainSignals();
     void runTasks();
     void noteFolder();

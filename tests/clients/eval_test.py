@@ -149,7 +149,9 @@ class OwnHost(unittest.TestCase):
             # Whoever asks for the lines of a cell has them from the first moment on.
             code = "def g():\n    return 'g'\n\nimport inspect\ninspect.getsource(f) + inspect.getsource(g)"
             self.assertEqual(evaluate(host, code)["value"], "def f():\n    return 'f'\ndef g():\n    return 'g'\n")
-            code = "import sys\n[str(one) for one in sys.meta_path if 'vendra' in str(one)]"
+            # Nothing stays of what the host does to find that out.
+            code = ("import sys, getpass, concurrent.futures.thread\n"
+                    "[str(one) for one in sys.meta_path if 'vendra' in str(one)]")
             self.assertEqual(evaluate(host, code)["value"], [])
 
     def test_stop_from_a_client(self):

@@ -506,9 +506,10 @@ TEST_F(VendraTest, aSignalEndsARunningProgramInOrder)
     EXPECT_EQ(child->output(), "runs\nfinally\n");
     EXPECT_EQ(child->errors(), "hook ran\n");
 
-    child = begin({"--connector", "-c",
-                   "import connector\nconnector.loadService('print(1, file=__import__(\"sys\")."
-                   "__stdout__, flush=True)\\nwhile True: pass')\nconnector.loadService('2')"});
+    child =
+        begin({"--connector", "-c",
+               "import connector, os\nown = os.dup(1)\n"
+               "connector.loadService('os.write(own, b\"1\\\\n\")\\nwhile True: pass')\nconnector.loadService('2')"});
     EXPECT_TRUE(child->expect("1\n"));
     child->signal(SIGTERM);
     EXPECT_EQ(child->wait(), 143);

@@ -169,7 +169,6 @@ void Evaluation::write(rqe::Stream stream, std::string_view text)
     Lock lock(mutex_);
     if (closed_)
         return;
-    asking_ = false; // code that was interrupted while it waited for input goes on otherwise
     add(stream, text);
     if (pieces_.bytes() >= mostAhead_)
         flush(lock, true);
@@ -177,13 +176,13 @@ void Evaluation::write(rqe::Stream stream, std::string_view text)
 
 bool Evaluation::tryWrite(rqe::Stream stream, std::string_view text)
 {
-    if (!asking_ && printed_.add(stream, text)) {
+    if (printed_.add(stream, text)) {
         if (!pumpKnows_)
             wakePump();
         return true;
     }
     const Lock lock(mutex_, std::try_to_lock);
-    if (!lock || closed_ || asking_ || pieces_.bytes() + text.size() >= mostAhead_)
+    if (!lock || closed_ || pieces_.bytes() + text.size() >= mostAhead_)
         return false;
     add(stream, text);
     return true;
@@ -220,6 +219,12 @@ std::optional<std::string> Evaluation::readLine(milliseconds patience)
         return std::nullopt;
     asking_ = false;
     return std::exchange(line_, std::nullopt).value_or("");
+}
+
+void Evaluation::stopReading()
+{
+    Lock lock(mutex_);
+    asking_ = false;
 }
 
 Evaluation::Clock::time_point Evaluation::pump()

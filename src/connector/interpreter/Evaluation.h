@@ -77,6 +77,7 @@ public:
     void write(rqe::Stream stream, std::string_view text) override;
     bool tryWrite(rqe::Stream stream, std::string_view text) override;
     std::optional<std::string> readLine(std::chrono::milliseconds patience) override;
+    void stopReading() override;
     Clock::time_point pump() override;
 
 private:
@@ -126,7 +127,7 @@ private:
     Clock::time_point endedAt_{};
     std::atomic<bool> pumpKnows_{false}; ///< it will come by without being woken
     bool flushing_ = false;              ///< somebody writes events of older output than pieces_
-    bool asking_ = false;                ///< changed by the interpreter thread alone
+    bool asking_ = false;
     std::optional<std::string> line_;
     bool closed_ = false;
     bool forgotten_ = false;

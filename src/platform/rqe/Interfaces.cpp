@@ -12,6 +12,7 @@ namespace rqe {
 OutputSink::~OutputSink() = default;
 bool OutputSink::tryWrite(Stream, std::string_view) { return false; }
 std::optional<std::string> OutputSink::readLine(std::chrono::milliseconds) { return std::string(); }
+void OutputSink::stopReading() {}
 Interpreter::~Interpreter() = default;
 Task::~Task() = default;
 const std::string& Task::client() const noexcept

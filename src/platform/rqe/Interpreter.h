@@ -19,8 +19,9 @@ enum class Stream
     error
 };
 
-/// Takes what a piece of script prints, in order, and gives what it reads. Called on the interpreter thread, with the
-/// language's lock released unless said otherwise; must not call the engine.
+/// Takes what a piece of script prints, in order, and gives what it reads. Until the piece has ended, any thread may
+/// call it, one at a time but for readLine and stopReading, which may come beside writes; with the language's lock
+/// released unless said otherwise. Must not call the engine.
 class VENDRA_PLATFORM_API OutputSink
 {
 public:
@@ -32,6 +33,8 @@ public:
     /// The next line of standard input with its end, "" at the end of input, nothing when none came within `patience`:
     /// then the host looks for interrupts and asks again. This one is always at its end.
     virtual std::optional<std::string> readLine(std::chrono::milliseconds patience);
+    /// The script was interrupted while it waited for a line, and waits no longer. This one has nothing to do then.
+    virtual void stopReading();
 };
 
 struct EvalOptions

@@ -13,6 +13,7 @@
 
 #include "vendra/python/ConnectorModule.h"
 #include "vendra/python/Conversion.h"
+#include "vendra/python/InterruptHandler.h"
 #include "vendra/python/Object.h"
 #include "vendra/python/OutputCapture.h"
 #include "vendra/python/PythonInterpreter.h"
@@ -194,6 +195,7 @@ private:
     Ref noDescriptor_;
     bool armed_ = false;
     const pthread_t thread_ = ::pthread_self();
+    void (*languageHandler_)(int) = nullptr; ///< of signals for which the language has functions
     std::atomic<bool> breakRequested_ = false;
 };
 
@@ -202,7 +204,11 @@ class PythonHost::Running
 {
 public:
     explicit Running(Impl& impl) : impl_(impl) { impl_.disarm(); }
-    ~Running() { impl_.noteSignals(); }
+    ~Running()
+    {
+        removeDebuggersInterruptHandler(impl_.support.get());
+        impl_.noteSignals();
+    }
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
 
@@ -239,6 +245,9 @@ void PythonHost::Impl::installSignals()
     Ref asker = Ref::own(PyCFunction_New(&breakMethod, capsule.get()));
     setWakeFunction_ = callSupport("install_signals", {terminator.get(), number.get(), asker.get()});
     noDescriptor_ = Ref::own(PyLong_FromLong(-1));
+    struct sigaction action = {};
+    ::sigaction(breakSignal(), nullptr, &action);
+    languageHandler_ = action.sa_handler;
 }
 
 void PythonHost::Impl::setLanguageDescriptor(PyObject* descriptor)
@@ -307,10 +316,9 @@ void PythonHost::Impl::breakRunning()
     breakRequested_ = true;
     struct sigaction action = {};
     ::sigaction(SIGINT, nullptr, &action);
-    bool handled = action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN;
-    // A script may have given the keyboard's signal back to the system, and a shell starts what runs in the background
-    // with it ignored: then it would kill the process, or do nothing.
-    ::pthread_kill(thread_, handled ? SIGINT : breakSignal());
+    // A script may have given the keyboard's signal back to the system, a shell starts what runs in the background with
+    // it ignored, and libraries of C code take it: then it would kill the process, or do nothing that breaks the code.
+    ::pthread_kill(thread_, action.sa_handler == languageHandler_ ? SIGINT : breakSignal());
 }
 
 void PythonHost::Impl::discardBreak()
@@ -485,6 +493,8 @@ PythonHost::Outcome PythonHost::runLine()
     Running running(*impl_);
     return impl_->run("run_line", {});
 }
+
+void PythonHost::giveBackDescriptors() { impl_->capture.giveBackDescriptors(); }
 
 bool PythonHost::prepareAhead()
 {

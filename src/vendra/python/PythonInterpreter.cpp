@@ -9,6 +9,7 @@
 #include "platform/fl/i18n.h"
 #include "platform/rqe/ScriptError.h"
 #include "vendra/python/Conversion.h"
+#include "vendra/python/InterruptHandler.h"
 
 namespace vendra::python {
 namespace {
@@ -43,12 +44,6 @@ PyObject* workspace()
 
 } // namespace
 
-void PythonInterpreter::flush()
-{
-    if (capture_)
-        capture_->flush();
-}
-
 void PythonInterpreter::throwScriptError()
 {
     Ref error = takeError();
@@ -65,7 +60,6 @@ void PythonInterpreter::throwScriptError()
             std::string trace = textOf(PyTuple_GET_ITEM(described.get(), 2));
             type = textOf(PyTuple_GET_ITEM(described.get(), 0));
             error = {};
-            flush();
             throw rqe::ScriptError(type, message, trace);
         } catch (const ErrorSet&) {
             PyErr_Clear();
@@ -93,6 +87,7 @@ rqe::EvalResult PythonInterpreter::evaluate(std::string_view code, const rqe::Ev
                                             rqe::OutputSink& output)
 {
     return guarded(&output, [&] {
+        const InterruptHandler kept;
         Ref text = makeText(code);
         Ref file = makeText(options.fileName);
         Ref value = callSupport("evaluate", {text.get(), file.get(), options.wantValue ? Py_True : Py_False,
@@ -137,6 +132,7 @@ std::vector<matrix::ArrayPtr> PythonInterpreter::call(std::string_view name, rqe
                                                       std::size_t results, rqe::OutputSink& output)
 {
     return guarded(&output, [&] {
+        const InterruptHandler kept;
         Ref text = makeText(name);
         Ref function = callSupport("resolve", {text.get()});
         Ref values = Ref::own(PyTuple_New(static_cast<Py_ssize_t>(arguments.positional.size())));

@@ -49,7 +49,6 @@ private:
     /// The same for what runs no code of scripts: there is nothing to capture.
     template <class Body>
     auto looking(Body body);
-    void flush();
     [[noreturn]] void throwScriptError();
     Ref callSupport(const char* name, std::initializer_list<PyObject*> arguments);
     /// Throws std::invalid_argument for what cannot be a variable's name.
@@ -75,7 +74,7 @@ auto PythonInterpreter::guarded(rqe::OutputSink* sink, Body body)
     OutputCapture::Scope scope(*capture_, sink);
     try {
         auto result = body();
-        flush();
+        scope.finish();
         return result;
     } catch (const ErrorSet&) {
         throwScriptError();

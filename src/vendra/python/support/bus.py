@@ -66,15 +66,12 @@ class _Service:
 
     def _serve(self, channel, text, session):
         """(JSON, None), or (kind, text) of an error."""
-        import json
-
+        json = _library("json")
         try:
             answer = self._function(channel, json.loads(text), session)
             return json.dumps(answer, allow_nan=False, separators=(",", ":")), None
         except Exception as error:
-            import traceback
-
-            traceback.print_exc()
+            _print_error(error)
             return type(error).__name__, str(error)
 
     def cancel(self):

@@ -184,6 +184,13 @@ def install_signals(terminate, break_signal, break_requested):
     return functools.partial(signal.set_wakeup_fd, warn_on_full_buffer=False)
 
 
+def remove_debuggers_handler():
+    """pdb takes the keyboard's interrupt when its "continue" ends, and keeps it."""
+    bdb = sys.modules["bdb"]
+    if isinstance(getattr(signal.getsignal(signal.SIGINT), "__self__", None), bdb.Bdb):
+        signal.signal(signal.SIGINT, signal.default_int_handler)
+
+
 def let_next_signal_kill():
     for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGINT):
         signal.signal(number, signal.SIG_DFL)

@@ -15,6 +15,46 @@ _LIBRARY = os.path.dirname(os.__file__)
 _LIBRARY_FOLDERS = [_LIBRARY, os.path.join(_LIBRARY, "lib-dynload")]
 
 
+_when_loaded = {}  # name of a module -> what is to be done with it once somebody loads it
+
+
+class _Watch:
+    """Looks after the modules that the host has something to do with, and leaves loading them to those who need them."""
+
+    @staticmethod
+    def find_spec(name, path=None, target=None):
+        if name not in _when_loaded:
+            return None
+        spec = importlib.machinery.PathFinder.find_spec(name, path)
+        return spec and _watched(spec)
+
+
+def _watched(spec):
+    if spec.name not in _when_loaded or not _comes_from_library(spec):
+        return spec
+    load = spec.loader.exec_module
+
+    def exec_module(module):
+        load(module)
+        change = _when_loaded.pop(spec.name, None)
+        if change:
+            change(module)
+        if not _when_loaded and _Watch in sys.meta_path:
+            sys.meta_path.remove(_Watch)
+
+    spec.loader.exec_module = exec_module
+    return spec
+
+
+def after_load(name, change):
+    """Has `change` called with a module of the library once it is loaded."""
+    if _is_of_library(sys.modules.get(name)):
+        return change(sys.modules[name])
+    _when_loaded[name] = change
+    if _Watch not in sys.meta_path:
+        sys.meta_path.insert(0, _Watch)
+
+
 class LibraryFirst:
     """While it is entered, names of the language's library mean just that for what the thread imports."""
 
@@ -36,11 +76,15 @@ class LibraryFirst:
         spec = importlib.machinery.PathFinder.find_spec(name, _LIBRARY_FOLDERS)
         if spec is None:
             raise ModuleNotFoundError(f"No module named {name!r} in {_LIBRARY}", name=name)
-        return _with_cells(spec)
+        return _watched(spec)
 
 
 def _is_of_library(module):
-    origin = getattr(getattr(module, "__spec__", None), "origin", None)
+    return _comes_from_library(getattr(module, "__spec__", None))
+
+
+def _comes_from_library(spec):
+    origin = getattr(spec, "origin", None)
     return origin in ("built-in", "frozen") or isinstance(origin, str) and origin.startswith(os.path.join(_LIBRARY, ""))
 
 

@@ -4,6 +4,8 @@ One of the files that make up the host's own part in the language: they share on
 show in a traceback.
 """
 
+import _thread
+import functools
 import io
 import sys
 
@@ -147,3 +149,58 @@ def install_streams(write_out, flush_out, write_err, flush_err, read_line, captu
     sys.stdout = _Output.around(sys.stdout, write_out, flush_out, captured)
     sys.stderr = _Output.around(sys.stderr, write_err, flush_err, captured)
     sys.stdin = _Input(sys.stdin, read_line, captured)
+    after_load("getpass", functools.partial(_ask_clients, captured))
+
+
+def _ask_clients(captured, module):
+    """Secrets come from who is asked for everything else: the host's terminal is not theirs who run code from afar."""
+    ask_terminal = module.getpass
+
+    @functools.wraps(ask_terminal)
+    def getpass(prompt="Password: ", stream=None):
+        if not captured():
+            return ask_terminal(prompt, stream)
+        stream = stream or sys.stderr
+        stream.write(str(prompt))
+        stream.flush()
+        line = sys.stdin.readline()
+        if not line:
+            raise EOFError
+        return line.removesuffix("\n")
+
+    module.getpass = getpass
+
+
+def install_threads(outlet, run_for):
+    """Has threads print to where the thread that starts them does, and work for a pool's threads to where its giver
+    does. `outlet` tells that place, None for the host's own output; `run_for` runs a function there."""
+    start = _thread.start_new_thread
+
+    @functools.wraps(start)
+    def start_new_thread(function, args, /, *named):
+        place = outlet()
+        fits = callable(function) and isinstance(args, tuple) and len(named) < 2 and all(isinstance(one, dict) for one in named)
+        if place is None or not fits:
+            return start(function, args, *named)
+        return start(run_for, (place, function, args, *named))
+
+    def inherit(module):
+        class WorkItem(module._WorkItem):
+            def __init__(self, *details):
+                super().__init__(*details)
+                self.place = outlet()
+
+            def run(self):
+                if self.place is None:
+                    return super().run()
+                place, self.place = self.place, None
+                return run_for(place, super().run, ())
+
+        module._WorkItem = WorkItem
+
+    def start_by(module):
+        module._start_new_thread = start_new_thread
+
+    _thread.start_new_thread = _thread.start_new = start_new_thread
+    after_load("threading", start_by)
+    after_load("concurrent.futures.thread", inherit)
