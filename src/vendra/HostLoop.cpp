@@ -23,6 +23,8 @@ constexpr unsigned kTasksAtOnce = 16;
 /// So long nobody must want anything before the host does something for later; then again between its parts.
 constexpr int kQuietMilliseconds = 200;
 constexpr int kQuietBetweenMilliseconds = 5;
+/// So long descriptors 1 and 2 stay an evaluation's, for a client that asks again: changing them costs a tenth of that.
+constexpr int kLedMilliseconds = 2;
 /// How often windows are looked after: as often as a screen shows something new.
 constexpr int kWindowMilliseconds = 16;
 
@@ -84,10 +86,14 @@ Wake HostLoop::waitServing(int input)
 
         std::array<pollfd, 3> waited = {{{signalRead_, POLLIN, 0}, {engine_.wakeFd(), POLLIN, 0}, {input, POLLIN, 0}}};
         const bool looks = spin_.isActive();
-        if (!looks)
-            host_.giveBackDescriptors();
         const bool windows = host_.hasWindows();
-        const int ready = ::poll(waited.data(), waited.size(), looks ? 0 : windows ? kWindowMilliseconds : patience);
+        const bool leads = host_.leadsDescriptors();
+        const int most = leads ? kLedMilliseconds : windows ? kWindowMilliseconds : patience;
+        const int ready = ::poll(waited.data(), waited.size(), looks ? 0 : most);
+        if (ready == 0 && !looks && leads) {
+            host_.giveBackDescriptors();
+            continue;
+        }
         if (ready == 0 && !looks && windows)
             host_.serveWindows();
         else if (ready == 0 && !looks)

@@ -45,6 +45,7 @@ public:
 
     /// Makes descriptors 1 and 2 those of the host again, until the next evaluation. Needs no lock of the language.
     void giveBackDescriptors() noexcept { descriptors_.giveBack(); }
+    bool leadsDescriptors() const noexcept { return descriptors_.areLed(); }
 
     class Scope;
     class Heir;

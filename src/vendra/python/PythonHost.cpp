@@ -494,6 +494,8 @@ PythonHost::Outcome PythonHost::runLine()
     return impl_->run("run_line", {});
 }
 
+bool PythonHost::leadsDescriptors() const noexcept { return impl_->capture.leadsDescriptors(); }
+
 void PythonHost::giveBackDescriptors() { impl_->capture.giveBackDescriptors(); }
 
 bool PythonHost::prepareAhead()

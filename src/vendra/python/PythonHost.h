@@ -74,6 +74,7 @@ public:
     /// Makes descriptors 1 and 2, which evaluations use for themselves, those of the process again: before the host
     /// uses its terminal, or waits. Quick, and takes no lock.
     void giveBackDescriptors();
+    bool leadsDescriptors() const noexcept;
 
     /// Loads a part, of a few milliseconds, of what clients' first error needs. For when the host has nothing else to
     /// do; false once nothing is left to load, or while there can be no clients.
