@@ -285,6 +285,8 @@ bool Descriptors::tryFinish()
 void Descriptors::settle()
 {
     outlet_.reset();
+    if (used_)
+        LastWords::remember({});
     if (areLed() && (used_ || processesCame()) && sources_.size() <= kMostKept)
         closePipes();
 }
@@ -376,6 +378,8 @@ void Descriptors::handOver(const SourcePtr& source, std::string_view bytes, bool
     if (!isOwned(source))
         return writeOwn(source->stream, bytes);
     used_ = true;
+    if (source->stream == rqe::Stream::error)
+        LastWords::remember(bytes);
     std::string text = std::exchange(source->begun, {}).append(bytes);
     std::size_t whole = text.size() - begunBytes(text);
     if (const auto end = text.find_last_of("\r\n"); more && end != text.npos && text.size() - end <= kLongestLine)

@@ -1,5 +1,6 @@
 #include "vendra/python/LastWords.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <csignal>
@@ -18,6 +19,8 @@ struct Led
 };
 std::array<Led, 2> led;
 std::array<struct sigaction, kSignals.size()> former;
+std::array<char, 1024> taken;
+std::atomic<std::size_t> takenSize{0};
 
 /// Only what a handler may call.
 void pass(Led& stream, int descriptor) noexcept
@@ -27,6 +30,8 @@ void pass(Led& stream, int descriptor) noexcept
     if (pipe < 0)
         return;
     ::dup2(own, descriptor);
+    if (descriptor == STDERR_FILENO) [[maybe_unused]]
+        const auto written = ::write(own, taken.data(), takenSize);
     char bytes[512];
     for (ssize_t got = ::read(pipe, bytes, sizeof bytes); got > 0; got = ::read(pipe, bytes, sizeof bytes))
         if (::write(own, bytes, static_cast<std::size_t>(got)) < 0)
@@ -56,6 +61,14 @@ bool install() noexcept
 }
 
 } // namespace
+
+void LastWords::remember(std::string_view text) noexcept
+{
+    const std::size_t size = std::min(text.size(), taken.size());
+    takenSize = 0;
+    std::copy_n(text.end() - static_cast<std::ptrdiff_t>(size), size, taken.begin());
+    takenSize = size;
+}
 
 void LastWords::expect(unsigned stream, int own, int pipe) noexcept
 {
