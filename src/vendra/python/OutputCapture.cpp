@@ -14,6 +14,7 @@ namespace vendra::python {
 namespace {
 
 constexpr std::size_t kLongestPiece = 8192;
+constexpr unsigned kMostFlushes = 1000;
 /// How often code that waits for input looks whether it was interrupted.
 constexpr std::chrono::milliseconds kInterruptLook{20};
 
@@ -156,6 +157,7 @@ Ref OutputCapture::writeReal(const Target& target, PyObject* text)
     if (!target.real)
         return Ref::own(PyLong_FromSsize_t(PyUnicode_Check(text) ? PyUnicode_GET_LENGTH(text) : 0));
     if (!descriptors_.areLed() || !PyUnicode_Check(text)) {
+        ++realWrites_;
         Ref count = Ref::own(PyObject_CallMethod(target.real, "write", "O", text));
         if (child_) // which may end without looking after its streams
             Ref::own(PyObject_CallMethod(target.real, "flush", nullptr));
@@ -289,8 +291,15 @@ OutputCapture::Scope::Scope(OutputCapture& capture, rqe::OutputSink* sink)
 {
     if (!leads_)
         return;
-    if (!capture_.descriptors_.areLed())
-        capture_.flushReal();
+    if (!capture_.descriptors_.areLed()) {
+        // Others may write while that waits, and what they write must not come out in the evaluation.
+        unsigned before = 0;
+        unsigned tries = 0;
+        do {
+            before = capture_.realWrites_;
+            capture_.flushReal();
+        } while (before != capture_.realWrites_ && ++tries < kMostFlushes);
+    }
     capture_.descriptors_.begin(outlet_);
 }
 

@@ -76,6 +76,7 @@ private:
     Descriptors descriptors_;
     OwnLog log_{descriptors_};
     std::uint64_t printedAt_ = 0; ///< when the interpreter thread did last, in ticks of the processor's clock
+    unsigned realWrites_ = 0;
     std::array<Target, 2> targets_;
 };
 
