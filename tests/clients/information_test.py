@@ -14,22 +14,27 @@ VENDRA = sys.argv.pop(1)
 
 
 class Page:
-    """A page that entered by a one-time address and keeps its cookies."""
+    """A page that entered by a one-time address, keeps its cookies and has the key of its origin."""
 
     def __init__(self, host):
         self.where = urllib.parse.urlsplit(host.url)
         self.cookies = {}
         url = urllib.parse.urlsplit(host.command("--url").stdout.strip())
+        self.headers = {"Host": url.netloc, "Content-Type": "application/json", "Sec-Fetch-Site": "same-origin"}
         self._open("GET", f"{url.path}?{url.query}")
+        code = self.location.partition("#entry=")[2]
+        _, answer = self._open("POST", "/messageservice/entry", "", {"Vendra-Entry": code})
+        self.headers["Vendra-Page"] = json.loads(answer)["key"]
 
-    def _open(self, method, target, body=None):
+    def _open(self, method, target, body=None, more=()):
         connection = http.client.HTTPConnection(self.where.hostname, self.where.port, timeout=TIMEOUT)
         try:
-            headers = {"Content-Type": "application/json", "Sec-Fetch-Site": "same-origin",
+            headers = {**self.headers, **dict(more),
                        "Cookie": "; ".join(f"{name}={value}" for name, value in self.cookies.items())}
             connection.request(method, target, body, headers)
             response = connection.getresponse()
             text = response.read().decode()
+            self.location = response.getheader("Location", "")
             for cookie in response.headers.get_all("Set-Cookie") or []:
                 name, _, value = cookie.partition(";")[0].partition("=")
                 self.cookies[name] = value

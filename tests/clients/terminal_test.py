@@ -26,9 +26,10 @@ class AtTerminal(Vendra):
                                         preexec_fn=lambda: __import__("fcntl").ioctl(0, __import__("termios").TIOCSCTTY))
         os.close(inside)
         self.shown = ""
-        self.url = self.expect(r"Connector: (\S+)")
+        self.expect(r"Connector: (\S+)")
         self.token_file = self.expect(r"Token file: (\S+)")
         self.discovery = self._discovered()
+        self.url = self.discovery["url"]
         self.expect(r"(>>> )")
         return self
 

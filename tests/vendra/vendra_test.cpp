@@ -300,7 +300,7 @@ for call in (lambda: connector.start(1), lambda: connector.startBundle(), lambda
              lambda: connector.startBundle(name="x")):
     try: call()
     except TypeError as e: print(e)
-print([n for n in dir(connector) if not n.startswith("_")][2:])
+print([n for n in dir(connector) if n[0].islower()])
 )py"});
     EXPECT_EQ(
         ended.output,
@@ -310,11 +310,12 @@ print([n for n in dir(connector) if not n.startswith("_")][2:])
         "RuntimeError no UTF-8: \xEF\xBF\xBD\nRuntimeError an error of an unknown kind\n"
         "start() takes 0 arguments (1 given)\nstartBundle() takes 1 argument (0 given)\n"
         "executeCommand() takes 2 arguments (1 given)\nconnector.startBundle() takes no keyword arguments\n"
-        "['executeCommand', 'listAllBundleNames', 'listAllServiceNames', 'listCommands', 'loadAllServices', "
+        "['channel', 'end_session', 'executeCommand', 'listAllBundleNames', 'listAllServiceNames', 'listCommands', "
+        "'loadAllServices', "
         "'loadService', 'printAllBundles', 'printAllServices', 'printBundleProperties', 'printBundleServices', "
-        "'printServiceProperties', 'publish', 'reload', 'restartBundle', 'setLogDestination', "
+        "'printServiceProperties', 'publish', 'reload', 'restartBundle', 'serve', 'sessions', 'setLogDestination', "
         "'setLogSpecification', 'start', 'startAllBundles', 'startBundle', 'stop', 'stopAllBundles', 'stopBundle', "
-        "'subscribe', 'unloadAllServices', 'unloadService', 'unsubscribe']\n")
+        "'subscribe', 'unloadAllServices', 'unloadService', 'unserve', 'unsubscribe']\n")
         << ended.errors;
 }
 
