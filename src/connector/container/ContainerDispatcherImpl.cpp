@@ -162,12 +162,12 @@ MessageFuture ContainerDispatcherImpl::dispatch(std::unique_ptr<ContainerRequest
         try {
             // A type that is not for clients is none to them, however its message is made.
             const auto mapping = find(entry.type);
-            if (!mapping && !entry.type.empty())
-                throw ServiceFault("unknownType", "No service takes messages of type \"" + entry.type + "\".");
             if (mapping && mapping->manages)
                 requireManagement(entry.type, *context);
-            if (entry.failure)
+            if (entry.failure && (mapping || entry.type.empty()))
                 std::rethrow_exception(entry.failure);
+            if (!mapping)
+                throw ServiceFault("unknownType", "No service takes messages of type \"" + entry.type + "\".");
             if (mapping->together) {
                 auto& group = together[entry.type];
                 if (!group.request) {

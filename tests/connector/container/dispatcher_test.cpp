@@ -94,6 +94,7 @@ TEST_F(DispatcherTest, EachMessageIsAnsweredInItsPlace)
     dispatcher->registerMessageMapping("Nowhere", Address{"nobody"}, 0);
     EXPECT_EQ(answers(send({{"Upper", "a"}, {"Other", "b"}, {"Upper", "fail"}, {"Nowhere", "c"}, {"Upper", "d"}})),
               "m0=a! m1=Fault(unknownType) m2=Fault(broken) m3=Fault(unavailable) m4=d!");
+    EXPECT_EQ(answers(send({{"", "without a type"}})), "m0=Fault(unknownType)");
     EXPECT_EQ(answers(send({})), "");
     EXPECT_THROW(dispatcher->handle(request({}), Address{"more"}, connector->newContext()), std::invalid_argument);
 }
